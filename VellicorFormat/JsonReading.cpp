@@ -1,0 +1,1 @@
+#include "VellicorFormat/JsonReading.h"

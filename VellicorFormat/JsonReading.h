@@ -1,0 +1,65 @@
+#pragma once
+
+// Internal to the project: not installed with the library, because it speaks the parser's types.
+
+#include <cstdint>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+#include <nlohmann/json.hpp>
+
+namespace vellicor {
+
+/// What a typed read of parsed JSON reports: which key, and what was expected of it.
+class JsonDecodingError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// Parses one JSON document (RFC 8259, strict UTF-8, nothing but white space behind it). Nesting deeper than
+/// `maximumJsonDepth` is refused before anything is built, so hostile brackets cost no memory. Throws the
+/// parser's own exception, or `JsonDecodingError` for the nesting.
+nlohmann::json parseJson(std::string_view text);
+
+inline constexpr std::size_t maximumJsonDepth = 512;
+
+/// Typed access to the members of one JSON object; `where` names the object in messages ("" for the
+/// document). Every accessor throws `JsonDecodingError` when the member is missing or of another type.
+/// Numbers are exact: an integer accessor takes a number with an integral value that fits, never a fraction
+/// (3.0 counts as 3).
+class JsonObject {
+ public:
+  /// Throws `JsonDecodingError` when `value` is not an object. Keeps a reference to `value`.
+  JsonObject(const nlohmann::json& value, std::string where);
+
+  const nlohmann::json& member(std::string_view key) const;
+  /// Absent and null both give nothing.
+  const nlohmann::json* optionalMember(std::string_view key) const;
+
+  std::string string(std::string_view key) const;
+  bool boolean(std::string_view key) const;
+  std::int64_t integer(std::string_view key) const;
+  std::uint64_t unsignedInteger(std::string_view key) const;
+  double number(std::string_view key) const;
+  JsonObject object(std::string_view key) const;
+  const nlohmann::json& array(std::string_view key) const;
+
+  std::optional<std::string> optionalString(std::string_view key) const;
+  std::optional<std::int64_t> optionalInteger(std::string_view key) const;
+
+  /// "<where>.<key>", for messages.
+  std::string path(std::string_view key) const;
+  const nlohmann::json& json() const { return *value_; }
+
+ private:
+  const nlohmann::json* value_;
+  std::string where_;
+};
+
+/// The exact integral value of a JSON number, or nothing for any other value or one that does not fit.
+std::optional<std::int64_t> exactInteger(const nlohmann::json& value);
+std::optional<std::uint64_t> exactUnsigned(const nlohmann::json& value);
+
+}  // namespace vellicor

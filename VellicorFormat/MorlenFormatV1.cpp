@@ -1,0 +1,1 @@
+#include "VellicorFormat/MorlenFormatV1.h"

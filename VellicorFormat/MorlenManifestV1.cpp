@@ -1,0 +1,1 @@
+#include "VellicorFormat/MorlenManifestV1.h"

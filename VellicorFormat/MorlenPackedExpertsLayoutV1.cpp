@@ -1,0 +1,1 @@
+#include "VellicorFormat/MorlenPackedExpertsLayoutV1.h"

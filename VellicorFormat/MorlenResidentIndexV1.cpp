@@ -1,0 +1,1 @@
+#include "VellicorFormat/MorlenResidentIndexV1.h"

@@ -1,0 +1,1 @@
+#include "VellicorFormat/UnicodeText.h"

@@ -1,0 +1,116 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "VellicorLab/SyntheticCheckpoint.h"
+
+namespace vellicor {
+
+/// What was asked of the hub, in order of arrival.
+struct HubRequest {
+  /// Position in the log, from 0.
+  std::uint64_t number = 0;
+  /// Which TCP connection it came on, from 0.
+  std::uint64_t connection = 0;
+  /// The Host header's name without its port: "localhost" is the hub, "127.0.0.1" the storage host.
+  std::string host;
+  std::string method;
+  /// Path and query, as received.
+  std::string target;
+  /// The repository file that it is about, "" when none.
+  std::string file;
+  /// Absent headers are empty.
+  std::string range;
+  std::string authorization;
+  std::string acceptEncoding;
+  /// Whether this is the request that gets the bytes (or the final metadata answer), not a redirect to it.
+  bool isFinalHop = false;
+};
+
+/// A departure from the normal answer to one request. Fields left empty change nothing.
+struct HubFault {
+  /// Answer with this status and body instead; the usual headers of the case are left out.
+  std::optional<int> status;
+  std::string body;
+  /// Set, or with nothing removed, in whatever answer is sent.
+  std::vector<std::pair<std::string, std::optional<std::string>>> headers;
+  /// Close in good order (TLS close_notify) after this many body bytes.
+  std::optional<std::uint64_t> closeAfter;
+  /// Reset the TCP connection after this many body bytes; 0 resets before the body, `resetBeforeHead` before
+  /// anything.
+  std::optional<std::uint64_t> resetAfter;
+  bool resetBeforeHead = false;
+  /// Send no more after this many body bytes, keeping the connection open until the hub is stopped.
+  std::optional<std::uint64_t> stallAfter;
+  bool stallBeforeHead = false;
+  /// Body bytes appended beyond what is announced.
+  std::uint64_t extraBytes = 0;
+  /// Flips the lowest bit of the body byte at this position.
+  std::optional<std::uint64_t> flipByte;
+  /// Sends the body as chunks, without Content-Length.
+  bool chunked = false;
+  /// Sends header lines without end, until the client goes.
+  bool endlessHeaders = false;
+  /// One body byte per this time.
+  std::optional<std::chrono::milliseconds> trickle;
+  /// Announces HTTP/1.0 and closes after the body.
+  bool http10 = false;
+};
+
+/// An HTTPS server on the loopback that behaves as the model hub does: small files through a relative
+/// redirect on the hub's host, large files through a redirect to the storage host, which refuses
+/// authorization. One thread serves; the destructor stops it and closes every connection.
+class LocalHub {
+ public:
+  struct Options {
+    std::shared_ptr<const HubRepository> repository;
+    /// Serve this owner/name only; empty serves any.
+    std::string repoID;
+    /// 0 takes a free port.
+    std::uint16_t port = 0;
+    /// Where the certificate that clients must trust is written (PEM).
+    std::string caFilePath;
+    /// When set, the hub refuses requests without exactly this bearer token.
+    std::optional<std::string> requiredToken;
+    /// Decides about each request; called on the serving thread.
+    std::function<std::optional<HubFault>(const HubRequest&)> faults;
+    /// The names in the certificate; both hosts by default.
+    std::vector<std::string> certificateNames = {"localhost", "127.0.0.1"};
+    /// How many redirects lie between the storage host's first address and the bytes.
+    int storageRedirects = 0;
+    /// Added before every answer's head.
+    std::chrono::milliseconds latency{0};
+  };
+
+  explicit LocalHub(Options options);
+  ~LocalHub();
+  LocalHub(const LocalHub&) = delete;
+  LocalHub& operator=(const LocalHub&) = delete;
+
+  /// "https://localhost:PORT".
+  std::string baseURL() const;
+  const std::string& caFile() const;
+  std::uint16_t port() const;
+
+  /// The log so far; safe from any thread.
+  std::vector<HubRequest> requests() const;
+  void clearRequests();
+  std::uint64_t connectionCount() const;
+
+  /// Replaces the fault decision; safe from any thread.
+  void setFaults(std::function<std::optional<HubFault>(const HubRequest&)> faults);
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace vellicor

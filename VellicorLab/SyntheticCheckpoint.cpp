@@ -1,0 +1,1 @@
+#include "VellicorLab/SyntheticCheckpoint.h"

@@ -1,0 +1,1 @@
+#include "VellicorRepack/CommandLine.h"

@@ -1,0 +1,1 @@
+#include "VellicorRepack/ProgressLines.h"

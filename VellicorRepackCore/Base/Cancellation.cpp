@@ -1,0 +1,1 @@
+#include "VellicorRepackCore/Base/Cancellation.h"

@@ -1,0 +1,1 @@
+#include "VellicorRepackCore/Base/Environment.h"

@@ -1,0 +1,1 @@
+#include "VellicorRepackCore/Base/Sha256Stream.h"

@@ -1,0 +1,1 @@
+#include "VellicorRepackCore/FileSystem/InstallLock.h"

@@ -1,0 +1,61 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "VellicorRepackCore/FileSystem/Posix.h"
+
+namespace vellicor {
+
+/// Access to the inside of one artifact directory through a descriptor held from construction on, by
+/// validated relative paths, without ever following a symbolic link: replacing the directory's path cannot
+/// redirect an access. Failures are `RepackError`s naming the full path. Operations share no file offset and
+/// keep no state.
+class MorlenDirectoryAccess {
+ public:
+  static constexpr int defaultMaxDepth = 16;
+  static constexpr std::size_t defaultMaxEntries = 100000;
+  static constexpr std::size_t hashChunkBytes = 65536;
+
+  enum class PageCache { use, bypass };
+
+  /// Opens the directory; a final symbolic link to a directory is followed, once.
+  explicit MorlenDirectoryAccess(const std::string& rootPath);
+
+  const std::string& rootPath() const { return rootPath_; }
+  int directoryFileDescriptor() const { return root_.get(); }
+
+  /// A regular file, open for reading. A missing one is `fileStatFailed` with errno ENOENT.
+  FileDescriptor openFile(const std::string& relativePath) const;
+
+  std::string readMetadata(const std::string& relativePath, std::uint64_t maxBytes) const;
+  std::string readMetadata(int fd, const std::string& relativePath, std::uint64_t maxBytes) const;
+
+  std::uint64_t fileSize(const std::string& relativePath) const;
+  std::uint64_t fileSize(int fd, const std::string& relativePath) const;
+
+  /// SHA-256 of the whole file as it is now, in lower-case hexadecimal.
+  std::string hash(const std::string& relativePath, PageCache cache) const;
+  std::string hash(int fd, const std::string& relativePath, PageCache cache) const;
+
+  /// Every entry of the tree as a relative path, sorted ascending. A top-level directory named "tokenizer" is
+  /// listed and not entered. Throws `configurationInvalid` beyond the bounds.
+  std::vector<std::string> relativeEntries(int maxDepth = defaultMaxDepth,
+                                           std::size_t maxEntries = defaultMaxEntries) const;
+
+  /// Creates or replaces a file at the directory's top level, atomically and durably, mode 0600.
+  void atomicWrite(std::string_view data, const std::string& name) const;
+
+ private:
+  std::string fullPath(std::string_view relativePath) const;
+  void walk(int fd, const std::string& prefix, int depth, int maxDepth, std::size_t maxEntries,
+            std::vector<std::string>& entries) const;
+
+  std::string rootPath_;
+  FileDescriptor root_;
+};
+
+}  // namespace vellicor

@@ -1,0 +1,132 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "VellicorRepackCore/Base/Errors.h"
+
+namespace vellicor {
+
+/// Owns one descriptor and closes it. `close` is never retried, and its result never matters: what must be
+/// durable has been synced before.
+class FileDescriptor {
+ public:
+  FileDescriptor() = default;
+  explicit FileDescriptor(int fd) : fd_(fd) {}
+  ~FileDescriptor() { reset(); }
+  FileDescriptor(FileDescriptor&& other) noexcept : fd_(other.release()) {}
+  FileDescriptor& operator=(FileDescriptor&& other) noexcept {
+    if (this != &other) {
+      reset();
+      fd_ = other.release();
+    }
+    return *this;
+  }
+
+  int get() const noexcept { return fd_; }
+  explicit operator bool() const noexcept { return fd_ >= 0; }
+  void reset() noexcept;
+  int release() noexcept {
+    const int fd = fd_;
+    fd_ = -1;
+    return fd;
+  }
+
+ private:
+  int fd_ = -1;
+};
+
+/// Checked wrappers over the POSIX file calls. Every failing call becomes one `RepackError` with the path and
+/// the errno read right after the call; EINTR is retried silently; transfers run until they are complete.
+struct Posix {
+  enum class EntryKind { absent, regular, directory, symlink, other };
+  /// The name of the case, for messages.
+  static std::string_view name(EntryKind kind);
+
+  // Opening. Each failure is `fileOpenFailed`.
+  static FileDescriptor openRead(const std::string& path);
+  static FileDescriptor openReadNoFollow(const std::string& path);
+  static FileDescriptor openExistingRW(const std::string& path);
+  /// Mode 0644; truncates an existing file and follows symbolic links.
+  static FileDescriptor openCreateRW(const std::string& path);
+  /// Write-only, the file must not exist, never through a link, closed on exec.
+  static FileDescriptor openCreateExclusive(const std::string& path, unsigned mode);
+  static FileDescriptor openDirectory(const std::string& path);
+  static FileDescriptor openLock(const std::string& path);
+
+  // Metadata and names.
+  static std::uint64_t fileSize(int fd, const std::string& path);
+  /// Without following a final symbolic link.
+  static EntryKind entryKind(const std::string& path);
+  /// Whether the path is a regular file and the very one that is open as `fd`.
+  static bool descriptorMatchesPath(int fd, const std::string& path);
+  /// The absolute path with every symbolic link resolved.
+  static std::string physicalPath(const std::string& path);
+  /// Creates a directory and every missing parent. Throws the standard library's filesystem_error.
+  static void mkdirP(const std::string& path);
+  static void rename(const std::string& from, const std::string& to);
+  /// Atomically exchanges two directory entries. Throws `promotionUnsupported` naming `a`.
+  static void renameSwap(const std::string& a, const std::string& b);
+  /// Removes a file. Throws `fileOpenFailed`; a missing file is a failure like any other.
+  static void unlink(const std::string& path);
+  /// Removes a file or a whole tree, without following links. A missing one is no error. Throws the standard
+  /// library's filesystem_error.
+  static void removeTree(const std::string& path);
+
+  // Transfers of exactly `count` bytes at `offset`. Throw `preadShort`, `pwriteShort`, or
+  // `configurationInvalid` for a range that no file offset can express.
+  static void preadAll(int fd, const std::string& path, void* buffer, std::int64_t count,
+                       std::uint64_t offset);
+  static void pwriteAll(int fd, const std::string& path, const void* buffer, std::int64_t count,
+                        std::uint64_t offset);
+  /// Throws `configurationInvalid` before the call for a size no file offset can express.
+  static void ftruncate(int fd, const std::string& path, std::uint64_t size);
+
+  // Durability.
+  /// Returns when the file's bytes and size are on the device itself (F_FULLFSYNC where there is one).
+  static void fsync(int fd, const std::string& path);
+  static void fsyncDirectory(const std::string& path);
+
+  enum class FinalLink { refuse, follow };
+  /// The whole content of a regular file of at most `maximumBytes`.
+  static std::string readBoundedData(const std::string& path, std::uint64_t maximumBytes,
+                                     FinalLink finalLink = FinalLink::refuse);
+  /// The whole content of a file, however large. Throws `fileOpenFailed`, `fileStatFailed` or `preadShort`.
+  static std::string readWholeFile(const std::string& path);
+  /// A plain write of a whole file, replacing what is there; neither atomic nor durable.
+  static void writeWholeFile(const std::string& path, std::string_view data);
+
+  /// Replaces a file atomically and durably through "<path>.tmp", mode 0600. `directory` is the one that
+  /// holds `path`. `afterRename`, when given, runs between the rename and the sync of the directory.
+  static void atomicWrite(std::string_view data, const std::string& path, const std::string& directory,
+                          const std::function<void()>& afterRename = nullptr);
+
+  // Platform differences, one small function each.
+  /// Asks that reads of this descriptor leave no pages in the cache (F_NOCACHE); a no-op where there is no
+  /// such request.
+  static void bypassPageCache(int fd) noexcept;
+  /// Where `bypassPageCache` is a no-op: drops the cached pages of [offset, offset + length) behind a reader.
+  static void dropCachedPages(int fd, std::uint64_t offset, std::uint64_t length) noexcept;
+  /// Bytes available to an unprivileged writer on the path's file system. Throws `fileStatFailed`.
+  static std::uint64_t availableBytes(const std::string& path);
+};
+
+/// Absolute form of a path against the current directory, with "." and ".." components and a trailing slash
+/// removed lexically; symbolic links are not resolved.
+std::string standardizedPath(const std::string& path);
+
+/// `base` and `component` with a single "/" between them.
+std::string joinPath(std::string_view base, std::string_view component);
+
+/// The path without its last component, and the last component.
+std::string parentPath(std::string_view path);
+std::string lastPathComponent(std::string_view path);
+
+/// A random version 4 UUID (RFC 9562) in its 36-character upper-case text form.
+std::string randomUuid();
+
+}  // namespace vellicor

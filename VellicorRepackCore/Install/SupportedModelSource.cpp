@@ -1,0 +1,1 @@
+#include "VellicorRepackCore/Install/SupportedModelSource.h"

@@ -1,0 +1,1 @@
+#include "VellicorRepackCore/Output/MorlenJSON.h"

@@ -1,0 +1,1 @@
+#include "VellicorRepackCore/Output/MorlenLayoutValidator.h"

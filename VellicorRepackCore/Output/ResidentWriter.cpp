@@ -1,0 +1,1 @@
+#include "VellicorRepackCore/Output/ResidentWriter.h"

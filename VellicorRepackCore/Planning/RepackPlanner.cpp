@@ -1,0 +1,1 @@
+#include "VellicorRepackCore/Planning/RepackPlanner.h"

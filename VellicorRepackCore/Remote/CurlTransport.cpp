@@ -1,0 +1,1 @@
+#include "VellicorRepackCore/Remote/CurlTransport.h"

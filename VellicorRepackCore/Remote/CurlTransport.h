@@ -1,0 +1,35 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "VellicorRepackCore/Remote/HttpTransport.h"
+
+namespace vellicor {
+
+/// The real transport, over libcurl: HTTPS only, certificates always verified, HTTP/1.1, no decoding of
+/// bodies; proxies follow libcurl's environment conventions. One handle serves every hop, so connections, DNS
+/// and TLS sessions to each host are kept. Every failure of libcurl becomes a `NetworkError` whose text a
+/// person understands.
+class CurlTransport final : public HttpTransport {
+ public:
+  struct Options {
+    /// Certificates (PEM) to trust instead of the system's.
+    std::optional<std::string> caFile;
+    /// The largest header block accepted, in bytes.
+    std::size_t maximumHeaderBytes = 262144;
+  };
+
+  explicit CurlTransport(Options options);
+  ~CurlTransport() override;
+
+  void perform(const HttpRequest& request, const HttpHopLimits& limits, HttpObserver& observer,
+               const std::stop_token& stop) override;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace vellicor

@@ -1,0 +1,1 @@
+#include "VellicorRepackCore/Reporting/RepackAudit.h"

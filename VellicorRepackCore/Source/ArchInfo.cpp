@@ -1,0 +1,1 @@
+#include "VellicorRepackCore/Source/ArchInfo.h"

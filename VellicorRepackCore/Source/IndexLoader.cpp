@@ -1,0 +1,1 @@
+#include "VellicorRepackCore/Source/IndexLoader.h"

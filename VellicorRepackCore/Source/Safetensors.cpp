@@ -1,0 +1,1 @@
+#include "VellicorRepackCore/Source/Safetensors.h"

@@ -1,0 +1,1 @@
+#include "VellicorRepackCore/Verification/VerifiedInstallTool.h"

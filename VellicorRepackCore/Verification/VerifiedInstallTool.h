@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace vellicor {
+
+struct VerifyInstallOptions {
+  /// The artifact directory, as given.
+  std::string inputMorlen;
+};
+
+struct VerifyInstallResult {
+  std::string receiptPath;
+  /// The manifest's entries and the manifest itself.
+  std::int64_t fileCount = 0;
+  std::uint64_t bytesVerified = 0;
+  /// What the directory holds beyond the artifact, sorted ascending; no failure.
+  std::vector<std::string> unexpectedEntries;
+};
+
+/// Checks an installed artifact against its own manifest and, when everything matches, writes its receipt.
+struct VerifiedInstallTool {
+  static constexpr std::uint64_t maximumManifestBytes = 4194304;
+  static constexpr std::uint64_t maximumLayoutBytes = 16777216;
+
+  /// Throws `RepackError` at the first mismatch; an earlier receipt then stays as it was.
+  static VerifyInstallResult run(const VerifyInstallOptions& options);
+};
+
+}  // namespace vellicor

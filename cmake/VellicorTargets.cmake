@@ -1,0 +1,60 @@
+# What every target of the project shares: the language, the warnings, the libraries and the output folders.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/bin")
+set(THREADS_PREFER_PTHREAD_FLAG ON)
+
+find_package(Threads REQUIRED)
+find_package(CURL 7.86 REQUIRED)
+find_package(OpenSSL 3.0 REQUIRED COMPONENTS Crypto SSL)
+if(APPLE)
+  # Homebrew keeps ICU out of the default search path.
+  foreach(prefix /opt/homebrew/opt/icu4c /usr/local/opt/icu4c)
+    if(EXISTS "${prefix}" AND NOT ICU_ROOT)
+      set(ICU_ROOT "${prefix}")
+    endif()
+  endforeach()
+endif()
+find_package(ICU 70 REQUIRED COMPONENTS uc i18n)
+find_package(fmt 9 REQUIRED)
+find_package(nlohmann_json 3.11 REQUIRED)
+
+option(VELLICOR_SANITIZE "Build with the address and undefined-behaviour sanitizers" OFF)
+
+add_library(VellicorSettings INTERFACE)
+target_compile_features(VellicorSettings INTERFACE cxx_std_20)
+target_include_directories(VellicorSettings INTERFACE "${PROJECT_SOURCE_DIR}")
+target_compile_definitions(VellicorSettings INTERFACE _FILE_OFFSET_BITS=64)
+target_compile_options(
+  VellicorSettings
+  INTERFACE -Wall
+            -Wextra
+            -Wpedantic
+            -Werror
+            -Wshadow
+            -Wconversion
+            -Wsign-conversion
+            -Wold-style-cast
+            -Wnon-virtual-dtor
+            -Woverloaded-virtual
+            -Wcast-align
+            -Wformat=2
+            -Wimplicit-fallthrough
+            -Wextra-semi)
+if(VELLICOR_SANITIZE)
+  set(sanitizers -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_compile_options(VellicorSettings INTERFACE ${sanitizers})
+  target_link_options(VellicorSettings INTERFACE ${sanitizers})
+endif()
+
+# vellicor_library(<name> SOURCES <file>... [LINKS <target>...] [PRIVATE_LINKS <target>...])
+# A static library of one folder. LINKS are the floors below that its headers may include; PRIVATE_LINKS are the
+# third-party libraries that only its sources use.
+function(vellicor_library name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LINKS;PRIVATE_LINKS")
+  add_library(${name} STATIC ${arg_SOURCES})
+  target_link_libraries(${name} PUBLIC VellicorSettings ${arg_LINKS} PRIVATE ${arg_PRIVATE_LINKS})
+endfunction()
