@@ -3,16 +3,16 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace vellicor {
 
 /// Writes one JSON document (RFC 8259) in the canonical form of this system's records: the caller gives keys
 /// in ascending byte order (checked in debug builds), the pretty form has one member per line, two spaces per
-/// level and
-/// `"key" : value`, an empty array or object in the pretty form is its bracket, an empty line and its closing
-/// bracket, and nothing follows the last bracket. Text that is not well-formed UTF-8 is written with U+FFFD
-/// in place of what is ill-formed, so writing never fails.
+/// level and `"key" : value`, an empty array or object in the pretty form is its bracket, an empty line and
+/// its closing bracket, and nothing follows the last bracket. Text that is not well-formed UTF-8 is written
+/// with U+FFFD in place of what is ill-formed, so writing never fails.
 class CanonicalJson {
  public:
   enum class Layout { pretty, compact };
@@ -50,10 +50,12 @@ class CanonicalJson {
   struct Level {
     bool isObject = false;
     bool isEmpty = true;
+    /// Kept in debug builds only.
     std::string lastKey;
   };
 
   void beginValue();
+  void beginItem();
   void open(char bracket, bool isObject);
   void close(char bracket);
   void newLine(std::size_t depth);

@@ -2,13 +2,19 @@
 
 // Internal to the project: not installed with the library, because it speaks the parser's types.
 
+#include <cstddef>
 #include <cstdint>
+#include <exception>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include <nlohmann/json.hpp>
+
+#include "VellicorFormat/MorlenFormatV1.h"
 
 namespace vellicor {
 
@@ -45,6 +51,7 @@ class JsonObject {
   double number(std::string_view key) const;
   JsonObject object(std::string_view key) const;
   const nlohmann::json& array(std::string_view key) const;
+  std::vector<std::int64_t> integerArray(std::string_view key) const;
 
   std::optional<std::string> optionalString(std::string_view key) const;
   std::optional<std::int64_t> optionalInteger(std::string_view key) const;
@@ -54,6 +61,8 @@ class JsonObject {
   const nlohmann::json& json() const { return *value_; }
 
  private:
+  [[noreturn]] void refuse(std::string_view key, std::string_view expected) const;
+
   const nlohmann::json* value_;
   std::string where_;
 };
@@ -61,5 +70,15 @@ class JsonObject {
 /// The exact integral value of a JSON number, or nothing for any other value or one that does not fit.
 std::optional<std::int64_t> exactInteger(const nlohmann::json& value);
 std::optional<std::uint64_t> exactUnsigned(const nlohmann::json& value);
+
+/// What `read` returns; whatever it throws becomes a `MorlenFormatError` invalid(field, <its text>).
+template <typename Read>
+auto readingFormatRecord(std::string_view field, Read&& read) {
+  try {
+    return std::forward<Read>(read)();
+  } catch (const std::exception& error) {
+    throw MorlenFormatError::invalid(std::string(field), error.what());
+  }
+}
 
 }  // namespace vellicor

@@ -1,1 +1,243 @@
 #include "VellicorFormat/MorlenPackedExpertsLayoutV1.h"
+
+#include <algorithm>
+#include <limits>
+#include <set>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "VellicorFormat/ByteRanges.h"
+#include "VellicorFormat/CanonicalJson.h"
+#include "VellicorFormat/JsonReading.h"
+
+namespace vellicor {
+namespace {
+
+// Reading.
+
+MorlenSubTensorV1 readSubTensor(const JsonObject& json) {
+  MorlenSubTensorV1 tensor{.offset = json.unsignedInteger("offset"),
+                           .size = json.unsignedInteger("size"),
+                           .dtype = json.string("dtype"),
+                           .shape = {},
+                           .bits = json.optionalInteger("bits")};
+  for (const std::int64_t dimension : json.integerArray("shape")) {
+    if (!std::in_range<std::uint32_t>(dimension))
+      throw JsonDecodingError(json.path("shape") + ": expected 32-bit dimensions");
+    tensor.shape.push_back(static_cast<std::uint32_t>(dimension));
+  }
+  return tensor;
+}
+
+MorlenExpertV1 readExpert(const JsonObject& json) {
+  MorlenExpertV1 expert{.expert = json.optionalInteger("expert"),
+                        .physicalRank = json.optionalInteger("physicalRank"),
+                        .offset = json.unsignedInteger("offset"),
+                        .size = json.unsignedInteger("size"),
+                        .tensors = {}};
+  const JsonObject tensors = json.object("tensors");
+  for (const auto& [name, value] : tensors.json().items())
+    expert.tensors.emplace(name, readSubTensor(JsonObject(value, tensors.path(name))));
+  return expert;
+}
+
+/// The records of an array of objects.
+template <typename Read>
+auto readArray(const JsonObject& json, std::string_view key, Read read) {
+  const nlohmann::json& values = json.array(key);
+  std::vector<decltype(read(json))> records;
+  records.reserve(values.size());
+  for (std::size_t i = 0; i < values.size(); ++i)
+    records.push_back(read(JsonObject(values[i], fmt::format("{}[{}]", json.path(key), i))));
+  return records;
+}
+
+MorlenLayerV1 readLayer(const JsonObject& json) {
+  return {.layer = json.integer("layer"),
+          .file = json.string("file"),
+          .experts = readArray(json, "experts", readExpert)};
+}
+
+MorlenPackedExpertsLayoutV1 readLayout(const JsonObject& json) {
+  return {.expertStride = json.unsignedInteger("expertStride"),
+          .numLayers = json.integer("numLayers"),
+          .expertsPerLayer = json.integer("expertsPerLayer"),
+          .layers = readArray(json, "layers", readLayer)};
+}
+
+// Writing: every object's keys in ascending byte order.
+
+void writeSubTensor(CanonicalJson& json, const MorlenSubTensorV1& tensor) {
+  json.beginObject();
+  if (tensor.bits) json.member("bits", *tensor.bits);
+  json.member("dtype", tensor.dtype).member("offset", tensor.offset).key("shape").beginArray();
+  for (const std::uint32_t dimension : tensor.shape) json.value(std::uint64_t{dimension});
+  json.endArray().member("size", tensor.size).endObject();
+}
+
+void writeExpert(CanonicalJson& json, const MorlenExpertV1& expert) {
+  json.beginObject();
+  if (expert.expert) json.member("expert", *expert.expert);
+  json.member("offset", expert.offset);
+  if (expert.physicalRank) json.member("physicalRank", *expert.physicalRank);
+  json.member("size", expert.size).key("tensors").beginObject();
+  for (const auto& [name, tensor] : expert.tensors) writeSubTensor(json.key(name), tensor);
+  json.endObject().endObject();
+}
+
+void writeLayout(CanonicalJson& json, const MorlenPackedExpertsLayoutV1& layout) {
+  json.beginObject()
+      .member("expertStride", layout.expertStride)
+      .member("expertsPerLayer", layout.expertsPerLayer)
+      .key("layers")
+      .beginArray();
+  for (const MorlenLayerV1& layer : layout.layers) {
+    json.beginObject().key("experts").beginArray();
+    for (const MorlenExpertV1& expert : layer.experts) writeExpert(json, expert);
+    json.endArray().member("file", layer.file).member("layer", layer.layer).endObject();
+  }
+  json.endArray().member("numLayers", layout.numLayers).endObject();
+}
+
+/// Somewhat more than the length of the text of a layout, whose bulk is its sub-tensors.
+std::size_t estimatedBytes(const MorlenPackedExpertsLayoutV1& layout) {
+  constexpr std::size_t bytesPerTensor = 256;
+  std::size_t tensors = 1;
+  for (const MorlenLayerV1& layer : layout.layers)
+    for (const MorlenExpertV1& expert : layer.experts) tensors += expert.tensors.size() + 1;
+  return tensors * bytesPerTensor;
+}
+
+// Validating.
+
+/// The checks of one expert's sub-tensors; `id` names the expert in errors.
+void validateTensors(const MorlenExpertV1& expert, std::int64_t id, std::uint64_t expertStride) {
+  const auto refuse = [id](const std::string& name, const char* reason) {
+    return MorlenFormatError::invalid(fmt::format("expert[{}].tensors.{}", id, name), reason);
+  };
+  std::vector<OwnedRange<std::string_view>> ranges;
+  ranges.reserve(expert.tensors.size());
+  for (const auto& [name, tensor] : expert.tensors) {
+    const bool hasDtype = tensor.dtype == "U32" || tensor.dtype == "BF16";
+    const bool hasShape = !tensor.shape.empty() &&
+                          std::find(tensor.shape.begin(), tensor.shape.end(), 0U) == tensor.shape.end();
+    const bool hasBits = !tensor.bits || (*tensor.bits >= 1 && *tensor.bits <= 32);
+    if (!hasDtype || name.empty() || tensor.size == 0 || !hasShape || !hasBits)
+      throw refuse(name, "invalid dtype or shape");
+    if (tensor.size > std::numeric_limits<std::uint64_t>::max() - tensor.offset)
+      throw MorlenFormatError::overflow(fmt::format("tensor.{}.range", name));
+    if (!rangeLiesWithin(tensor.offset, tensor.size, 0, expertStride))
+      throw refuse(name, "range exceeds expert blob");
+    ranges.push_back({tensor.offset, tensor.offset + tensor.size, name});
+  }
+  if (const auto overlap = firstOverlap(ranges))
+    throw MorlenFormatError::invalid(
+        fmt::format("expert[{}].tensors", id),
+        fmt::format("overlapping ranges {} and {}", overlap->first, overlap->second));
+}
+
+bool isIndexBelow(std::int64_t value, std::int64_t limit) { return value >= 0 && value < limit; }
+
+void validateExperts(const MorlenLayerV1& layer, const MorlenPackedExpertsLayoutV1& layout) {
+  const auto refuse = [&layer](const char* reason) {
+    return MorlenFormatError::invalid(fmt::format("layout.layers[{}].experts", layer.layer), reason);
+  };
+  if (!std::cmp_equal(layer.experts.size(), layout.expertsPerLayer)) throw refuse("wrong expert count");
+  const bool isExplicit = layer.experts.front().expert.has_value();
+  if (std::any_of(layer.experts.begin(), layer.experts.end(), [isExplicit](const MorlenExpertV1& expert) {
+        return expert.expert.has_value() != isExplicit;
+      }))
+    throw refuse("expert ids must be either all explicit or all positional");
+
+  std::set<std::int64_t> ids;
+  std::set<std::int64_t> ranks;
+  std::set<std::uint64_t> offsets;
+  std::int64_t position = 0;
+  for (const MorlenExpertV1& expert : layer.experts) {
+    const std::int64_t id = expert.expert.value_or(position);
+    ++position;
+    const std::int64_t rank = expert.physicalRank.value_or(id);
+    if (!isIndexBelow(id, layout.expertsPerLayer) || !isIndexBelow(rank, layout.expertsPerLayer) ||
+        !ids.insert(id).second || !ranks.insert(rank).second || !offsets.insert(expert.offset).second)
+      throw refuse("duplicate or invalid expert mapping");
+    const std::uint64_t blobOffset =
+        morlenCheckedMultiply(static_cast<std::uint64_t>(rank), layout.expertStride, "expert.offset");
+    if (expert.offset != blobOffset || expert.size != layout.expertStride)
+      throw MorlenFormatError::invalid(fmt::format("expert[{}]", id),
+                                       "offset or size does not match physical rank");
+    validateTensors(expert, id, layout.expertStride);
+  }
+}
+
+/// `keys` holds the file-system keys of the earlier layers' files.
+void validateFile(const MorlenLayerV1& layer, std::set<std::string>& keys) {
+  const std::string field = fmt::format("layout.layers[{}].file", layer.layer);
+  MorlenPathValidator::validateBasename(layer.file, field);
+  std::string key = MorlenPathValidator::appleFilesystemKey(layer.file);
+  if (key == "layout.json") throw MorlenFormatError::invalid(field, "reserved packed-expert filename");
+  if (!keys.insert(std::move(key)).second)
+    throw MorlenFormatError::invalid(field, "duplicate layer filename");
+}
+
+}  // namespace
+
+MorlenPackedExpertsLayoutV1 MorlenPackedExpertsLayoutCodec::decode(std::string_view json) {
+  const MorlenPackedExpertsLayoutV1 layout = readingFormatRecord("packed_experts/layout.json", [json] {
+    const nlohmann::json document = parseJson(json);
+    return readLayout(JsonObject(document, ""));
+  });
+  MorlenV1StructuralValidator::validate(layout);
+  return layout;
+}
+
+std::string MorlenPackedExpertsLayoutCodec::encode(const MorlenPackedExpertsLayoutV1& layout) {
+  MorlenV1StructuralValidator::validate(layout);
+  CanonicalJson json(CanonicalJson::Layout::pretty, CanonicalJson::Slashes::plain);
+  json.reserve(estimatedBytes(layout));
+  writeLayout(json, layout);
+  return std::move(json).take();
+}
+
+void MorlenV1StructuralValidator::validate(const MorlenPackedExpertsLayoutV1& layout) {
+  if (layout.numLayers < 1 || layout.expertsPerLayer < 1 || layout.expertStride == 0 ||
+      layout.expertStride % MorlenFormatV1::alignmentBytes != 0 ||
+      !std::cmp_equal(layout.layers.size(), layout.numLayers))
+    throw MorlenFormatError::invalid("layout", "invalid dimensions or stride");
+
+  std::set<std::int64_t> layers;
+  std::set<std::string> fileKeys;
+  for (const MorlenLayerV1& layer : layout.layers) {
+    if (!isIndexBelow(layer.layer, layout.numLayers) || !layers.insert(layer.layer).second)
+      throw MorlenFormatError::invalid("layout.layers", "duplicate or invalid layer");
+    validateFile(layer, fileKeys);
+    validateExperts(layer, layout);
+  }
+}
+
+void MorlenV1StructuralValidator::crossValidate(const MorlenManifestV1& manifest,
+                                                const MorlenPackedExpertsLayoutV1& layout) {
+  std::map<std::string, std::uint64_t> sizes;
+  for (const auto& [path, file] : manifest.files) sizes.emplace(path, file.size);
+  crossValidate(manifest.numLayers, manifest.expertsPerLayer, manifest.expertStride, sizes, layout);
+}
+
+void MorlenV1StructuralValidator::crossValidate(std::int64_t manifestNumLayers,
+                                                std::int64_t manifestExpertsPerLayer,
+                                                std::uint64_t manifestExpertStride,
+                                                const std::map<std::string, std::uint64_t>& manifestFileSizes,
+                                                const MorlenPackedExpertsLayoutV1& layout) {
+  if (manifestNumLayers != layout.numLayers || manifestExpertsPerLayer != layout.expertsPerLayer ||
+      manifestExpertStride != layout.expertStride)
+    throw MorlenFormatError::invalid("manifest/layout", "dimension mismatch");
+  const std::uint64_t layerSize = morlenCheckedMultiply(static_cast<std::uint64_t>(layout.expertsPerLayer),
+                                                        layout.expertStride, "layout.layerSize");
+  for (const MorlenLayerV1& layer : layout.layers) {
+    const std::string path = "packed_experts/" + layer.file;
+    const auto file = manifestFileSizes.find(path);
+    if (file == manifestFileSizes.end() || file->second != layerSize)
+      throw MorlenFormatError::invalid("manifest.files." + path, "missing or wrong layer size");
+  }
+}
+
+}  // namespace vellicor

@@ -1,1 +1,102 @@
 #include "VellicorFormat/UnicodeText.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <new>
+#include <stdexcept>
+
+#include <unicode/locid.h>
+#include <unicode/normalizer2.h>
+#include <unicode/stringpiece.h>
+#include <unicode/unistr.h>
+
+namespace vellicor {
+namespace {
+
+icu::UnicodeString fromUtf8(std::string_view text) {
+  if (text.size() > static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max()))
+    throw std::length_error("text is too long for Unicode processing");
+  return icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), static_cast<std::int32_t>(text.size())));
+}
+
+std::string toUtf8(const icu::UnicodeString& text) {
+  if (text.isBogus()) throw std::bad_alloc();
+  std::string utf8;
+  text.toUTF8String(utf8);
+  return utf8;
+}
+
+/// The longest piece at the head of a text that is one well-formed sequence, or a beginning of one.
+struct Utf8Piece {
+  std::size_t length;
+  bool isWellFormed;
+};
+
+/// The bytes that may follow a lead byte: how many, and the range of the first of them (the others are 80
+/// to BF).
+struct Utf8Tail {
+  std::size_t count;
+  unsigned char firstLow;
+  unsigned char firstHigh;
+};
+
+Utf8Tail tailOf(unsigned char lead) {
+  if (lead >= 0xC2 && lead <= 0xDF) return {1, 0x80, 0xBF};
+  if (lead == 0xE0) return {2, 0xA0, 0xBF};
+  if (lead == 0xED) return {2, 0x80, 0x9F};
+  if (lead >= 0xE1 && lead <= 0xEF) return {2, 0x80, 0xBF};
+  if (lead == 0xF0) return {3, 0x90, 0xBF};
+  if (lead >= 0xF1 && lead <= 0xF3) return {3, 0x80, 0xBF};
+  if (lead == 0xF4) return {3, 0x80, 0x8F};
+  return {0, 0, 0};
+}
+
+Utf8Piece firstPiece(std::string_view text) {
+  const auto byteAt = [text](std::size_t index) { return static_cast<unsigned char>(text[index]); };
+  if (byteAt(0) < 0x80) return {1, true};
+  const Utf8Tail tail = tailOf(byteAt(0));
+  if (tail.count == 0) return {1, false};
+  for (std::size_t i = 1; i <= tail.count; ++i) {
+    const unsigned char low = i == 1 ? tail.firstLow : 0x80;
+    const unsigned char high = i == 1 ? tail.firstHigh : 0xBF;
+    if (i == text.size() || byteAt(i) < low || byteAt(i) > high) return {i, false};
+  }
+  return {tail.count + 1, true};
+}
+
+}  // namespace
+
+std::string canonicalComposition(std::string_view text) {
+  UErrorCode status = U_ZERO_ERROR;
+  const icu::Normalizer2* normalizer = icu::Normalizer2::getNFCInstance(status);
+  if (U_FAILURE(status)) throw std::runtime_error(u_errorName(status));
+  const icu::UnicodeString composed = normalizer->normalize(fromUtf8(text), status);
+  if (U_FAILURE(status)) throw std::runtime_error(u_errorName(status));
+  return toUtf8(composed);
+}
+
+std::string lowercased(std::string_view text) {
+  return toUtf8(fromUtf8(text).toLower(icu::Locale("en_US_POSIX")));
+}
+
+bool isWellFormedUtf8(std::string_view text) {
+  while (!text.empty()) {
+    const Utf8Piece piece = firstPiece(text);
+    if (!piece.isWellFormed) return false;
+    text.remove_prefix(piece.length);
+  }
+  return true;
+}
+
+std::string repairedUtf8(std::string_view text) {
+  std::string repaired;
+  while (!text.empty()) {
+    const Utf8Piece piece = firstPiece(text);
+    repaired += piece.isWellFormed ? text.substr(0, piece.length) : std::string_view("\xEF\xBF\xBD");
+    text.remove_prefix(piece.length);
+  }
+  return repaired;
+}
+
+}  // namespace vellicor

@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "VellicorLab/SyntheticCheckpoint.h"
+#include "VellicorLab/HubRepository.h"
 
 namespace vellicor {
 
@@ -35,19 +35,27 @@ struct HubRequest {
   bool isFinalHop = false;
 };
 
-/// A departure from the normal answer to one request. Fields left empty change nothing.
+/// A departure from the normal answer to one request. Fields left empty change nothing; of those that end the
+/// body early, at most one is set.
 struct HubFault {
   /// Answer with this status and body instead; the usual headers of the case are left out.
   std::optional<int> status;
   std::string body;
   /// Set, or with nothing removed, in whatever answer is sent.
   std::vector<std::pair<std::string, std::optional<std::string>>> headers;
-  /// Close in good order (TLS close_notify) after this many body bytes.
+  /// Bytes sent as they are in front of the answer's head.
+  std::string preamble;
+  /// Close in good order (TLS close_notify) after this many body bytes, or at the body's end if it is
+  /// shorter.
   std::optional<std::uint64_t> closeAfter;
+  /// The same without a close_notify: the stream ends abruptly.
+  std::optional<std::uint64_t> dropAfter;
   /// Reset the TCP connection after this many body bytes; 0 resets before the body, `resetBeforeHead` before
   /// anything.
   std::optional<std::uint64_t> resetAfter;
   bool resetBeforeHead = false;
+  /// Close in good order instead of sending a head; `preamble` is sent.
+  bool closeBeforeHead = false;
   /// Send no more after this many body bytes, keeping the connection open until the hub is stopped.
   std::optional<std::uint64_t> stallAfter;
   bool stallBeforeHead = false;
@@ -88,6 +96,8 @@ class LocalHub {
     int storageRedirects = 0;
     /// Added before every answer's head.
     std::chrono::milliseconds latency{0};
+    /// Pace of the payload bodies that the storage host sends; 0 sends as fast as the client takes them.
+    std::uint64_t bytesPerSecond = 0;
   };
 
   explicit LocalHub(Options options);

@@ -5,40 +5,28 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <span>
 #include <string>
-#include <string_view>
 #include <vector>
 
+#include "VellicorLab/HubRepository.h"
+
 namespace vellicor {
-
-/// One file that a hub serves: its size, its identity, and its bytes on demand.
-class HubFile {
- public:
-  virtual ~HubFile() = default;
-  virtual std::uint64_t size() const = 0;
-  /// Fills `bytes` with the file's bytes from `offset` on; the range lies inside the file. Safe from several
-  /// threads.
-  virtual void read(std::uint64_t offset, std::span<std::byte> bytes) const = 0;
-  /// The quoted-out entity tag: 40 hexadecimal digits for a small file (git), 64 for a large one (sha256).
-  virtual std::string contentTag() const = 0;
-  /// 64 hexadecimal digits for a file kept on the storage host, nothing for a small one.
-  virtual std::optional<std::string> xetHash() const = 0;
-};
-
-/// The files of one repository at one commit.
-class HubRepository {
- public:
-  virtual ~HubRepository() = default;
-  /// 40 hexadecimal digits.
-  virtual std::string commit() const = 0;
-  /// Nothing for a file that the repository does not hold.
-  virtual std::shared_ptr<const HubFile> file(const std::string& name) const = 0;
-};
 
 /// A made-up checkpoint: real-looking index, configuration and shard headers, and payload bytes that are a
 /// function of (seed, shard, offset), never stored, so that a full-size source costs no disk and every byte
 /// can be predicted.
+///
+/// A shard file is the header's length (8 bytes, little-endian), the JSON header, and the payload up to the
+/// largest data offset. The payload byte at offset o of the shard *file* (o is at least 8 + header length) is
+/// byte o mod 8, the least significant being byte 0, of the 64-bit block
+///
+///     mix(mix(seed ^ fnv1a(shard name)) + (o / 8 + 1) x 0x9E3779B97F4A7C15)   (mod 2^64)
+///
+/// where mix is the finaliser of SplitMix64 (z ^= z >> 30, z *= 0xBF58476D1CE4E5B9, z ^= z >> 27,
+/// z *= 0x94D049BB133111EB, z ^= z >> 31) and fnv1a the 64-bit FNV-1a hash of the name's bytes.
+///
+/// Headers are compact JSON without padding, as the supported checkpoint's are, and of odd length where they
+/// are made up, so that tensors lie at odd offsets; the data order is neither name nor module order.
 class SyntheticCheckpoint final : public HubRepository {
  public:
   /// The supported checkpoint's names and its exact index file with small shapes: a few megabytes in all.
@@ -50,48 +38,44 @@ class SyntheticCheckpoint final : public HubRepository {
   struct Shape {
     std::int64_t layers = 2;
     std::int64_t experts = 4;
+    /// These three are multiples of 8 and of `groupSize`.
     std::int64_t hidden = 64;
     std::int64_t intermediate = 128;
     std::int64_t moeIntermediate = 64;
     std::int64_t vocab = 256;
     std::int64_t groupSize = 64;
     int shards = 2;
-    /// Vision tensors, interleaved with the kept ones.
+    /// Vision and audio tensors, interleaved with the kept ones.
     int excludedTensors = 3;
-    /// Every how many layers a layer has full attention.
+    /// Every how many layers a layer has full attention; 0 for never.
     std::int64_t fullAttentionEvery = 2;
   };
+  /// Throws `std::invalid_argument` for a shape that is none.
   static std::shared_ptr<SyntheticCheckpoint> custom(const Shape& shape, std::uint64_t seed);
 
-  std::string commit() const override;
+  std::string commit() const override { return commit_; }
   std::shared_ptr<const HubFile> file(const std::string& name) const override;
 
   std::vector<std::string> fileNames() const;
-  std::vector<std::string> shardNames() const;
+  std::vector<std::string> shardNames() const { return shardNames_; }
 
   /// Replaces or adds a small file (a changed config.json, another sidecar); an empty optional removes it.
   /// For tests, before anything reads.
   void setSmallFile(const std::string& name, std::optional<std::string> content);
 
-  /// The payload byte of a shard at an offset in the shard file; header bytes included.
+  /// A file's bytes, a shard's header included. Throws `std::out_of_range` for bytes or a file that do not
+  /// exist.
   std::vector<std::byte> bytes(const std::string& name, std::uint64_t offset, std::uint64_t length) const;
 
  private:
-  SyntheticCheckpoint() = default;
+  SyntheticCheckpoint(std::string commit, std::string index, std::string config,
+                      std::shared_ptr<const HubFile> tokenizer);
 
+  void addShard(const std::string& name, std::string header, std::uint64_t payloadBytes, std::uint64_t seed);
+
+  std::string commit_;
   std::map<std::string, std::shared_ptr<const HubFile>> files_;
   std::vector<std::string> shardNames_;
-};
-
-/// A folder of real files, served under any repository name.
-class FolderRepository final : public HubRepository {
- public:
-  explicit FolderRepository(std::string root);
-  std::string commit() const override;
-  std::shared_ptr<const HubFile> file(const std::string& name) const override;
-
- private:
-  std::string root_;
 };
 
 }  // namespace vellicor

@@ -9,16 +9,26 @@
 
 namespace vellicor {
 
-/// The whole program: parses, runs the chosen mode, prints its report or its one error line, and returns the
-/// exit status: 0 for success and --help, 1 when the mode failed, 2 for arguments that make no sense. Never
-/// throws.
+/// The exit statuses of the program.
+struct ExitStatus {
+  static constexpr int success = 0;
+  static constexpr int failure = 1;
+  static constexpr int usage = 2;
+};
+
+/// The whole program: parses the arguments, runs the chosen mode, prints its report or its one error line,
+/// and returns the exit status. Never throws.
 int run(const std::vector<std::string>& arguments);
 
+/// The output as typed, against the current directory and without trailing slashes; "." and ".." components
+/// stay as they are.
+std::string absoluteOutputPath(const std::string& output);
+
 /// Runs one install and prints what an install prints; `name` goes into the "Installed " line. Returns the
-/// exit status.
+/// exit status; never throws.
 int runInstall(const RemoteStreamingRepackOptions& options, std::string_view name);
 
-/// "install failed: <error>" on standard error; returns status 1.
+/// Prints the one line of a failed install and returns its exit status.
 int reportInstallFailure(const std::exception& error);
 
 }  // namespace vellicor

@@ -1,1 +1,6 @@
-int main() { return 0; }
+#include <string>
+#include <vector>
+
+#include "VellicorRepack/Run.h"
+
+int main(int argc, char** argv) { return vellicor::run(std::vector<std::string>(argv, argv + argc)); }

@@ -1,1 +1,223 @@
 #include "VellicorRepackCore/FileSystem/MorlenDirectoryAccess.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "VellicorFormat/MorlenFormatV1.h"
+#include "VellicorRepackCore/Base/BoundedScratch.h"
+#include "VellicorRepackCore/Base/Sha256Stream.h"
+#include "VellicorRepackCore/FileSystem/SystemCall.h"
+
+namespace vellicor {
+
+namespace {
+
+constexpr int directoryFlags = O_RDONLY | O_NOFOLLOW | O_DIRECTORY | O_CLOEXEC;
+/// Cached pages are dropped in steps of this size: rarely enough to cost nothing, often enough to matter.
+constexpr std::uint64_t dropStepBytes = 8 * 1024 * 1024;
+
+struct CloseStream {
+  void operator()(DIR* stream) const noexcept { ::closedir(stream); }
+};
+using DirectoryStream = std::unique_ptr<DIR, CloseStream>;
+
+/// A stream over a directory of its own descriptor. Throws `fileOpenFailed`.
+DirectoryStream openStream(int fd, const std::string& path) {
+  FileDescriptor own(
+      checkedCall(RepackError::fileOpenFailed, path, [&] { return ::openat(fd, ".", directoryFlags); }));
+  DirectoryStream stream(::fdopendir(own.get()));
+  const std::int32_t code = errno;
+  if (!stream) throw RepackError::fileOpenFailed(path, code);
+  own.release();
+  return stream;
+}
+
+/// The next name but "." and "..", or nothing at the end. Throws `fileOpenFailed`.
+const char* nextName(DIR* stream, const std::string& path) {
+  for (;;) {
+    errno = 0;
+    const dirent* entry = ::readdir(stream);
+    const std::int32_t code = errno;
+    if (entry == nullptr && code != 0) throw RepackError::fileOpenFailed(path, code);
+    if (entry == nullptr) return nullptr;
+    const std::string_view name = entry->d_name;
+    if (name != "." && name != "..") return entry->d_name;
+  }
+}
+
+/// Runs a check of the path rules; its failure becomes "<prefix>: <text>".
+template <typename Check>
+void requireSafe(const std::string& prefix, Check&& check) {
+  try {
+    check();
+  } catch (const MorlenFormatError& error) {
+    throw RepackError::configurationInvalid(fmt::format("{}: {}", prefix, error.what()));
+  }
+}
+
+}  // namespace
+
+struct MorlenDirectoryAccess::WalkState {
+  int maxDepth;
+  std::size_t maxEntries;
+  std::vector<std::string> entries;
+};
+
+MorlenDirectoryAccess::MorlenDirectoryAccess(const std::string& rootPath)
+    : rootPath_(standardizedPath(rootPath)), root_(checkedCall(RepackError::fileOpenFailed, rootPath_, [&] {
+        return ::open(rootPath_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+      })) {}
+
+std::string MorlenDirectoryAccess::fullPath(std::string_view relativePath) const {
+  return relativePath.empty() ? rootPath_ : joinPath(rootPath_, relativePath);
+}
+
+FileDescriptor MorlenDirectoryAccess::openComponent(const FileDescriptor& parent, const std::string& name,
+                                                    int flags, const std::string& relativePath) const {
+  const auto openError = [&](std::int32_t code) {
+    const std::string path = fullPath(relativePath);
+    return code == ENOENT ? RepackError::fileStatFailed(path, code) : RepackError::fileOpenFailed(path, code);
+  };
+  return FileDescriptor(checkedCall(openError, [&] { return ::openat(parent.get(), name.c_str(), flags); }));
+}
+
+FileDescriptor MorlenDirectoryAccess::openFile(const std::string& relativePath) const {
+  requireSafe("unsafe path " + relativePath,
+              [&] { MorlenPathValidator::validateRelativePath(relativePath, "path." + relativePath); });
+
+  FileDescriptor parent(checkedCall(RepackError::fileOpenFailed, rootPath_,
+                                    [&] { return ::fcntl(root_.get(), F_DUPFD_CLOEXEC, 0); }));
+  std::size_t start = 0;
+  for (std::size_t slash; (slash = relativePath.find('/', start)) != std::string::npos; start = slash + 1) {
+    parent = openComponent(parent, relativePath.substr(start, slash - start), directoryFlags, relativePath);
+  }
+  // Without O_NONBLOCK, opening a named pipe would wait for a writer.
+  FileDescriptor file = openComponent(parent, relativePath.substr(start),
+                                      O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC, relativePath);
+  requireRegularFile(file.get(), fullPath(relativePath));
+  return file;
+}
+
+std::string MorlenDirectoryAccess::readMetadata(const std::string& relativePath,
+                                                std::uint64_t maxBytes) const {
+  return readMetadata(openFile(relativePath).get(), relativePath, maxBytes);
+}
+
+std::string MorlenDirectoryAccess::readMetadata(int fd, const std::string& relativePath,
+                                                std::uint64_t maxBytes) const {
+  const std::uint64_t size = fileSize(fd, relativePath);
+  if (size > maxBytes) {
+    throw RepackError::configurationInvalid(
+        fmt::format("{} size {} exceeds metadata cap {}", relativePath, size, maxBytes));
+  }
+  std::string content(size, '\0');
+  Posix::preadAll(fd, fullPath(relativePath), content.data(), static_cast<std::int64_t>(size), 0);
+  return content;
+}
+
+std::uint64_t MorlenDirectoryAccess::fileSize(const std::string& relativePath) const {
+  return fileSize(openFile(relativePath).get(), relativePath);
+}
+
+std::uint64_t MorlenDirectoryAccess::fileSize(int fd, const std::string& relativePath) const {
+  const off_t size = fileStatus(fd, fullPath(relativePath)).st_size;
+  if (size < 0) throw RepackError::configurationInvalid(relativePath + " has negative file size");
+  return static_cast<std::uint64_t>(size);
+}
+
+std::string MorlenDirectoryAccess::hash(const std::string& relativePath, PageCache cache) const {
+  return hash(openFile(relativePath).get(), relativePath, cache);
+}
+
+std::string MorlenDirectoryAccess::hash(int fd, const std::string& relativePath, PageCache cache) const {
+  const auto readError = [&](std::int32_t code) {
+    return RepackError::preadShort(fullPath(relativePath), hashChunkBytes, 0, code);
+  };
+  if (cache == PageCache::bypass) Posix::bypassPageCache(fd);
+
+  AlignedBuffer chunk(hashChunkBytes);
+  Sha256Stream stream;
+  std::uint64_t position = 0;
+  std::uint64_t dropped = 0;
+  const auto dropBehind = [&](std::uint64_t leastBytes) {
+    if (cache == PageCache::use || position - dropped < leastBytes) return;
+    Posix::dropCachedPages(fd, dropped, position - dropped);
+    dropped = position;
+  };
+  for (;;) {
+    const ssize_t count = checkedCall(
+        readError, [&] { return ::pread(fd, chunk.data(), chunk.size(), static_cast<off_t>(position)); });
+    if (count == 0) break;
+    stream.update(chunk.bytes().first(static_cast<std::size_t>(count)));
+    position += static_cast<std::uint64_t>(count);
+    dropBehind(dropStepBytes);
+  }
+  dropBehind(1);
+  return stream.finalizeHexString();
+}
+
+std::vector<std::string> MorlenDirectoryAccess::relativeEntries(int maxDepth, std::size_t maxEntries) const {
+  if (maxDepth < 0 || maxEntries < 1) {
+    throw RepackError::configurationInvalid("invalid directory scan bounds");
+  }
+  WalkState state{.maxDepth = maxDepth, .maxEntries = maxEntries, .entries = {}};
+  walk(root_.get(), "", 0, state);
+  std::ranges::sort(state.entries);
+  return std::move(state.entries);
+}
+
+void MorlenDirectoryAccess::walk(int fd, const std::string& prefix, int depth, WalkState& state) const {
+  const std::string directoryPath = fullPath(prefix);
+  const DirectoryStream stream = openStream(fd, directoryPath);
+  while (const char* name = nextName(stream.get(), directoryPath)) {
+    const std::string entry = prefix.empty() ? name : joinPath(prefix, name);
+    state.entries.push_back(entry);
+    if (state.entries.size() > state.maxEntries) {
+      throw RepackError::configurationInvalid("artifact directory has too many entries");
+    }
+
+    struct stat status {};
+    checkedCall(RepackError::fileStatFailed, fullPath(entry),
+                [&] { return ::fstatat(fd, name, &status, AT_SYMLINK_NOFOLLOW); });
+    if (!S_ISDIR(status.st_mode) || entry == "tokenizer") continue;
+    if (depth >= state.maxDepth) {
+      throw RepackError::configurationInvalid(
+          fmt::format("artifact directory nesting exceeds {}", state.maxDepth));
+    }
+    const FileDescriptor child(checkedCall(RepackError::fileOpenFailed, fullPath(entry),
+                                           [&] { return ::openat(fd, name, directoryFlags); }));
+    walk(child.get(), entry, depth + 1, state);
+  }
+}
+
+void MorlenDirectoryAccess::atomicWrite(std::string_view data, const std::string& name) const {
+  requireSafe("unsafe output path " + name,
+              [&] { MorlenPathValidator::validateBasename(name, "output." + name); });
+
+  const std::string temporary = ".morlen-" + randomUuid() + ".tmp";
+  const std::string temporaryPath = fullPath(temporary);
+  constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+  FileDescriptor file(checkedCall(RepackError::fileOpenFailed, temporaryPath,
+                                  [&] { return ::openat(root_.get(), temporary.c_str(), flags, 0600); }));
+  TemporaryName cleanup(root_.get(), temporary);
+  Posix::pwriteAll(file.get(), temporaryPath, data.data(), static_cast<std::int64_t>(data.size()), 0);
+  Posix::fsync(file.get(), temporaryPath);
+  file.reset();
+
+  const auto renameError = [&](std::int32_t code) {
+    return RepackError::renameFailed(temporaryPath, fullPath(name), code);
+  };
+  checkedCall(renameError,
+              [&] { return ::renameat(root_.get(), temporary.c_str(), root_.get(), name.c_str()); });
+  cleanup.keep();
+  Posix::fsync(root_.get(), rootPath_);
+}
+
+}  // namespace vellicor

@@ -50,9 +50,12 @@ class MorlenDirectoryAccess {
   void atomicWrite(std::string_view data, const std::string& name) const;
 
  private:
+  struct WalkState;
+
   std::string fullPath(std::string_view relativePath) const;
-  void walk(int fd, const std::string& prefix, int depth, int maxDepth, std::size_t maxEntries,
-            std::vector<std::string>& entries) const;
+  FileDescriptor openComponent(const FileDescriptor& parent, const std::string& name, int flags,
+                               const std::string& relativePath) const;
+  void walk(int fd, const std::string& prefix, int depth, WalkState& state) const;
 
   std::string rootPath_;
   FileDescriptor root_;

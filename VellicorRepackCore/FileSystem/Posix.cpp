@@ -1,1 +1,378 @@
 #include "VellicorRepackCore/FileSystem/Posix.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <limits>
+#include <memory>
+#include <stdexcept>
+#include <vector>
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <openssl/rand.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#if defined(__APPLE__)
+#include <sys/mount.h>
+#include <sys/param.h>
+#else
+#include <sys/statvfs.h>
+#endif
+
+#include "VellicorRepackCore/FileSystem/SystemCall.h"
+
+namespace vellicor {
+
+namespace {
+
+constexpr std::uint64_t largestOffset = std::numeric_limits<std::int64_t>::max();
+/// Some systems refuse a single transfer of 2 GiB or more, others shorten it.
+constexpr std::int64_t largestTransfer = std::int64_t{1} << 30;
+
+struct FreeBlocks {
+  std::uint64_t count;
+  std::uint64_t size;
+};
+
+// What differs between the platforms. Calls answer like system calls: negative with errno set on failure.
+
+#if defined(__APPLE__)
+
+int exchangePaths(const char* a, const char* b) { return ::renamex_np(a, b, RENAME_SWAP); }
+
+int syncToDevice(int fd) {
+  const int result = ::fcntl(fd, F_FULLFSYNC);
+  const bool refused = result < 0 && (errno == ENOTSUP || errno == EINVAL || errno == ENOTTY);
+  return refused ? ::fsync(fd) : result;
+}
+
+void requestUncachedReads(int fd) { ::fcntl(fd, F_NOCACHE, 1); }
+
+void dropPages(int, off_t, off_t) {}
+
+FreeBlocks freeBlocks(const std::string& path) {
+  struct statfs status {};
+  checkedCall(RepackError::fileStatFailed, path, [&] { return ::statfs(path.c_str(), &status); });
+  return {status.f_bavail, status.f_bsize};
+}
+
+#else
+
+int exchangePaths(const char* a, const char* b) {
+  return ::renameat2(AT_FDCWD, a, AT_FDCWD, b, RENAME_EXCHANGE);
+}
+
+int syncToDevice(int fd) { return ::fsync(fd); }
+
+void requestUncachedReads(int) {}
+
+void dropPages(int fd, off_t offset, off_t length) {
+  ::posix_fadvise(fd, offset, length, POSIX_FADV_DONTNEED);
+}
+
+FreeBlocks freeBlocks(const std::string& path) {
+  struct statvfs status {};
+  checkedCall(RepackError::fileStatFailed, path, [&] { return ::statvfs(path.c_str(), &status); });
+  return {status.f_bavail, status.f_frsize};
+}
+
+#endif
+
+// Every descriptor is closed on exec.
+FileDescriptor openPath(const std::string& path, int flags, unsigned mode = 0) {
+  return FileDescriptor(checkedCall(RepackError::fileOpenFailed, path,
+                                    [&] { return ::open(path.c_str(), flags | O_CLOEXEC, mode); }));
+}
+
+Posix::EntryKind kindOf(mode_t mode) {
+  if (S_ISREG(mode)) return Posix::EntryKind::regular;
+  if (S_ISDIR(mode)) return Posix::EntryKind::directory;
+  if (S_ISLNK(mode)) return Posix::EntryKind::symlink;
+  return Posix::EntryKind::other;
+}
+
+void requireRange(std::string_view operation, const std::string& path, std::int64_t count,
+                  std::uint64_t offset) {
+  if (count < 0) {
+    throw RepackError::configurationInvalid(
+        fmt::format("{} count {} is invalid for {}", operation, count, path));
+  }
+  if (offset > largestOffset - static_cast<std::uint64_t>(count)) {
+    throw RepackError::configurationInvalid(
+        fmt::format("{} range {}+{} is not representable for {}", operation, offset, count, path));
+  }
+}
+
+/// Transfers `count` bytes; `transfer(done, n)` moves at most `n` bytes behind the first `done`, and
+/// `shortError` is thrown when it fails or makes no progress.
+template <typename Transfer>
+void transferAll(RepackError (*shortError)(std::string, std::int64_t, std::int64_t, std::int32_t),
+                 const std::string& path, std::int64_t count, Transfer&& transfer) {
+  std::int64_t done = 0;
+  while (done < count) {
+    const auto piece = static_cast<std::size_t>(std::min(count - done, largestTransfer));
+    errno = 0;
+    const ssize_t result = retryInterrupted([&] { return transfer(done, piece); });
+    const std::int32_t code = errno;
+    if (result <= 0) throw shortError(path, count, done, code);
+    done += result;
+  }
+}
+
+/// The first `size` bytes of an open file.
+std::string readPrefix(int fd, const std::string& path, std::uint64_t size) {
+  std::string content(size, '\0');
+  Posix::preadAll(fd, path, content.data(), static_cast<std::int64_t>(size), 0);
+  return content;
+}
+
+void writeContent(int fd, const std::string& path, std::string_view data) {
+  Posix::pwriteAll(fd, path, data.data(), static_cast<std::int64_t>(data.size()), 0);
+}
+
+void removeStaleTemporary(const std::string& temporary, const std::string& directory) {
+  switch (Posix::entryKind(temporary)) {
+    case Posix::EntryKind::absent:
+      return;
+    case Posix::EntryKind::regular:
+      Posix::unlink(temporary);
+      Posix::fsyncDirectory(directory);
+      return;
+    case Posix::EntryKind::directory:
+    case Posix::EntryKind::symlink:
+    case Posix::EntryKind::other:
+      throw RepackError::installPathUnsafe(temporary, "atomic-write temporary has the wrong type");
+  }
+}
+
+}  // namespace
+
+void FileDescriptor::reset() noexcept {
+  if (fd_ >= 0) ::close(release());
+}
+
+std::string_view Posix::name(EntryKind kind) {
+  switch (kind) {
+    case EntryKind::absent:
+      return "absent";
+    case EntryKind::regular:
+      return "regular";
+    case EntryKind::directory:
+      return "directory";
+    case EntryKind::symlink:
+      return "symlink";
+    case EntryKind::other:
+      return "other";
+  }
+  return "other";
+}
+
+FileDescriptor Posix::openRead(const std::string& path) { return openPath(path, O_RDONLY); }
+
+FileDescriptor Posix::openReadNoFollow(const std::string& path) {
+  return openPath(path, O_RDONLY | O_NOFOLLOW);
+}
+
+FileDescriptor Posix::openExistingRW(const std::string& path) { return openPath(path, O_RDWR | O_NOFOLLOW); }
+
+FileDescriptor Posix::openCreateRW(const std::string& path) {
+  return openPath(path, O_RDWR | O_CREAT | O_TRUNC, 0644);
+}
+
+FileDescriptor Posix::openCreateExclusive(const std::string& path, unsigned mode) {
+  return openPath(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, mode);
+}
+
+FileDescriptor Posix::openDirectory(const std::string& path) {
+  return openPath(path, O_RDONLY | O_NOFOLLOW | O_DIRECTORY);
+}
+
+FileDescriptor Posix::openLock(const std::string& path) {
+  return openPath(path, O_RDWR | O_CREAT | O_NOFOLLOW, 0600);
+}
+
+std::uint64_t Posix::fileSize(int fd, const std::string& path) {
+  const off_t size = fileStatus(fd, path).st_size;
+  if (size < 0) throw RepackError::fileStatFailed(path, EINVAL);
+  return static_cast<std::uint64_t>(size);
+}
+
+Posix::EntryKind Posix::entryKind(const std::string& path) {
+  struct stat status {};
+  const int result = retryInterrupted([&] { return ::lstat(path.c_str(), &status); });
+  const std::int32_t code = errno;
+  if (result == 0) return kindOf(status.st_mode);
+  if (code == ENOENT) return EntryKind::absent;
+  throw RepackError::fileStatFailed(path, code);
+}
+
+bool Posix::descriptorMatchesPath(int fd, const std::string& path) {
+  const struct stat opened = fileStatus(fd, path);
+  struct stat named {};
+  checkedCall(RepackError::fileStatFailed, path, [&] { return ::lstat(path.c_str(), &named); });
+  return opened.st_dev == named.st_dev && opened.st_ino == named.st_ino && S_ISREG(named.st_mode);
+}
+
+std::string Posix::physicalPath(const std::string& path) {
+  struct Free {
+    void operator()(char* p) const noexcept { std::free(p); }
+  };
+  const std::unique_ptr<char, Free> resolved(::realpath(path.c_str(), nullptr));
+  const std::int32_t code = errno;
+  if (!resolved) throw RepackError::fileStatFailed(path, code);
+  return resolved.get();
+}
+
+void Posix::mkdirP(const std::string& path) { std::filesystem::create_directories(path); }
+
+void Posix::rename(const std::string& from, const std::string& to) {
+  checkedCall([&](std::int32_t code) { return RepackError::renameFailed(from, to, code); },
+              [&] { return ::rename(from.c_str(), to.c_str()); });
+}
+
+void Posix::renameSwap(const std::string& a, const std::string& b) {
+  checkedCall(RepackError::promotionUnsupported, a, [&] { return exchangePaths(a.c_str(), b.c_str()); });
+}
+
+void Posix::unlink(const std::string& path) {
+  checkedCall(RepackError::fileOpenFailed, path, [&] { return ::unlink(path.c_str()); });
+}
+
+void Posix::removeTree(const std::string& path) { std::filesystem::remove_all(path); }
+
+void Posix::preadAll(int fd, const std::string& path, void* buffer, std::int64_t count,
+                     std::uint64_t offset) {
+  requireRange("pread", path, count, offset);
+  transferAll(RepackError::preadShort, path, count, [&](std::int64_t done, std::size_t piece) {
+    return ::pread(fd, static_cast<std::byte*>(buffer) + done, piece, static_cast<off_t>(offset) + done);
+  });
+}
+
+void Posix::pwriteAll(int fd, const std::string& path, const void* buffer, std::int64_t count,
+                      std::uint64_t offset) {
+  requireRange("pwrite", path, count, offset);
+  transferAll(RepackError::pwriteShort, path, count, [&](std::int64_t done, std::size_t piece) {
+    return ::pwrite(fd, static_cast<const std::byte*>(buffer) + done, piece,
+                    static_cast<off_t>(offset) + done);
+  });
+}
+
+void Posix::ftruncate(int fd, const std::string& path, std::uint64_t size) {
+  if (size > largestOffset) {
+    throw RepackError::configurationInvalid(
+        fmt::format("ftruncate value {} is not representable for {}", size, path));
+  }
+  checkedCall(RepackError::ftruncateFailed, path, [&] { return ::ftruncate(fd, static_cast<off_t>(size)); });
+}
+
+void Posix::fsync(int fd, const std::string& path) {
+  checkedCall(RepackError::fsyncFailed, path, [&] { return syncToDevice(fd); });
+}
+
+void Posix::fsyncDirectory(const std::string& path) {
+  const FileDescriptor directory = openDirectory(path);
+  fsync(directory.get(), path);
+}
+
+std::string Posix::readBoundedData(const std::string& path, std::uint64_t maximumBytes, FinalLink finalLink) {
+  // Without O_NONBLOCK, opening a named pipe would wait for a writer.
+  const int flags = O_RDONLY | O_NONBLOCK | (finalLink == FinalLink::refuse ? O_NOFOLLOW : 0);
+  const FileDescriptor file = openPath(path, flags);
+  requireRegularFile(file.get(), path);
+  const std::uint64_t size = fileSize(file.get(), path);
+  if (size > maximumBytes) {
+    throw RepackError::installStateCorrupt(path,
+                                           fmt::format("size {} exceeds {}-byte cap", size, maximumBytes));
+  }
+  return readPrefix(file.get(), path, size);
+}
+
+std::string Posix::readWholeFile(const std::string& path) {
+  const FileDescriptor file = openRead(path);
+  return readPrefix(file.get(), path, fileSize(file.get(), path));
+}
+
+void Posix::writeWholeFile(const std::string& path, std::string_view data) {
+  const FileDescriptor file = openCreateRW(path);
+  writeContent(file.get(), path, data);
+}
+
+void Posix::atomicWrite(std::string_view data, const std::string& path, const std::string& directory,
+                        const std::function<void()>& afterRename) {
+  const std::string temporary = path + ".tmp";
+  removeStaleTemporary(temporary, directory);
+  const FileDescriptor file = openCreateExclusive(temporary, 0600);
+  TemporaryName cleanup(AT_FDCWD, temporary);
+  writeContent(file.get(), temporary, data);
+  fsync(file.get(), temporary);
+  rename(temporary, path);
+  cleanup.keep();
+  if (afterRename) afterRename();
+  fsyncDirectory(directory);
+}
+
+void Posix::bypassPageCache(int fd) noexcept { requestUncachedReads(fd); }
+
+void Posix::dropCachedPages(int fd, std::uint64_t offset, std::uint64_t length) noexcept {
+  dropPages(fd, static_cast<off_t>(offset), static_cast<off_t>(length));
+}
+
+std::uint64_t Posix::availableBytes(const std::string& path) {
+  constexpr std::uint64_t most = std::numeric_limits<std::uint64_t>::max();
+  const FreeBlocks blocks = freeBlocks(path);
+  return blocks.size != 0 && blocks.count > most / blocks.size ? most : blocks.count * blocks.size;
+}
+
+std::string standardizedPath(const std::string& path) {
+  const std::string absolute =
+      path.starts_with('/') ? path : std::filesystem::current_path().string() + "/" + path;
+  std::vector<std::string_view> components;
+  for (std::size_t start = 0; start < absolute.size();) {
+    const std::size_t end = std::min(absolute.find('/', start), absolute.size());
+    const std::string_view component = std::string_view(absolute).substr(start, end - start);
+    start = end + 1;
+    if (component.empty() || component == ".") continue;
+    if (component != "..") {
+      components.push_back(component);
+    } else if (!components.empty()) {
+      components.pop_back();
+    }
+  }
+  if (components.empty()) return "/";
+  return "/" + fmt::format("{}", fmt::join(components, "/"));
+}
+
+std::string joinPath(std::string_view base, std::string_view component) {
+  return fmt::format("{}{}{}", base, base.ends_with('/') ? "" : "/", component);
+}
+
+std::string parentPath(std::string_view path) {
+  const std::size_t slash = path.rfind('/');
+  if (slash == std::string_view::npos) return "";
+  return std::string(path.substr(0, std::max<std::size_t>(slash, 1)));
+}
+
+std::string lastPathComponent(std::string_view path) {
+  const std::size_t slash = path.rfind('/');
+  return std::string(slash == std::string_view::npos ? path : path.substr(slash + 1));
+}
+
+std::string randomUuid() {
+  std::array<unsigned char, 16> bytes;
+  if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1) {
+    throw std::runtime_error("the secure random source is not available");
+  }
+  bytes[6] = static_cast<unsigned char>((bytes[6] & 0x0f) | 0x40);  // version 4
+  bytes[8] = static_cast<unsigned char>((bytes[8] & 0x3f) | 0x80);  // the RFC's variant
+  std::string text;
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
+    if (i == 4 || i == 6 || i == 8 || i == 10) text += '-';
+    text += fmt::format("{:02X}", bytes[i]);
+  }
+  return text;
+}
+
+}  // namespace vellicor

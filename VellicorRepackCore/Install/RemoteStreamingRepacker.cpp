@@ -1,1 +1,405 @@
 #include "VellicorRepackCore/Install/RemoteStreamingRepacker.h"
+
+#include <algorithm>
+#include <exception>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <set>
+#include <span>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "VellicorFormat/MorlenFormatV1.h"
+#include "VellicorRepackCore/Base/BoundedScratch.h"
+#include "VellicorRepackCore/Base/Cancellation.h"
+#include "VellicorRepackCore/Base/Errors.h"
+#include "VellicorRepackCore/FileSystem/DiskSpaceChecker.h"
+#include "VellicorRepackCore/FileSystem/InstallLock.h"
+#include "VellicorRepackCore/FileSystem/Posix.h"
+#include "VellicorRepackCore/Install/ArtifactRecorder.h"
+#include "VellicorRepackCore/Install/SourceByteProvider.h"
+#include "VellicorRepackCore/Output/ResidentWriter.h"
+#include "VellicorRepackCore/Remote/RemoteChunkPolicy.h"
+#include "VellicorRepackCore/Remote/RemoteSnapshotLoader.h"
+
+namespace vellicor {
+
+namespace {
+
+constexpr std::int64_t maximumWriteTileBytes = BoundedScratch::defaultLimitBytes;
+constexpr std::size_t indexCompareBytes = 524288;
+
+using EntryKind = Posix::EntryKind;
+
+void validateOptions(const RemoteStreamingRepackOptions& options) {
+  const auto require = [](bool holds, const char* what, std::int64_t value) {
+    if (!holds) throw RepackError::configurationInvalid(fmt::format("{} {}", what, value));
+  };
+  require(options.rangeChunkBytes >= 1 && options.rangeChunkBytes <= RemoteChunkPolicy::maxBytes,
+          "bad range chunk bytes", options.rangeChunkBytes);
+  require(options.writeTileBytes >= 1 && options.writeTileBytes <= maximumWriteTileBytes,
+          "bad write tile bytes", options.writeTileBytes);
+  require(options.rangeRetryAttempts >= 0, "bad range retry attempts", options.rangeRetryAttempts);
+}
+
+/// Decides between a fresh install, a resume and a refusal from what exists beside the output.
+void checkEntryState(const RemoteInstallPaths& paths, const RemoteStreamingRepackOptions& options) {
+  if (!options.overwrite && Posix::entryKind(paths.finalDirectory) == EntryKind::directory) {
+    throw RepackError::configurationInvalid("output directory already exists: " + paths.finalDirectory);
+  }
+  const bool hasPartial = Posix::entryKind(paths.partialDirectory) == EntryKind::directory;
+  const bool hasCheckpoint = Posix::entryKind(paths.checkpointFile) == EntryKind::regular;
+  if (hasPartial != hasCheckpoint) {
+    throw RepackError::installStateCorrupt(paths.partialDirectory,
+                                           "partial directory and checkpoint must exist together");
+  }
+  if (hasPartial && !options.resume) {
+    throw RepackError::installStateIncompatible("saved download exists; resume or discard it");
+  }
+  if (!hasPartial && options.resume) throw RepackError::installStateMissing(paths.checkpointFile);
+}
+
+std::uint64_t totalOutputBytes(const RepackPlan& plan) {
+  constexpr const char* field = "output size";
+  std::uint64_t total = morlenCheckedAdd(plan.resident.indexSize, plan.resident.residentSize, field);
+  for (const LayerFilePlan& layer : plan.layers) {
+    const std::uint64_t bytes =
+        morlenCheckedMultiply(static_cast<std::uint64_t>(layer.expertsPerLayer), layer.expertStride, field);
+    total = morlenCheckedAdd(total, bytes, field);
+  }
+  return total;
+}
+
+bool beginsWith(int fd, const std::string& path, std::span<const std::byte> expected) {
+  AlignedBuffer buffer(std::min(indexCompareBytes, expected.size()));
+  for (std::size_t done = 0; done < expected.size();) {
+    const std::size_t length = std::min(buffer.size(), expected.size() - done);
+    Posix::preadAll(fd, path, buffer.data(), static_cast<std::int64_t>(length), done);
+    if (!std::equal(buffer.data(), buffer.data() + length, expected.data() + done)) return false;
+    done += length;
+  }
+  return true;
+}
+
+/// One install under its lock, from the checkpoint to the promoted artifact. Each step leaves what the next
+/// needs in a member; a failure anywhere leaves the disk as it is at that moment.
+class LockedInstall {
+ public:
+  LockedInstall(const RemoteStreamingRepackOptions& options, const RemoteInstallPaths& paths,
+                RepackAudit& audit, const ModelInstallProgressCallback& progress, const std::stop_token& stop)
+      : options_(options), paths_(paths), audit_(audit), progress_(progress), stop_(stop) {}
+
+  RemoteStreamingRepackResult run() {
+    throwIfCancelled(stop_);
+    loadCheckpoint();
+    loadSnapshotAndPlan();
+    if (resumed_) {
+      adoptCheckpoint(expectedCheckpoint());
+    } else {
+      checkpoint_ = expectedCheckpoint();
+    }
+    checkSpace();
+    recordSource();
+    if (options_.dryRunSpaceCheck) return finishDryRun();
+    if (!resumed_) beginFresh();
+    copyPayload();
+    finishArtifact();
+    promote();
+    return result();
+  }
+
+ private:
+  void loadCheckpoint() {
+    if (!options_.resume) return;
+    checkpoint_ = RemoteInstallCheckpoint::load(paths_.checkpointFile);
+    resumed_ = true;
+    if (checkpoint_.repoID != options_.repoID || checkpoint_.requestedRevision != options_.revision) {
+      throw RepackError::installStateIncompatible("saved download belongs to a different source");
+    }
+  }
+
+  void loadSnapshotAndPlan() {
+    const HuggingFaceRemoteSource remote{
+        .repoID = options_.repoID,
+        .requestedRevision = options_.revision,
+        .resolvedCommit = resumed_ ? std::optional(checkpoint_.resolvedCommit) : std::nullopt,
+        .token = options_.token,
+        .downloadSession = options_.downloadSession,
+        .baseURL = options_.baseURL,
+        .tempDirectory = paths_.partialDirectory,
+        .retryPolicy = {.attempts = options_.rangeRetryAttempts, .baseDelayNs = options_.retryBaseDelayNs},
+        .stop = stop_,
+    };
+    progress_(DownloadingMetadataProgress{});
+    const auto knownSource = options_.requireKnownSource ? RemoteSnapshotLoader::KnownSource::require
+                                                         : RemoteSnapshotLoader::KnownSource::accept;
+    snapshot_ = RemoteSnapshotLoader::load(remote, knownSource, paths_.metadataDirectory, &audit_);
+    remote_ = remote.pinned(snapshot_.resolvedCommit);
+    plan_ = RepackPlanner::plan(snapshot_.metadata, snapshot_.arch, snapshot_.shardHeaders,
+                                paths_.partialDirectory);
+    copies_ = RangeCopyPlanner::plan(plan_, options_.rangeChunkBytes, "identity", std::nullopt);
+    totalOutputBytes_ = totalOutputBytes(plan_);
+  }
+
+  RemoteInstallCheckpoint expectedCheckpoint() const {
+    return {.repoID = options_.repoID,
+            .requestedRevision = options_.revision,
+            .resolvedCommit = snapshot_.resolvedCommit,
+            .sourceIndexSHA256 = snapshot_.metadata.indexSha256Hex,
+            .planFingerprint = copies_.canonicalFingerprint,
+            .totalSourceBytes = copies_.remoteBytesToDownload,
+            .completedRanges = {}};
+  }
+
+  void adoptCheckpoint(const RemoteInstallCheckpoint& expected) {
+    if (checkpoint_.resolvedCommit != expected.resolvedCommit ||
+        checkpoint_.totalSourceBytes != expected.totalSourceBytes ||
+        !checkpoint_.matches(expected.repoID, expected.requestedRevision, expected.sourceIndexSHA256,
+                             expected.planFingerprint)) {
+      throw RepackError::installStateIncompatible("saved download source or copy plan changed");
+    }
+    if (outputFilesMatch()) {
+      checkpoint_.completedRanges = validatedCompletedRanges(checkpoint_.completedRanges);
+    } else {
+      clearPartialDirectory();
+      createOutputFiles();
+      checkpoint_.completedRanges.clear();
+    }
+    writeCheckpoint();
+  }
+
+  /// Whether the partial files are those of the plan: every one in its place, at its size, behind the plan's
+  /// own index.
+  bool outputFilesMatch() const {
+    for (const RemoteExpectedOutput& output : copies_.expectedOutputs) {
+      const std::string path = joinPath(paths_.partialDirectory, output.relativePath);
+      if (Posix::entryKind(path) != EntryKind::regular) return false;
+      if (Posix::fileSize(Posix::openReadNoFollow(path).get(), path) != output.size) return false;
+    }
+    const std::string& path = plan_.resident.path;
+    return beginsWith(Posix::openReadNoFollow(path).get(), path, ResidentWriter::encodeIndex(plan_.resident));
+  }
+
+  /// The saved ranges whose bytes are still what they were; a range that differs is simply fetched again.
+  std::vector<RemoteCompletedRange> validatedCompletedRanges(
+      const std::vector<RemoteCompletedRange>& ranges) const {
+    std::map<std::string, const CoalescedRangeCopy*> copiesByID;
+    for (const CoalescedRangeCopy& copy : copies_.coalescedCopies) copiesByID.emplace(copy.id, &copy);
+
+    AlignedBuffer buffer(indexCompareBytes);
+    std::vector<RemoteCompletedRange> kept;
+    for (const RemoteCompletedRange& range : ranges) {
+      throwIfCancelled(stop_);
+      const auto copy = copiesByID.find(range.id);
+      if (copy == copiesByID.end() || range.sourceBytes != copy->second->size ||
+          range.destinationBytes != destinationByteCount(*copy->second)) {
+        throw RepackError::installStateCorrupt(paths_.partialDirectory,
+                                               "checkpoint contains an unknown range");
+      }
+      const std::string digest = HTTPRangeSourceByteProvider::destinationDigest(
+          *copy->second, paths_.partialDirectory, buffer.bytes());
+      if (digest == range.destinationDigest) kept.push_back(range);
+    }
+    std::sort(kept.begin(), kept.end(), [](const auto& a, const auto& b) { return a.id < b.id; });
+    return kept;
+  }
+
+  /// Empties the partial directory but for the metadata just fetched into it. The directory itself stays, so
+  /// that it and the checkpoint exist together at every moment.
+  void clearPartialDirectory() {
+    std::vector<std::string> entries;
+    for (const auto& entry : std::filesystem::directory_iterator(paths_.partialDirectory)) {
+      if (entry.path() != paths_.metadataDirectory) entries.push_back(entry.path().string());
+    }
+    for (const std::string& entry : entries) Posix::removeTree(entry);
+  }
+
+  void checkSpace() {
+    progress_(PlanningProgress{copies_.remoteBytesToDownload, totalOutputBytes_});
+    const std::uint64_t reused =
+        checkpoint_.validatedDestinationBytes(totalOutputBytes_, paths_.checkpointFile);
+    const std::uint64_t required =
+        morlenCheckedAdd(totalOutputBytes_ - reused, static_cast<std::uint64_t>(options_.rangeChunkBytes),
+                         "required disk space");
+    const std::string probe = DiskSpaceChecker::directoryForProbe(paths_.parentDirectory);
+    Posix::mkdirP(probe);
+    const DiskSpaceRequirement requirement =
+        DiskSpaceChecker::requirement(probe, required, options_.minFreeReserveBytes);
+    if (!requirement.canInstall()) {
+      throw RepackError::diskSpaceInsufficient(requirement.path, requirement.requiredBytes,
+                                               requirement.availableBytes);
+    }
+    progress_(CheckingDiskProgress{requirement});
+    throwIfCancelled(stop_);
+  }
+
+  void recordSource() {
+    audit_.remoteRepoID = options_.repoID;
+    audit_.remoteRequestedRevision = options_.revision;
+    audit_.remoteResolvedCommit = snapshot_.resolvedCommit;
+    audit_.remoteRangeStreamingSupported = true;
+    audit_.remoteGapBytesDownloaded = copies_.remoteGapBytesDownloaded;
+    audit_.sourceSnapshotSha256 = snapshot_.metadata.indexSha256Hex;
+    audit_.bitWidthOverridesHonored = plan_.bitsOverrideCount;
+    audit_.tensorsDroppedMultimodal = plan_.excludedMultimodalTensorNames;
+    audit_.packedExpertLayoutMode = "identity";
+  }
+
+  RemoteStreamingRepackResult finishDryRun() {
+    if (!resumed_) Posix::removeTree(paths_.partialDirectory);
+    RemoteStreamingRepackResult dryResult = result();
+    dryResult.dryRun = true;
+    return dryResult;
+  }
+
+  void beginFresh() {
+    progress_(ReservingOutputProgress{totalOutputBytes_});
+    createOutputFiles();
+    writeCheckpoint();
+  }
+
+  /// Creates every output at its final size, sparse, with the resident index in place, all of it durable.
+  void createOutputFiles() {
+    const std::string expertsDirectory = joinPath(paths_.partialDirectory, "packed_experts");
+    Posix::mkdirP(expertsDirectory);
+    {
+      const FileDescriptor resident = ResidentWriter::createAndWriteIndex(plan_.resident, audit_);
+      Posix::fsync(resident.get(), plan_.resident.path);
+    }
+    Posix::fsyncDirectory(paths_.partialDirectory);
+    for (const LayerFilePlan& layer : plan_.layers) {
+      if (layer.expertsPerLayer < 1) continue;
+      const FileDescriptor file = Posix::openCreateRW(layer.path);
+      Posix::ftruncate(file.get(), layer.path,
+                       morlenCheckedMultiply(static_cast<std::uint64_t>(layer.expertsPerLayer),
+                                             layer.expertStride, "layer file size"));
+      Posix::fsync(file.get(), layer.path);
+    }
+    Posix::fsyncDirectory(expertsDirectory);
+  }
+
+  void copyPayload() {
+    std::set<std::string> completedIDs;
+    for (const RemoteCompletedRange& range : checkpoint_.completedRanges) {
+      completedIDs.insert(range.id);
+      reusedBytes_ = morlenCheckedAdd(reusedBytes_, range.sourceBytes, "reused bytes");
+    }
+    const auto report = [&](std::uint64_t downloaded) {
+      progress_(CopyingPayloadProgress{reusedBytes_, downloaded, copies_.remoteBytesToDownload});
+    };
+    report(0);
+    HTTPRangeSourceByteProvider provider(*remote_, snapshot_.remoteFiles, options_.writeTileBytes);
+    provider.copyBatch({.copies = copies_.coalescedCopies,
+                        .completedRangeIDs = completedIDs,
+                        .partialDirectory = paths_.partialDirectory,
+                        .temporaryPath = paths_.rangeTemporaryFile,
+                        .audit = audit_,
+                        .progress = report,
+                        .commit = [&](RemoteCompletedRange range) {
+                          checkpoint_.record(std::move(range));
+                          writeCheckpoint();
+                        }});
+  }
+
+  void finishArtifact() {
+    ArtifactRecorder recorder(paths_.partialDirectory, plan_, audit_, progress_, stop_);
+    recorder.recordPayload();
+    recorder.writeLayout();
+    recorder.copyRemoteMetadataSidecars(snapshot_, *remote_);
+    recorder.removeStrayEntries();
+    progress_(FinalizingProgress{});
+    throwIfCancelled(stop_);
+    recorder.writeManifestAndReceipt(snapshot_, options_.repoID, paths_.finalDirectory);
+    throwIfCancelled(stop_);
+  }
+
+  void promote() {
+    if (options_.overwrite && Posix::entryKind(paths_.finalDirectory) == EntryKind::directory) {
+      Posix::renameSwap(paths_.partialDirectory, paths_.finalDirectory);
+      Posix::fsyncDirectory(paths_.parentDirectory);
+      Posix::removeTree(paths_.partialDirectory);
+    } else {
+      Posix::rename(paths_.partialDirectory, paths_.finalDirectory);
+      Posix::fsyncDirectory(paths_.parentDirectory);
+    }
+    try {
+      Posix::unlink(paths_.checkpointFile);
+    } catch (const RepackError&) {
+      // The artifact is in place; a checkpoint that stays is reported by the next run.
+      return;
+    }
+  }
+
+  RemoteStreamingRepackResult result() const {
+    return {.outputDir = paths_.finalDirectory,
+            .resolvedCommit = snapshot_.resolvedCommit,
+            .plan = plan_,
+            .rangeRequestCount = copies_.coalescedCopies.size(),
+            .remoteBytesToDownload = copies_.remoteBytesToDownload,
+            .remoteGapBytesDownloaded = copies_.remoteGapBytesDownloaded,
+            .remoteRetryCount = audit_.remoteRangeRetries,
+            .reusedBytes = reusedBytes_,
+            .downloadedThisRunBytes = audit_.remoteBytesDownloaded,
+            .dryRun = false};
+  }
+
+  void writeCheckpoint() const { checkpoint_.write(paths_.checkpointFile, paths_.parentDirectory); }
+
+  const RemoteStreamingRepackOptions& options_;
+  const RemoteInstallPaths& paths_;
+  RepackAudit& audit_;
+  const ModelInstallProgressCallback& progress_;
+  const std::stop_token& stop_;
+
+  bool resumed_ = false;
+  RemoteInstallCheckpoint checkpoint_;
+  RemoteSnapshot snapshot_;
+  std::optional<HuggingFaceRemoteSource> remote_;
+  RepackPlan plan_;
+  RangeCopyPlan copies_;
+  std::uint64_t totalOutputBytes_ = 0;
+  std::uint64_t reusedBytes_ = 0;
+};
+
+void writeAudit(const RepackAudit& audit, const std::string& path, const std::string& outputDir) {
+  Posix::mkdirP(parentPath(standardizedPath(path)));
+  Posix::writeWholeFile(path, audit.toJSONData(outputDir));
+}
+
+}  // namespace
+
+RemoteStreamingRepacker::RemoteStreamingRepacker(RemoteStreamingRepackOptions options, RepackAudit& audit,
+                                                 std::stop_token stop)
+    : options_(std::move(options)),
+      audit_(audit),
+      stop_(std::move(stop)),
+      startTime_(std::chrono::steady_clock::now()) {}
+
+RemoteStreamingRepackResult RemoteStreamingRepacker::run(const ModelInstallProgressCallback& progress) {
+  validateOptions(options_);
+  const InstallLock lock = InstallLock::acquire(options_.outputDir);
+  checkEntryState(lock.paths(), options_);
+  RemoteStreamingRepackResult result = LockedInstall(options_, lock.paths(), audit_, progress, stop_).run();
+  if (result.dryRun) return result;
+
+  audit_.wallTimeSeconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - startTime_).count();
+  audit_.wholeFileHeapBuffers = false;
+  if (options_.copyAuditPath) writeAudit(audit_, *options_.copyAuditPath, result.outputDir);
+  return result;
+}
+
+void RemoteStreamingRepacker::discardPartial(const std::string& outputDirectory) {
+  const InstallLock lock = InstallLock::acquire(outputDirectory);
+  const RemoteInstallPaths& paths = lock.paths();
+  const bool hasPartial = Posix::entryKind(paths.partialDirectory) != EntryKind::absent;
+  const bool hasCheckpoint = Posix::entryKind(paths.checkpointFile) != EntryKind::absent;
+  if (!hasPartial && !hasCheckpoint) throw RepackError::installStateMissing(paths.checkpointFile);
+  if (hasPartial) Posix::removeTree(paths.partialDirectory);
+  if (hasCheckpoint) Posix::unlink(paths.checkpointFile);
+  Posix::fsyncDirectory(paths.parentDirectory);
+}
+
+}  // namespace vellicor

@@ -1,1 +1,194 @@
 #include "VellicorRepackCore/Install/SourceByteProvider.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <optional>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "VellicorFormat/MorlenFormatV1.h"
+#include "VellicorRepackCore/Base/BoundedScratch.h"
+#include "VellicorRepackCore/Base/Cancellation.h"
+#include "VellicorRepackCore/Base/Sha256Stream.h"
+#include "VellicorRepackCore/FileSystem/Posix.h"
+#include "VellicorRepackCore/Remote/RemoteRetry.h"
+
+namespace vellicor {
+
+namespace {
+
+constexpr std::size_t digestBufferBytes = 524288;
+
+/// The output files of one call, each opened once on first use and closed when the call ends.
+class DestinationFiles {
+ public:
+  int open(const std::string& path) {
+    FileDescriptor& file = files_[path];
+    if (!file) file = Posix::openExistingRW(path);
+    return file.get();
+  }
+
+ private:
+  std::map<std::string, FileDescriptor> files_;
+};
+
+/// The copy phase of one call: its batch, its one tile and its running count.
+class BatchCopier {
+ public:
+  BatchCopier(const HuggingFaceRemoteSource& remote, const std::map<std::string, RemoteFileInfo>& files,
+              std::int64_t writeTileBytes, const CopyBatch& batch)
+      : remote_(remote), files_(files), batch_(batch), tile_(static_cast<std::size_t>(writeTileBytes)) {
+    batch_.audit.largestScratchBytes = std::max(batch_.audit.largestScratchBytes, writeTileBytes);
+  }
+
+  void copyAll() {
+    for (const CoalescedRangeCopy& copy : batch_.copies) {
+      if (!batch_.completedRangeIDs.contains(copy.id)) copyRange(copy);
+    }
+  }
+
+ private:
+  void copyRange(const CoalescedRangeCopy& copy) {
+    throwIfCancelled(remote_.stop);
+    const auto info = files_.find(copy.shardID);
+    if (info == files_.end()) {
+      throw RepackError::configurationInvalid("missing remote info for " + copy.shardID);
+    }
+    Posix::removeTree(batch_.temporaryPath);
+    account(download(copy, info->second));
+    const std::set<std::string> touched = scatter(copy);
+    throwIfCancelled(remote_.stop);
+    for (const std::string& path : touched) Posix::fsync(destinations_.open(path), path);
+    batch_.commit(
+        {copy.id,
+         HTTPRangeSourceByteProvider::destinationDigest(copy, batch_.partialDirectory, tile_.bytes()),
+         copy.size, destinationByteCount(copy)});
+    batch_.progress(downloaded_);
+    removeTemporaryFile();
+    throwIfCancelled(remote_.stop);
+  }
+
+  RemoteRangeTransferResult download(const CoalescedRangeCopy& copy, const RemoteFileInfo& info) {
+    return withRemoteRetries(
+        remote_.retryPolicy, "downloadRangeToTempFile:" + copy.shardID, &batch_.audit,
+        remote_.retryEnvironment, remote_.stop, [&] {
+          batch_.progress(downloaded_);
+          const std::uint64_t last = morlenCheckedAdd(copy.sourceOffset, copy.size, copy.id) - 1;
+          if (last >= info.size) {
+            throw RepackError::remoteProtocolInvalid(
+                fmt::format("range {}-{} exceeds {}", copy.sourceOffset, last, copy.shardID));
+          }
+          const HttpRequest request = remote_.rangeRequest(copy.shardID, copy.sourceOffset, last);
+          Posix::mkdirP(remote_.tempDirectory);
+          return remote_.downloadSession->transfer(
+              request, batch_.temporaryPath,
+              {copy.shardID, copy.sourceOffset, copy.size, info.size, info.xetHash},
+              [&](std::uint64_t received) { batch_.progress(downloaded_ + received); }, remote_.stop);
+        });
+  }
+
+  void account(const RemoteRangeTransferResult& received) {
+    RepackAudit& audit = batch_.audit;
+    audit.remoteRangeRequests += 1;
+    audit.remoteBytesDownloaded += received.byteCount;
+    audit.largestRemoteTransferBytes =
+        std::max(audit.largestRemoteTransferBytes, static_cast<std::int64_t>(received.byteCount));
+    downloaded_ += received.byteCount;
+    batch_.progress(downloaded_);
+  }
+
+  /// Moves the range from the temporary file to its destinations; returns the paths it wrote to.
+  std::set<std::string> scatter(const CoalescedRangeCopy& copy) {
+    const FileDescriptor source = Posix::openReadNoFollow(batch_.temporaryPath);
+    std::set<std::string> touched;
+    for (const RangeCopy& destination : copy.destinations) {
+      const int fd = destinations_.open(destination.destinationPath);
+      touched.insert(destination.destinationPath);
+      moveTiles(source.get(), destination.sourceOffset - copy.sourceOffset, fd, destination);
+    }
+    return touched;
+  }
+
+  void moveTiles(int source, std::uint64_t readOffset, int fd, const RangeCopy& destination) {
+    RepackAudit& audit = batch_.audit;
+    for (std::uint64_t moved = 0; moved < destination.size;) {
+      throwIfCancelled(remote_.stop);
+      const std::uint64_t length = std::min<std::uint64_t>(tile_.size(), destination.size - moved);
+      const auto count = static_cast<std::int64_t>(length);
+      Posix::preadAll(source, batch_.temporaryPath, tile_.data(), count, readOffset + moved);
+      Posix::pwriteAll(fd, destination.destinationPath, tile_.data(), count,
+                       destination.destinationOffset + moved);
+      audit.sourceBytesRead += length;
+      audit.outputBytesWritten += length;
+      audit.intentionalCopyBytes += length;
+      audit.byteCopyTiles += 1;
+      moved += length;
+    }
+  }
+
+  /// What stays behind is removed before the next download.
+  void removeTemporaryFile() noexcept {
+    try {
+      Posix::unlink(batch_.temporaryPath);
+    } catch (const std::exception&) {
+      return;
+    }
+  }
+
+  const HuggingFaceRemoteSource& remote_;
+  const std::map<std::string, RemoteFileInfo>& files_;
+  const CopyBatch& batch_;
+  AlignedBuffer tile_;
+  DestinationFiles destinations_;
+  std::uint64_t downloaded_ = 0;
+};
+
+}  // namespace
+
+std::uint64_t destinationByteCount(const CoalescedRangeCopy& copy) {
+  std::uint64_t total = 0;
+  for (const RangeCopy& destination : copy.destinations) {
+    total = morlenCheckedAdd(total, destination.size, copy.id);
+  }
+  return total;
+}
+
+HTTPRangeSourceByteProvider::HTTPRangeSourceByteProvider(HuggingFaceRemoteSource remote,
+                                                         std::map<std::string, RemoteFileInfo> files,
+                                                         std::int64_t writeTileBytes)
+    : remote_(std::move(remote)), files_(std::move(files)), writeTileBytes_(writeTileBytes) {}
+
+void HTTPRangeSourceByteProvider::copyBatch(const CopyBatch& batch) {
+  BatchCopier(remote_, files_, writeTileBytes_, batch).copyAll();
+}
+
+std::string HTTPRangeSourceByteProvider::destinationDigest(const CoalescedRangeCopy& copy,
+                                                           const std::string& partialDirectory,
+                                                           std::span<std::byte> scratch) {
+  std::optional<AlignedBuffer> ownBuffer;
+  if (scratch.empty()) scratch = ownBuffer.emplace(digestBufferBytes).bytes();
+
+  FingerprintWriter digest;
+  digest.append("Vellicor.RemoteRangeDestination.v1");
+  digest.append(copy.id);
+  digest.append(std::uint64_t{copy.destinations.size()});
+  for (const RangeCopy& destination : copy.destinations) {
+    const std::string& path = destination.destinationPath;
+    digest.append(RangeCopyPlanner::normalizedRelativePath(path, partialDirectory));
+    digest.append(destination.destinationOffset);
+    digest.append(destination.sourceOffset - copy.sourceOffset);
+    digest.append(destination.size);
+    const FileDescriptor file = Posix::openReadNoFollow(path);
+    for (std::uint64_t done = 0; done < destination.size;) {
+      const std::uint64_t length = std::min<std::uint64_t>(scratch.size(), destination.size - done);
+      Posix::preadAll(file.get(), path, scratch.data(), static_cast<std::int64_t>(length),
+                      destination.destinationOffset + done);
+      digest.appendBytes(scratch.first(static_cast<std::size_t>(length)));
+      done += length;
+    }
+  }
+  return digest.finalizeHexString();
+}
+
+}  // namespace vellicor

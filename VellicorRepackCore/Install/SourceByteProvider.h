@@ -15,6 +15,10 @@
 
 namespace vellicor {
 
+/// Bytes that a range request writes: the sum of its destinations' sizes. Throws `MorlenFormatError` on
+/// overflow.
+std::uint64_t destinationByteCount(const CoalescedRangeCopy& copy);
+
 /// What one call of `SourceByteProvider::copyBatch` works on.
 struct CopyBatch {
   /// Processed strictly in this order, one at a time.

@@ -1,1 +1,53 @@
 #include "VellicorRepackCore/Output/MorlenLayoutValidator.h"
+
+#include <algorithm>
+
+#include <fmt/format.h>
+
+#include "VellicorFormat/MorlenPackedExpertsLayoutV1.h"
+#include "VellicorRepackCore/Base/Errors.h"
+#include "VellicorRepackCore/FileSystem/Posix.h"
+
+namespace vellicor {
+namespace {
+
+RepackError failed(std::string_view reason) {
+  return RepackError::configurationInvalid(fmt::format("layout.json validation failed: {}", reason));
+}
+
+MorlenPackedExpertsLayoutV1 readLayout(const std::string& path) {
+  try {
+    return MorlenPackedExpertsLayoutCodec::decode(
+        Posix::readBoundedData(path, MorlenLayoutValidator::maximumLayoutBytes));
+  } catch (const std::exception& error) {
+    throw failed(error.what());
+  }
+}
+
+void checkLayer(const MorlenLayerV1& layer, std::uint64_t expertStride, const RepackPlan& plan) {
+  const auto planned =
+      std::find_if(plan.layers.begin(), plan.layers.end(),
+                   [&](const LayerFilePlan& candidate) { return candidate.layerIndex == layer.layer; });
+  if (planned == plan.layers.end()) throw failed("malformed layer");
+  const auto experts = static_cast<std::int64_t>(layer.experts.size());
+  if (experts != planned->expertsPerLayer || expertStride != planned->expertStride) {
+    throw failed(fmt::format("plan mismatch in layer {}", layer.layer));
+  }
+}
+
+}  // namespace
+
+void MorlenLayoutValidator::validate(const std::string& path, const RepackPlan& plan, RepackAudit* audit) {
+  const MorlenPackedExpertsLayoutV1 layout = readLayout(path);
+  std::int64_t experts = 0;
+  for (const MorlenLayerV1& layer : layout.layers) {
+    checkLayer(layer, layout.expertStride, plan);
+    experts += static_cast<std::int64_t>(layer.experts.size());
+  }
+  if (layout.layers.size() != plan.layers.size()) throw failed("layer count mismatch");
+  if (audit == nullptr) return;
+  audit->packedExpertLayoutAuditLogicalIDCount = experts;
+  audit->packedExpertLayoutOffsetValidationPassed = true;
+}
+
+}  // namespace vellicor

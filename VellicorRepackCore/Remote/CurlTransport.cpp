@@ -1,1 +1,528 @@
 #include "VellicorRepackCore/Remote/CurlTransport.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cmath>
+#include <cstring>
+#include <exception>
+#include <new>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+#include <curl/curl.h>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <openssl/crypto.h>
+#include <openssl/ssl.h>
+#include <sys/socket.h>
+
+#include "VellicorRepackCore/Base/Cancellation.h"
+#include "VellicorRepackCore/Base/Environment.h"
+#include "VellicorRepackCore/Base/Errors.h"
+#include "VellicorRepackCore/Remote/RemoteHeaders.h"
+
+namespace vellicor {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Seconds = std::chrono::duration<double>;
+using Code = NetworkError::Code;
+
+constexpr long receiveBufferBytes = 524288;
+constexpr std::chrono::seconds connectivityPollInterval{1};
+constexpr Seconds longestPoll{60.0};
+
+template <auto free>
+struct Free {
+  template <typename T>
+  void operator()(T* object) const noexcept {
+    free(object);
+  }
+};
+using Multi = std::unique_ptr<CURLM, Free<curl_multi_cleanup>>;
+using Easy = std::unique_ptr<CURL, Free<curl_easy_cleanup>>;
+using List = std::unique_ptr<curl_slist, Free<curl_slist_free_all>>;
+
+// A failure of libcurl as a person reads it: {0} is the server's host and port, {1} the reason (": ..." or
+// nothing), {2} the redacted URL.
+struct FailureText {
+  CURLcode curlCode;
+  Code code;
+  std::string_view text;
+};
+constexpr std::array failureTexts = {
+    FailureText{CURLE_COULDNT_RESOLVE_HOST, Code::nameResolution, "could not find the address of {0} ({2})"},
+    FailureText{CURLE_COULDNT_RESOLVE_PROXY, Code::nameResolution,
+                "could not find the address of the proxy ({2})"},
+    FailureText{CURLE_COULDNT_CONNECT, Code::cannotConnect, "could not connect to {0}{1} ({2})"},
+    FailureText{CURLE_PROXY, Code::cannotConnect, "the proxy could not be used to connect to {0} ({2})"},
+    FailureText{CURLE_GOT_NOTHING, Code::connectionLost, "{0} closed the connection without an answer ({2})"},
+    FailureText{CURLE_PARTIAL_FILE, Code::connectionLost,
+                "{0} closed the connection within its answer's head ({2})"},
+    FailureText{CURLE_OK, Code::connectionLost, "{0} closed the connection within its answer's head ({2})"},
+    FailureText{CURLE_SEND_ERROR, Code::connectionLost, "the connection to {0} was lost{1} ({2})"},
+    FailureText{CURLE_RECV_ERROR, Code::connectionLost, "the connection to {0} was lost{1} ({2})"},
+    FailureText{CURLE_OUT_OF_MEMORY, Code::resourceUnavailable,
+                "not enough memory for the answer of {0} ({2})"},
+    FailureText{CURLE_PEER_FAILED_VERIFICATION, Code::tls, "the server's certificate is not trusted{1}: {2}"},
+    FailureText{CURLE_SSL_CACERT_BADFILE, Code::tls, "the certificates to trust could not be read{1} ({2})"},
+    FailureText{CURLE_SSL_CONNECT_ERROR, Code::tls,
+                "no secure connection to {0} could be agreed on{1} ({2})"},
+    FailureText{CURLE_UNSUPPORTED_PROTOCOL, Code::other, "{0} gave an answer that is not HTTP ({2})"},
+    FailureText{CURLE_WEIRD_SERVER_REPLY, Code::other, "{0} gave an answer that is not HTTP ({2})"},
+};
+
+bool isOutOfResources(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+
+constexpr std::array lostConnectionErrors = {ECONNRESET,  EPIPE,    ECONNABORTED, ETIMEDOUT,
+                                             ENETUNREACH, ENETDOWN, EHOSTUNREACH};
+constexpr std::array<std::string_view, 3> handshakeEndTexts = {"SSL_ERROR_SYSCALL", "SSL_ERROR_ZERO_RETURN",
+                                                               "unexpected eof"};
+
+std::string systemMessage(int error) { return std::generic_category().message(error); }
+
+bool quotes(std::string_view text, int error) {
+  return text.find(systemMessage(error)) != std::string_view::npos;
+}
+
+// ": " and what stands in `text` behind the last `mark`, or nothing.
+std::string textBehind(std::string_view text, std::string_view mark) {
+  const std::size_t at = text.rfind(mark);
+  return at == std::string_view::npos ? "" : fmt::format(": {}", text.substr(at + mark.size()));
+}
+
+bool isProxyNamed() {
+  constexpr std::array names = {"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"};
+  return std::ranges::any_of(names,
+                             [](const char* name) { return nonEmptyEnvironmentVariable(name).has_value(); });
+}
+
+template <typename T>
+void set(CURL* easy, CURLoption option, T value) {
+  const CURLcode code = curl_easy_setopt(easy, option, value);
+  if (code == CURLE_OK) return;
+  if (code == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
+  throw NetworkError(Code::other,
+                     fmt::format("libcurl refuses an option that is needed: {}", curl_easy_strerror(code)));
+}
+
+// One attempt at one hop: what libcurl's callbacks, which must not throw, need and leave behind.
+class Hop {
+ public:
+  Hop(const HttpRequest& request, const HttpHopLimits& limits, HttpObserver& observer,
+      const std::stop_token& stop, std::size_t maximumHeaderBytes)
+      : request_(request),
+        limits_(limits),
+        observer_(observer),
+        stop_(stop),
+        maximumHeaderBytes_(maximumHeaderBytes) {}
+
+  void configure(CURL* easy, const std::optional<std::string>& caFile);
+
+  /// Throws what a callback ended the hop with, and when a stop is asked for.
+  void throwIfBrokenOff() const;
+  /// Until the hop is given up; throws when that time has come.
+  Seconds timeLeft() const;
+  bool isHeadDelivered() const { return isHeadDelivered_; }
+  NetworkError failure(CURL* easy, CURLcode curlCode) const;
+  NetworkError failure(Code code, std::string_view text, const std::string& reason = "") const;
+
+ private:
+  static std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* hop);
+  static std::size_t onBody(char* data, std::size_t size, std::size_t count, void* hop);
+  static int onConnected(void* hop, char* address, char* localAddress, int port, int localPort);
+  static curl_socket_t openSocket(void* hop, curlsocktype purpose, curl_sockaddr* address);
+
+  template <typename Action>
+  std::size_t received(std::size_t bytes, Action action);
+  void takeHeaderLine(std::string_view line);
+  void deliverHead();
+  NetworkError noAnswer() const;
+  NetworkError tooLargeHead() const;
+  std::string reason(CURL* easy, CURLcode curlCode) const;
+  bool wasCutOffInHandshake() const;
+
+  const HttpRequest& request_;
+  const HttpHopLimits& limits_;
+  HttpObserver& observer_;
+  const std::stop_token& stop_;
+  std::size_t maximumHeaderBytes_;
+  List headers_;
+  std::string caFile_;
+  std::array<char, CURL_ERROR_SIZE> errorText_{};
+  int socketError_ = 0;
+  Clock::time_point lastSign_ = Clock::now();
+  std::size_t headerBytes_ = 0;
+  // The newest header block: its status line, then one entry per field.
+  std::vector<std::string> lines_;
+  bool isHeadDelivered_ = false;
+  std::exception_ptr refusal_;
+};
+
+int statusOf(std::string_view statusLine) {
+  int status = 0;
+  const std::string_view digits = statusLine.substr(std::min(statusLine.find(' '), statusLine.size()));
+  if (!digits.empty()) std::from_chars(digits.data() + 1, digits.data() + digits.size(), status);
+  return status;
+}
+
+List headerList(const HttpHeaders& headers) {
+  List list;
+  const auto append = [&](const std::string& line) {
+    curl_slist* longer = curl_slist_append(list.get(), line.c_str());
+    if (longer == nullptr) throw std::bad_alloc();
+    static_cast<void>(list.release());
+    list.reset(longer);
+  };
+  if (!headers.get("User-Agent")) append("User-Agent: VellicorRepack/1.0");
+  for (const auto& [name, value] : headers.fields()) {
+    // libcurl spells a field without a value with a semicolon.
+    append(value.empty() ? name + ";" : name + ": " + value);
+  }
+  return list;
+}
+
+// An abrupt end of stream is then an end like any other, and counting bytes finds what is missing.
+CURLcode acceptAbruptEnd(CURL*, void* context, void*) {
+  SSL_CTX_set_options(static_cast<SSL_CTX*>(context), SSL_OP_IGNORE_UNEXPECTED_EOF);
+  return CURLE_OK;
+}
+
+// Whether libcurl's TLS contexts are those of the OpenSSL that is linked here.
+bool sharesOpenSsl() {
+  const char* backend = curl_version_info(CURLVERSION_NOW)->ssl_version;
+  return backend != nullptr &&
+         std::string_view(backend).starts_with(fmt::format("OpenSSL/{}.", OPENSSL_version_major()));
+}
+
+// libcurl shares this time out among a host's addresses; 0 would mean its own default.
+long connectMilliseconds(Seconds idleTimeout) {
+  return std::lround(std::clamp(idleTimeout.count() * 1000, 1.0, 86400000.0));
+}
+
+void Hop::configure(CURL* easy, const std::optional<std::string>& caFile) {
+  headers_ = headerList(request_.headers);
+  caFile_ = caFile.value_or("");
+  set(easy, CURLOPT_URL, request_.url.string().c_str());
+  set(easy, CURLOPT_PATH_AS_IS, 1L);
+  set(easy, CURLOPT_PROTOCOLS_STR, "https");
+  set(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+  if (request_.method != "GET") set(easy, CURLOPT_CUSTOMREQUEST, request_.method.c_str());
+  if (request_.method == "HEAD") set(easy, CURLOPT_NOBODY, 1L);
+  set(easy, CURLOPT_HTTPHEADER, headers_.get());
+
+  set(easy, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+  set(easy, CURLOPT_SSL_VERIFYPEER, 1L);
+  set(easy, CURLOPT_SSL_VERIFYHOST, 2L);
+  if (caFile) {
+    set(easy, CURLOPT_CAINFO, caFile->c_str());
+    set(easy, CURLOPT_CAPATH, static_cast<const char*>(nullptr));
+  }
+  if (sharesOpenSsl()) set(easy, CURLOPT_SSL_CTX_FUNCTION, &acceptAbruptEnd);
+
+  // CURLOPT_NOSIGNAL stays off: libcurl then keeps SIGPIPE from the process itself. Its resolver has a thread
+  // of its own, so it uses no alarm.
+  set(easy, CURLOPT_QUICK_EXIT, 1L);
+  set(easy, CURLOPT_TCP_KEEPALIVE, 1L);
+  set(easy, CURLOPT_CONNECTTIMEOUT_MS, connectMilliseconds(limits_.idleTimeout));
+  // Refused, without harm, while the buffer of a hop that failed early is still there.
+  static_cast<void>(curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, receiveBufferBytes));
+  set(easy, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+  set(easy, CURLOPT_ERRORBUFFER, errorText_.data());
+  set(easy, CURLOPT_OPENSOCKETFUNCTION, &openSocket);
+  set(easy, CURLOPT_OPENSOCKETDATA, this);
+  set(easy, CURLOPT_PREREQFUNCTION, &onConnected);
+  set(easy, CURLOPT_PREREQDATA, this);
+  set(easy, CURLOPT_HEADERFUNCTION, &onHeader);
+  set(easy, CURLOPT_HEADERDATA, this);
+  set(easy, CURLOPT_WRITEFUNCTION, &onBody);
+  set(easy, CURLOPT_WRITEDATA, this);
+}
+
+std::size_t Hop::onHeader(char* data, std::size_t size, std::size_t count, void* hop) {
+  auto* self = static_cast<Hop*>(hop);
+  return self->received(size * count, [&] { self->takeHeaderLine({data, size * count}); });
+}
+
+std::size_t Hop::onBody(char* data, std::size_t size, std::size_t count, void* hop) {
+  auto* self = static_cast<Hop*>(hop);
+  return self->received(size * count,
+                        [&] { self->observer_.onData(std::as_bytes(std::span(data, size * count))); });
+}
+
+// Any other count than `bytes` makes libcurl break the hop off.
+template <typename Action>
+std::size_t Hop::received(std::size_t bytes, Action action) {
+  try {
+    throwIfCancelled(stop_);
+    action();
+  } catch (...) {
+    refusal_ = std::current_exception();
+    return bytes == 0 ? 1 : 0;
+  }
+  lastSign_ = Clock::now();
+  return bytes;
+}
+
+int Hop::onConnected(void* hop, char*, char*, int, int) {
+  static_cast<Hop*>(hop)->lastSign_ = Clock::now();
+  return CURL_PREREQFUNC_OK;
+}
+
+curl_socket_t Hop::openSocket(void* hop, curlsocktype, curl_sockaddr* address) {
+  const int descriptor = ::socket(address->family, address->socktype, address->protocol);
+  if (descriptor < 0) {
+    static_cast<Hop*>(hop)->socketError_ = errno;
+    return CURL_SOCKET_BAD;
+  }
+  ::fcntl(descriptor, F_SETFD, FD_CLOEXEC);
+  return descriptor;
+}
+
+void Hop::takeHeaderLine(std::string_view line) {
+  if (line.size() > maximumHeaderBytes_ - headerBytes_) throw tooLargeHead();
+  headerBytes_ += line.size();
+  if (isHeadDelivered_) return;  // Trailers of a chunked body.
+  line = line.substr(0, line.find_last_not_of("\r\n") + 1);
+  if (line.empty()) {
+    deliverHead();
+  } else if (line.starts_with("HTTP/")) {
+    lines_ = {std::string(line)};
+  } else if ((line.front() == ' ' || line.front() == '\t') && !lines_.empty()) {
+    lines_.back().append(" ").append(trimmedWhitespace(line));
+  } else {
+    lines_.emplace_back(line);
+  }
+}
+
+void Hop::deliverHead() {
+  HttpResponseHead head{
+      .url = request_.url, .status = lines_.empty() ? 0 : statusOf(lines_.front()), .headers = {}};
+  if (head.status >= 100 && head.status < 200) return;
+  for (std::size_t i = 1; i < lines_.size(); ++i) {
+    const std::string_view line = lines_[i];
+    const std::size_t colon = line.find(':');
+    if (colon == std::string_view::npos) continue;
+    head.headers.add(line.substr(0, colon), trimmedWhitespace(line.substr(colon + 1)));
+  }
+  isHeadDelivered_ = true;
+  observer_.onResponse(head);
+}
+
+NetworkError Hop::failure(Code code, std::string_view text, const std::string& reason) const {
+  return {code,
+          fmt::format(fmt::runtime(text), request_.url.authority(), reason, redactRemoteURL(request_.url))};
+}
+
+NetworkError Hop::failure(CURL* easy, CURLcode curlCode) const {
+  long proxyStatus = 0;
+  curl_easy_getinfo(easy, CURLINFO_HTTP_CONNECTCODE, &proxyStatus);
+  if (proxyStatus >= 300) {
+    return failure(Code::cannotConnect, "the proxy refused a connection to {0}{1} ({2})",
+                   fmt::format(" with status {}", proxyStatus));
+  }
+  if (curlCode == CURLE_COULDNT_CONNECT && isOutOfResources(socketError_)) {
+    return failure(Code::resourceUnavailable, "could not open a connection to {0}{1} ({2})",
+                   ": " + systemMessage(socketError_));
+  }
+  if (curlCode == CURLE_COULDNT_CONNECT && isProxyNamed()) {
+    return failure(Code::cannotConnect,
+                   "could not connect to {0} or to the proxy that the environment names{1} ({2})",
+                   reason(easy, curlCode));
+  }
+  // A header line beyond what libcurl takes is reported so, too.
+  if (curlCode == CURLE_OUT_OF_MEMORY && !lines_.empty() && !isHeadDelivered_) return tooLargeHead();
+  if (curlCode == CURLE_OPERATION_TIMEDOUT) return noAnswer();
+  if (curlCode == CURLE_SSL_CONNECT_ERROR && wasCutOffInHandshake()) curlCode = CURLE_SEND_ERROR;
+  const auto known = std::ranges::find(failureTexts, curlCode, &FailureText::curlCode);
+  if (known != failureTexts.end()) return failure(known->code, known->text, reason(easy, curlCode));
+  return failure(Code::other, "the exchange with {0} failed{1} ({2})",
+                 fmt::format(": {}", curl_easy_strerror(curlCode)));
+}
+
+// What follows the sentence that names the failure. libcurl keeps no system error for a lost connection, but
+// its text quotes it.
+std::string Hop::reason(CURL* easy, CURLcode curlCode) const {
+  const std::string_view text = errorText_.data();
+  if (curlCode == CURLE_COULDNT_CONNECT) {
+    long systemError = 0;
+    curl_easy_getinfo(easy, CURLINFO_OS_ERRNO, &systemError);
+    return systemError == 0 ? "" : ": " + systemMessage(static_cast<int>(systemError));
+  }
+  if (curlCode == CURLE_SSL_CACERT_BADFILE) return caFile_.empty() ? "" : " from " + caFile_;
+  if (curlCode == CURLE_PEER_FAILED_VERIFICATION) return textBehind(text, ": ");
+  if (curlCode == CURLE_SSL_CONNECT_ERROR) return textBehind(text, "::");
+  const auto quoted =
+      std::ranges::find_if(lostConnectionErrors, [&](int error) { return quotes(text, error); });
+  return quoted == lostConnectionErrors.end() ? "" : ": " + systemMessage(*quoted);
+}
+
+// libcurl reports a connection that ends within the TLS handshake as a failed handshake.
+bool Hop::wasCutOffInHandshake() const {
+  const std::string_view text = errorText_.data();
+  return std::ranges::any_of(lostConnectionErrors, [&](int error) { return quotes(text, error); }) ||
+         std::ranges::any_of(handshakeEndTexts,
+                             [&](std::string_view end) { return text.find(end) != std::string_view::npos; });
+}
+
+NetworkError Hop::noAnswer() const {
+  return {Code::timedOut, fmt::format("no answer from {} for {} seconds ({})", request_.url.host(),
+                                      limits_.idleTimeout.count(), redactRemoteURL(request_.url))};
+}
+
+NetworkError Hop::tooLargeHead() const {
+  return failure(Code::other, "the head of the answer of {0} is too large ({2})");
+}
+
+void Hop::throwIfBrokenOff() const {
+  if (refusal_) std::rethrow_exception(refusal_);
+  throwIfCancelled(stop_);
+}
+
+Seconds Hop::timeLeft() const {
+  const Clock::time_point now = Clock::now();
+  const Seconds untilIdle = limits_.idleTimeout - (now - lastSign_);
+  const Seconds untilDeadline = limits_.deadline - now;
+  if (untilDeadline <= Seconds::zero()) {
+    throw failure(Code::timedOut, "the exchange with {0} did not end within its time ({2})");
+  }
+  if (untilIdle <= Seconds::zero()) throw noAnswer();
+  return std::min(untilIdle, untilDeadline);
+}
+
+// Ends the easy handle's part in a hop: out of the multi handle, and nothing in it that points into the hop.
+// Taken out before its transfer has ended, its connection is closed instead of kept.
+class HandleRelease {
+ public:
+  HandleRelease(CURLM* multi, CURL* easy) : multi_(multi), easy_(easy) {}
+  ~HandleRelease() {
+    curl_multi_remove_handle(multi_, easy_);
+    curl_easy_reset(easy_);
+  }
+  HandleRelease(const HandleRelease&) = delete;
+  HandleRelease& operator=(const HandleRelease&) = delete;
+
+ private:
+  CURLM* multi_;
+  CURL* easy_;
+};
+
+bool isLoopback(const std::string& host) {
+  return host == "localhost" || host == "[::1]" || host.starts_with("127.");
+}
+
+// Link-local addresses lead nowhere; some systems always have them.
+bool isRoutable(const sockaddr* address) {
+  if (address == nullptr) return false;
+  if (address->sa_family == AF_INET) return true;
+  if (address->sa_family != AF_INET6) return false;
+  sockaddr_in6 v6{};
+  std::memcpy(&v6, address, sizeof(v6));
+  return v6.sin6_addr.s6_addr[0] != 0xFE || (v6.sin6_addr.s6_addr[1] & 0xC0) != 0x80;
+}
+
+bool hasNetworkInterface() {
+  ifaddrs* first = nullptr;
+  if (::getifaddrs(&first) != 0) return true;
+  const std::unique_ptr<ifaddrs, Free<freeifaddrs>> owned(first);
+  for (const ifaddrs* entry = first; entry != nullptr; entry = entry->ifa_next) {
+    const bool isUp = (entry->ifa_flags & IFF_UP) != 0 && (entry->ifa_flags & IFF_RUNNING) != 0;
+    const bool isLoopbackInterface = (entry->ifa_flags & IFF_LOOPBACK) != 0;
+    if (isUp && !isLoopbackInterface && isRoutable(entry->ifa_addr)) return true;
+  }
+  return false;
+}
+
+void initializeLibrary() {
+  static const CURLcode result = curl_global_init(CURL_GLOBAL_DEFAULT);
+  if (result != CURLE_OK) throw NetworkError(Code::other, "libcurl could not be initialised");
+}
+
+int pollMilliseconds(Seconds duration) {
+  return static_cast<int>(std::ceil(std::min(duration, longestPoll).count() * 1000));
+}
+
+}  // namespace
+
+struct CurlTransport::Impl {
+  explicit Impl(Options transportOptions) : options(std::move(transportOptions)) {
+    initializeLibrary();
+    multi.reset(curl_multi_init());
+    easy.reset(curl_easy_init());
+    if (!multi || !easy) throw std::bad_alloc();
+    curl_multi_setopt(multi.get(), CURLMOPT_MAX_HOST_CONNECTIONS, 1L);
+    if (!options.hasNetwork) options.hasNetwork = hasNetworkInterface;
+  }
+
+  std::optional<NetworkError> attempt(Hop& hop);
+  CURLcode run(const Hop& hop);
+  bool shouldWaitForNetwork(const NetworkError& failure, const HttpRequest& request,
+                            const HttpHopLimits& limits) const;
+
+  Options options;
+  Multi multi;
+  Easy easy;
+};
+
+// The failure that libcurl reports, if any.
+std::optional<NetworkError> CurlTransport::Impl::attempt(Hop& hop) {
+  const HandleRelease release(multi.get(), easy.get());
+  hop.configure(easy.get(), options.caFile);
+  if (curl_multi_add_handle(multi.get(), easy.get()) != CURLM_OK) throw std::bad_alloc();
+  const CURLcode result = run(hop);
+  const bool hasEnded = result == CURLE_OK || result == CURLE_PARTIAL_FILE;
+  if (hasEnded && hop.isHeadDelivered()) return std::nullopt;
+  return hop.failure(easy.get(), result);
+}
+
+CURLcode CurlTransport::Impl::run(const Hop& hop) {
+  while (true) {
+    hop.throwIfBrokenOff();
+    int count = 0;
+    curl_multi_perform(multi.get(), &count);
+    hop.throwIfBrokenOff();
+    const CURLMsg* message = curl_multi_info_read(multi.get(), &count);
+    if (message != nullptr && message->msg == CURLMSG_DONE) return message->data.result;
+    curl_multi_poll(multi.get(), nullptr, 0, pollMilliseconds(hop.timeLeft()), nullptr);
+  }
+}
+
+bool CurlTransport::Impl::shouldWaitForNetwork(const NetworkError& failure, const HttpRequest& request,
+                                               const HttpHopLimits& limits) const {
+  const bool isUnreached = failure.code() == Code::cannotConnect || failure.code() == Code::nameResolution;
+  return isUnreached && limits.waitsForConnectivity && !isLoopback(request.url.host()) &&
+         !options.hasNetwork();
+}
+
+CurlTransport::CurlTransport(Options options) : impl_(std::make_unique<Impl>(std::move(options))) {}
+CurlTransport::~CurlTransport() = default;
+
+void CurlTransport::perform(const HttpRequest& request, const HttpHopLimits& limits, HttpObserver& observer,
+                            const std::stop_token& stop) {
+  if (request.url.scheme() != "https") {
+    throw NetworkError(Code::other,
+                       fmt::format("only HTTPS addresses are fetched ({})", redactRemoteURL(request.url)));
+  }
+  const std::stop_callback wakeUp(stop, [this] { curl_multi_wakeup(impl_->multi.get()); });
+  while (true) {
+    Hop hop(request, limits, observer, stop, impl_->options.maximumHeaderBytes);
+    const std::optional<NetworkError> failure = impl_->attempt(hop);
+    if (!failure) return;
+    if (!impl_->shouldWaitForNetwork(*failure, request, limits)) throw *failure;
+    if (Clock::now() >= limits.deadline)
+      throw hop.failure(Code::offline, "there is no network to reach {0} ({2})");
+    sleepUnlessCancelled(std::min<Clock::duration>(connectivityPollInterval, limits.deadline - Clock::now()),
+                         stop);
+  }
+}
+
+}  // namespace vellicor

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -19,6 +21,8 @@ class CurlTransport final : public HttpTransport {
     std::optional<std::string> caFile;
     /// The largest header block accepted, in bytes.
     std::size_t maximumHeaderBytes = 262144;
+    /// Whether a network is there at all; when empty, whether an interface but loopback is up.
+    std::function<bool()> hasNetwork;
   };
 
   explicit CurlTransport(Options options);

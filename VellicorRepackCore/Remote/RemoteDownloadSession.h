@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <stop_token>
 #include <string>
 
@@ -28,7 +29,8 @@ class RemoteDownloadSession {
   RemoteDownloadSession(RemoteDownloadSessionPolicy policy, std::shared_ptr<HttpTransport> transport);
 
   struct Response {
-    HttpResponseHead head;
+    /// Nothing when the exchange ended without an answer.
+    std::optional<HttpResponseHead> head;
     std::string body;
   };
 

@@ -49,6 +49,7 @@ class RemoteRangeTransferDelegate final : public HttpObserver {
 
   /// The redirect that the last hop answered with, if it did.
   const std::optional<HttpResponseHead>& redirect() const { return redirect_; }
+  /// Forgets a redirect before the next hop.
   void beginHop();
 
   /// Throws unless exactly the range has arrived.
@@ -63,6 +64,7 @@ class RemoteRangeTransferDelegate final : public HttpObserver {
   int fd_;
   RemoteProgressCallback progress_;
   std::optional<HttpResponseHead> redirect_;
+  std::uint64_t redirectBodyBytes_ = 0;
   bool responseAccepted_ = false;
   std::uint64_t receivedBytes_ = 0;
   std::optional<std::chrono::steady_clock::time_point> lastProgress_;

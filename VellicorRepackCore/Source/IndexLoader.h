@@ -30,7 +30,7 @@ struct IndexLoader {
     std::vector<std::string> shardFilenames;
   };
 
-  /// Throws `indexJsonInvalid`, `configJsonInvalid`, or the file errors of the digest.
+  /// Throws `indexJsonInvalid`, `configJsonInvalid`, or the file errors of reading either file.
   static SourceMetadata load(const std::string& snapshotDir);
 };
 

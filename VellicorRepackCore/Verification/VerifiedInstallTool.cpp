@@ -1,1 +1,184 @@
 #include "VellicorRepackCore/Verification/VerifiedInstallTool.h"
+
+#include <algorithm>
+#include <limits>
+#include <map>
+#include <set>
+#include <string_view>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "VellicorFormat/MorlenFormatV1.h"
+#include "VellicorFormat/MorlenManifestV1.h"
+#include "VellicorFormat/MorlenPackedExpertsLayoutV1.h"
+#include "VellicorFormat/UnicodeText.h"
+#include "VellicorRepackCore/Base/Errors.h"
+#include "VellicorRepackCore/Base/Sha256Stream.h"
+#include "VellicorRepackCore/FileSystem/MorlenDirectoryAccess.h"
+#include "VellicorRepackCore/FileSystem/Posix.h"
+#include "VellicorRepackCore/Reporting/RepackAudit.h"
+#include "VellicorRepackCore/Verification/VerifiedInstallReceiptWriter.h"
+
+namespace vellicor {
+
+namespace {
+
+const std::string manifestName = "manifest.json";
+const std::string layoutPath = "packed_experts/layout.json";
+const std::string receiptName = VerifiedInstallReceiptWriter::receiptFilename;
+
+using OutputFile = RepackAudit::OutputFile;
+
+[[noreturn]] void refuse(std::string detail) { throw RepackError::configurationInvalid(std::move(detail)); }
+
+/// What `operation` returns; the format library's error becomes "<prefix>: <its text>".
+template <typename Operation>
+auto withFormatErrors(std::string_view prefix, Operation&& operation) {
+  try {
+    return operation();
+  } catch (const MorlenFormatError& error) {
+    refuse(fmt::format("{}: {}", prefix, error.what()));
+  }
+}
+
+/// A small JSON file of the artifact, whole, with the record of what was read.
+struct MetadataFile {
+  std::string content;
+  OutputFile record;
+};
+
+MetadataFile readMetadataFile(const MorlenDirectoryAccess& directory, const std::string& path,
+                              std::uint64_t maximumBytes) {
+  const FileDescriptor file = directory.openFile(path);
+  Posix::bypassPageCache(file.get());
+  std::string content = directory.readMetadata(file.get(), path, maximumBytes);
+  OutputFile record{.relativePath = path, .size = content.size(), .sha256 = hashData(content)};
+  return {.content = std::move(content), .record = std::move(record)};
+}
+
+void checkSize(const std::string& path, std::uint64_t size, const MorlenManifestFileV1& entry) {
+  if (size != entry.size) refuse(fmt::format("{} size {} != manifest {}", path, size, entry.size));
+}
+
+void checkDigest(const std::string& path, const std::string& sha256, const MorlenManifestFileV1& entry) {
+  if (sha256 != lowercased(entry.sha256)) refuse(path + " SHA mismatch");
+}
+
+/// Sizes and hashes one listed file through a single descriptor; a wrong size is refused before the reading.
+OutputFile verifyFile(const MorlenDirectoryAccess& directory, const std::string& path,
+                      const MorlenManifestFileV1& entry) {
+  const FileDescriptor file = directory.openFile(path);
+  const std::uint64_t size = directory.fileSize(file.get(), path);
+  checkSize(path, size, entry);
+  std::string sha256 = directory.hash(file.get(), path, MorlenDirectoryAccess::PageCache::bypass);
+  checkDigest(path, sha256, entry);
+  return {.relativePath = path, .size = size, .sha256 = std::move(sha256)};
+}
+
+void checkLayerFile(const MorlenManifestV1& manifest, const MorlenLayerV1& layer,
+                    std::uint64_t expectedSize) {
+  const std::string path = "packed_experts/" + layer.file;
+  const auto entry = manifest.files.find(path);
+  if (entry == manifest.files.end()) refuse("manifest missing " + path);
+  if (entry->second.size != expectedSize) {
+    refuse(fmt::format("{} manifest size {} != {}", path, entry->second.size, expectedSize));
+  }
+  for (std::size_t position = 0; position < layer.experts.size(); ++position) {
+    const MorlenExpertV1& expert = layer.experts[position];
+    if (expert.offset > expectedSize || expert.size > expectedSize - expert.offset) {
+      const std::int64_t id = expert.expert.value_or(static_cast<std::int64_t>(position));
+      refuse(fmt::format("{} expert {} range exceeds file size", path, id));
+    }
+  }
+}
+
+void checkLayout(const MorlenManifestV1& manifest, const MorlenPackedExpertsLayoutV1& layout) {
+  // Both have passed their own validation, so the count is positive.
+  const std::uint64_t layerFileSize = withFormatErrors("packed expert layout does not match manifest", [&] {
+    MorlenV1StructuralValidator::crossValidate(manifest, layout);
+    return morlenCheckedMultiply(static_cast<std::uint64_t>(layout.expertsPerLayer), layout.expertStride,
+                                 "layout.layerSize");
+  });
+  for (const MorlenLayerV1& layer : layout.layers) checkLayerFile(manifest, layer, layerFileSize);
+}
+
+/// Reads and checks the packed-experts layout by itself and against the manifest.
+OutputFile verifyLayout(const MorlenDirectoryAccess& directory, const MorlenManifestV1& manifest) {
+  const auto entry = manifest.files.find(layoutPath);
+  if (entry == manifest.files.end()) refuse("manifest missing " + layoutPath);
+  MetadataFile file = readMetadataFile(directory, layoutPath, VerifiedInstallTool::maximumLayoutBytes);
+  const MorlenPackedExpertsLayoutV1 layout = withFormatErrors(
+      layoutPath + " invalid", [&] { return MorlenPackedExpertsLayoutCodec::decode(file.content); });
+  checkLayout(manifest, layout);
+  checkSize(layoutPath, file.record.size, entry->second);
+  checkDigest(layoutPath, file.record.sha256, entry->second);
+  return std::move(file.record);
+}
+
+/// Every file that the manifest lists, in ascending order of paths.
+std::vector<OutputFile> verifyListedFiles(const MorlenDirectoryAccess& directory,
+                                          const MorlenManifestV1& manifest, const OutputFile& layout) {
+  std::vector<OutputFile> verified;
+  for (const auto& [path, entry] : manifest.files) {
+    verified.push_back(path == layoutPath ? layout : verifyFile(directory, path, entry));
+  }
+  return verified;
+}
+
+std::uint64_t sumOfSizes(std::uint64_t manifestSize, const std::vector<OutputFile>& files) {
+  std::uint64_t sum = manifestSize;
+  for (const OutputFile& file : files) {
+    if (file.size > std::numeric_limits<std::uint64_t>::max() - sum) {
+      refuse("verified byte count exceeds UInt64");
+    }
+    sum += file.size;
+  }
+  return sum;
+}
+
+/// What the directory holds beyond the artifact's files, the directories that hold them, and what a desktop
+/// or a tokenizer adds.
+std::vector<std::string> unexpectedEntries(const MorlenDirectoryAccess& directory,
+                                           const MorlenManifestV1& manifest) {
+  std::set<std::string> expected = {manifestName, receiptName};
+  int maxDepth = MorlenDirectoryAccess::defaultMaxDepth;
+  for (const auto& [path, entry] : manifest.files) {
+    expected.insert(path);
+    maxDepth = std::max(maxDepth, static_cast<int>(std::ranges::count(path, '/')) + 1);
+  }
+  const auto isExpected = [&](const std::string& entry) {
+    if (entry == ".DS_Store" || entry == "tokenizer" || entry.starts_with("tokenizer/")) return true;
+    if (expected.contains(entry)) return true;
+    const auto inside = expected.lower_bound(entry + "/");
+    return inside != expected.end() && inside->starts_with(entry + "/");
+  };
+
+  std::vector<std::string> entries = directory.relativeEntries(maxDepth);
+  std::erase_if(entries, isExpected);
+  return entries;
+}
+
+}  // namespace
+
+VerifyInstallResult VerifiedInstallTool::run(const VerifyInstallOptions& options) {
+  const MorlenDirectoryAccess directory(options.inputMorlen);
+  const MetadataFile manifestFile = readMetadataFile(directory, manifestName, maximumManifestBytes);
+  const MorlenManifestV1 manifest = withFormatErrors(
+      "manifest.json invalid", [&] { return MorlenManifestCodec::decode(manifestFile.content); });
+  const OutputFile layout = verifyLayout(directory, manifest);
+  const std::vector<OutputFile> files = verifyListedFiles(directory, manifest, layout);
+
+  VerifyInstallResult result;
+  result.receiptPath = joinPath(directory.rootPath(), receiptName);
+  result.fileCount = static_cast<std::int64_t>(files.size()) + 1;
+  result.bytesVerified = sumOfSizes(manifestFile.record.size, files);
+  result.unexpectedEntries = unexpectedEntries(directory, manifest);
+  const std::string receipt = VerifiedInstallReceiptWriter::encode(
+      directory.rootPath(), manifestFile.record.sha256, manifestFile.record.size, std::nullopt,
+      manifest.sourceSnapshotHash, VerifiedInstallReceiptWriter::verifyToolVersion, files);
+  directory.atomicWrite(receipt, receiptName);
+  return result;
+}
+
+}  // namespace vellicor

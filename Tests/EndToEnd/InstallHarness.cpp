@@ -1,0 +1,125 @@
+#include "Tests/EndToEnd/InstallHarness.h"
+
+#include <atomic>
+#include <charconv>
+#include <cstdint>
+#include <filesystem>
+
+#include "Tests/Support/Expect.h"
+#include "Tests/Support/ExpectedArtifact.h"
+#include "VellicorRepackCore/Install/SupportedModelSource.h"
+
+namespace vellicor::testing {
+
+namespace fs = std::filesystem;
+
+std::map<std::string, std::string> readTree(const std::string& directory) {
+  std::map<std::string, std::string> files;
+  if (!fs::exists(directory)) return files;
+  for (const auto& entry : fs::recursive_directory_iterator(directory)) {
+    if (!entry.is_regular_file()) continue;
+    files[fs::relative(entry.path(), directory).generic_string()] = readFile(entry.path().string());
+  }
+  return files;
+}
+
+SyntheticCheckpoint::Shape tinyShape() {
+  return {.layers = 1,
+          .experts = 2,
+          .hidden = 8,
+          .intermediate = 8,
+          .moeIntermediate = 8,
+          .vocab = 8,
+          .groupSize = 8,
+          .shards = 2,
+          .excludedTensors = 2,
+          .fullAttentionEvery = 0};
+}
+
+namespace {
+
+std::uint64_t firstByte(const std::string& range) {
+  std::uint64_t value = 0;
+  constexpr std::size_t prefix = std::string_view("bytes=").size();
+  if (range.size() > prefix) std::from_chars(range.data() + prefix, range.data() + range.size(), value);
+  return value;
+}
+
+}  // namespace
+
+bool isPayload(const SyntheticCheckpoint& checkpoint, const HubRequest& request) {
+  if (request.method != "GET" || !request.file.ends_with(".safetensors")) return false;
+  const std::vector<std::byte> prefix = checkpoint.bytes(request.file, 0, 8);
+  std::uint64_t headerBytes = 0;
+  for (std::size_t i = 0; i < prefix.size(); ++i)
+    headerBytes |= std::to_integer<std::uint64_t>(prefix[i]) << (8 * i);
+  return firstByte(request.range) >= 8 + headerBytes;
+}
+
+InstallHarness::InstallHarness(std::shared_ptr<SyntheticCheckpoint> source,
+                               std::function<void(LocalHub::Options&)> configure)
+    : checkpoint(std::move(source)), output(directory / "m.morlen") {
+  LocalHub::Options hubOptions;
+  hubOptions.repository = checkpoint;
+  hubOptions.caFilePath = directory / "ca.pem";
+  if (configure) configure(hubOptions);
+  hub = std::make_unique<LocalHub>(std::move(hubOptions));
+}
+
+RemoteStreamingRepackOptions InstallHarness::options() {
+  return {.repoID = labRepoID,
+          .revision = "main",
+          .outputDir = output,
+          .token = std::nullopt,
+          .requireKnownSource = false,
+          .copyAuditPath = std::nullopt,
+          .rangeChunkBytes = 4096,
+          .writeTileBytes = 1000,
+          .minFreeReserveBytes = 0,
+          .downloadSession = SupportedModelSource::downloadSession(hub->caFile()),
+          .baseURL = *RemoteUrl::parse(hub->baseURL()),
+          .rangeRetryAttempts = 1,
+          .retryBaseDelayNs = 0};
+}
+
+RemoteStreamingRepackResult InstallHarness::install(const RemoteStreamingRepackOptions& options,
+                                                    std::stop_token stop) {
+  audit = {};
+  events.clear();
+  return RemoteStreamingRepacker(options, audit, std::move(stop)).run([&](const ModelInstallProgress& event) {
+    events.push_back(event);
+  });
+}
+
+std::string InstallHarness::installError(const RemoteStreamingRepackOptions& options, std::stop_token stop) {
+  return errorText([&] { install(options, stop); });
+}
+
+void InstallHarness::interruptAtRange(std::size_t index) {
+  auto seen = std::make_shared<std::size_t>(0);
+  hub->setFaults([this, index, seen](const HubRequest& request) -> std::optional<HubFault> {
+    if (!request.isFinalHop || !isPayload(*checkpoint, request) || (*seen)++ < index) return std::nullopt;
+    HubFault fault;
+    fault.resetAfter = 1;
+    return fault;
+  });
+}
+
+std::map<std::string, std::string> InstallHarness::artifact() const {
+  std::map<std::string, std::string> files = readTree(output);
+  files.erase("verified-install.json");
+  return files;
+}
+
+std::map<std::string, std::string> InstallHarness::expected() const { return expectedArtifact(*checkpoint); }
+
+std::vector<std::string> InstallHarness::payloadRanges() const {
+  std::vector<std::string> ranges;
+  for (const HubRequest& request : hub->requests()) {
+    if (request.isFinalHop && isPayload(*checkpoint, request))
+      ranges.push_back(request.file + " " + request.range);
+  }
+  return ranges;
+}
+
+}  // namespace vellicor::testing

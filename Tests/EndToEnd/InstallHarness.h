@@ -1,0 +1,63 @@
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <stop_token>
+#include <string>
+#include <vector>
+
+#include "Tests/Support/TemporaryDirectory.h"
+#include "VellicorLab/LocalHub.h"
+#include "VellicorLab/SyntheticCheckpoint.h"
+#include "VellicorRepackCore/Install/RemoteStreamingRepacker.h"
+#include "VellicorRepackCore/Reporting/ModelInstallProgress.h"
+
+namespace vellicor::testing {
+
+inline constexpr const char* labRepoID = "lab-owner/lab-model";
+
+/// Relative path to content of every regular file below a directory; empty for a directory that is not there.
+std::map<std::string, std::string> readTree(const std::string& directory);
+
+/// A checkpoint of a few kilobytes, so that even one-byte ranges end soon.
+SyntheticCheckpoint::Shape tinyShape();
+
+/// A directory of its own, a checkpoint, a hub that serves it, and the core's install against them.
+class InstallHarness {
+ public:
+  explicit InstallHarness(std::shared_ptr<SyntheticCheckpoint> checkpoint = SyntheticCheckpoint::custom({},
+                                                                                                        1),
+                          std::function<void(LocalHub::Options&)> configure = nullptr);
+
+  /// Of an install without retry delays or disk reserve, in ranges of 4 KiB.
+  RemoteStreamingRepackOptions options();
+
+  RemoteStreamingRepackResult install(const RemoteStreamingRepackOptions& options, std::stop_token stop = {});
+  /// The error's text, or "no error".
+  std::string installError(const RemoteStreamingRepackOptions& options, std::stop_token stop = {});
+
+  /// Fails the install at the payload range number `index`, from 0, leaving the ranges before it in the
+  /// checkpoint.
+  void interruptAtRange(std::size_t index);
+
+  /// The artifact without its time-stamped receipt.
+  std::map<std::string, std::string> artifact() const;
+  std::map<std::string, std::string> expected() const;
+
+  /// "file range" of every payload range that was answered or refused on its last hop, in order.
+  std::vector<std::string> payloadRanges() const;
+
+  TemporaryDirectory directory;
+  std::shared_ptr<SyntheticCheckpoint> checkpoint;
+  std::unique_ptr<LocalHub> hub;
+  std::string output;
+  RepackAudit audit;
+  std::vector<ModelInstallProgress> events;
+};
+
+/// Whether a request fetches payload: a ranged GET of a shard behind its header.
+bool isPayload(const SyntheticCheckpoint& checkpoint, const HubRequest& request);
+
+}  // namespace vellicor::testing

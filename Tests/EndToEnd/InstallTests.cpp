@@ -1,0 +1,388 @@
+#include <filesystem>
+#include <mutex>
+#include <thread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "Tests/EndToEnd/InstallHarness.h"
+#include "Tests/Support/Expect.h"
+#include "VellicorRepackCore/Base/Errors.h"
+#include "VellicorRepackCore/Verification/VerifiedInstallTool.h"
+
+namespace vellicor {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::ElementsAreArray;
+using ::testing::HasSubstr;
+using testing::InstallHarness;
+using ::testing::IsEmpty;
+using testing::readTree;
+using ::testing::StartsWith;
+using testing::tinyShape;
+
+/// What stands beside the output, by name.
+std::vector<std::string> namesBeside(const InstallHarness& harness) {
+  std::vector<std::string> names;
+  for (const auto& entry : fs::directory_iterator(harness.directory.path())) {
+    const std::string name = entry.path().filename().string();
+    if (name.starts_with("m.morlen")) names.push_back(name);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+void expectSame(const std::map<std::string, std::string>& actual,
+                const std::map<std::string, std::string>& expected) {
+  std::vector<std::string> names;
+  for (const auto& [name, content] : actual) names.push_back(name);
+  std::vector<std::string> expectedNames;
+  for (const auto& [name, content] : expected) {
+    expectedNames.push_back(name);
+    const auto found = actual.find(name);
+    if (found == actual.end()) continue;
+    EXPECT_TRUE(found->second == content) << name << " differs";
+  }
+  EXPECT_EQ(names, expectedNames);
+}
+
+/// An install that was interrupted at its range number `index`.
+void interrupt(InstallHarness& harness, std::size_t index) {
+  harness.interruptAtRange(index);
+  ASSERT_NE(harness.installError(harness.options()), "no error");
+  harness.hub->setFaults(nullptr);
+  harness.hub->clearRequests();
+  ASSERT_EQ(namesBeside(harness),
+            (std::vector<std::string>{"m.morlen.install.lock", "m.morlen.partial", "m.morlen.resume.json"}));
+}
+
+RemoteStreamingRepackOptions resuming(InstallHarness& harness) {
+  RemoteStreamingRepackOptions options = harness.options();
+  options.resume = true;
+  return options;
+}
+
+/// Flips a bit of a payload byte that a finished range has already put in its place.
+void damageFinishedRange(const InstallHarness& harness) {
+  const std::string path = harness.output + ".partial/model_weights.bin";
+  std::string content = testing::readFile(path);
+  const std::string expected = harness.expected().at("model_weights.bin");
+  std::size_t offset = MorlenFormatV1::alignmentBytes;
+  while (content.at(offset) != expected.at(offset) || expected.at(offset) == 0) ++offset;
+  content[offset] = static_cast<char>(content[offset] ^ 1);
+  testing::writeFile(path, content);
+}
+
+TEST(Install, EveryByteIsWhereTheFormatWantsIt) {
+  struct Row {
+    const char* name;
+    SyntheticCheckpoint::Shape shape;
+    std::int64_t rangeChunkBytes;
+    std::int64_t writeTileBytes;
+  };
+  SyntheticCheckpoint::Shape wide;
+  wide.layers = 3;
+  wide.experts = 5;
+  wide.hidden = 128;
+  wide.shards = 4;
+  wide.excludedTensors = 9;
+  SyntheticCheckpoint::Shape oneShard;
+  oneShard.shards = 1;
+  oneShard.excludedTensors = 0;
+  const std::vector<Row> rows = {
+      {"one-byte ranges and tiles", tinyShape(), 1, 1},
+      {"seven-byte ranges, tiles larger than a range", tinyShape(), 7, 64},
+      {"ranges that cut tensors, tiles that cut ranges", {}, 4096, 1000},
+      {"odd sizes over four shards", wide, 65537, 4099},
+      {"one range a shard, the largest tile", wide, 67108864, 1048575},
+      {"one shard without gaps", oneShard, 30000, 524288},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    InstallHarness harness(SyntheticCheckpoint::custom(row.shape, 7));
+    RemoteStreamingRepackOptions options = harness.options();
+    options.rangeChunkBytes = row.rangeChunkBytes;
+    options.writeTileBytes = row.writeTileBytes;
+    const RemoteStreamingRepackResult result = harness.install(options);
+    expectSame(harness.artifact(), harness.expected());
+    EXPECT_EQ(harness.payloadRanges().size(), result.rangeRequestCount);
+    EXPECT_EQ(result.downloadedThisRunBytes, result.remoteBytesToDownload);
+    EXPECT_EQ(namesBeside(harness), (std::vector<std::string>{"m.morlen", "m.morlen.install.lock"}));
+    EXPECT_THAT(VerifiedInstallTool::run({harness.output}).unexpectedEntries, IsEmpty());
+  }
+}
+
+TEST(Install, TheMiniatureIsWhatTheFormatWants) {
+  InstallHarness harness(SyntheticCheckpoint::miniature(3));
+  RemoteStreamingRepackOptions options = harness.options();
+  options.requireKnownSource = true;
+  options.rangeChunkBytes = 67108864;
+  const RemoteStreamingRepackResult result = harness.install(options);
+  expectSame(harness.artifact(), harness.expected());
+  EXPECT_EQ(result.plan.resident.entries.size(), 597U);
+  EXPECT_EQ(result.plan.excludedMultimodalTensorNames.size(), 358U);
+  EXPECT_EQ(harness.hub->connectionCount(), 2U) << "one connection to each host, kept for the whole install";
+}
+
+TEST(Install, AResumeAsksOnlyForWhatIsMissing) {
+  InstallHarness whole;
+  whole.install(whole.options());
+  const std::vector<std::string> ranges = whole.payloadRanges();
+  const auto artifact = whole.artifact();
+  ASSERT_GT(ranges.size(), 10U);
+  for (const std::size_t index : {std::size_t{0}, std::size_t{1}, ranges.size() / 2, ranges.size() - 1}) {
+    SCOPED_TRACE(index);
+    InstallHarness harness;
+    interrupt(harness, index);
+    const RemoteStreamingRepackResult result = harness.install(resuming(harness));
+    EXPECT_THAT(harness.payloadRanges(),
+                ElementsAreArray(ranges.begin() + static_cast<std::ptrdiff_t>(index), ranges.end()));
+    EXPECT_EQ(result.reusedBytes + result.downloadedThisRunBytes, result.remoteBytesToDownload);
+    expectSame(harness.artifact(), artifact);
+    EXPECT_EQ(namesBeside(harness), (std::vector<std::string>{"m.morlen", "m.morlen.install.lock"}));
+  }
+}
+
+TEST(Install, OneFlippedByteCostsOneRange) {
+  InstallHarness whole;
+  const std::size_t rangeCount = whole.install(whole.options()).rangeRequestCount;
+  InstallHarness harness;
+  const std::size_t finished = rangeCount - 2;
+  interrupt(harness, finished);
+  damageFinishedRange(harness);
+  harness.install(resuming(harness));
+  EXPECT_EQ(harness.payloadRanges().size(), rangeCount - finished + 1);
+  expectSame(harness.artifact(), whole.artifact());
+}
+
+TEST(Install, ATruncatedOutputStartsTheCopyOver) {
+  InstallHarness harness;
+  interrupt(harness, 4);
+  fs::resize_file(harness.output + ".partial/packed_experts/layer_00.bin", 100);
+  testing::writeFile(harness.output + ".partial/vellicor-range-LEFTOVER.tmp", "left by a crash");
+  const RemoteStreamingRepackResult result = harness.install(resuming(harness));
+  EXPECT_EQ(result.reusedBytes, 0U);
+  expectSame(harness.artifact(), harness.expected());
+}
+
+TEST(Install, RefusalsLeaveEverythingAsItIs) {
+  struct Row {
+    const char* name;
+    /// Prepares the disk and the options.
+    std::function<void(InstallHarness&, RemoteStreamingRepackOptions&)> arrange;
+    /// With "OUT" for the output's path.
+    std::string error;
+  };
+  const auto interruptedWith = [](auto change) {
+    return [change](InstallHarness& harness, RemoteStreamingRepackOptions& options) {
+      interrupt(harness, 2);
+      options.resume = true;
+      change(harness, options);
+    };
+  };
+  const std::string checkpoint = "OUT.resume.json";
+  const std::vector<Row> rows = {
+      {"an output that exists", [](auto& h, auto&) { testing::writeFile(h.output + "/precious", "x"); },
+       "configuration invalid: output directory already exists: OUT"},
+      {"an output that is a file", [](auto& h, auto&) { testing::writeFile(h.output, "x"); },
+       "unsafe installer path OUT: unexpected regular entry"},
+      {"a partial directory that is a link",
+       [](auto& h, auto&) { fs::create_directory_symlink(h.directory.path(), h.output + ".partial"); },
+       "unsafe installer path OUT.partial: unexpected symlink entry"},
+      {"a saved download, not resumed", interruptedWith([](auto&, auto& o) { o.resume = false; }),
+       "install state is incompatible: saved download exists; resume or discard it"},
+      {"nothing to resume", [](auto&, auto& o) { o.resume = true; },
+       "no resumable install state exists for " + checkpoint},
+      {"a checkpoint without its directory",
+       interruptedWith([](auto& h, auto&) { fs::remove_all(h.output + ".partial"); }),
+       "install state at OUT.partial is corrupt: partial directory and checkpoint must exist together"},
+      {"a directory without its checkpoint",
+       interruptedWith([](auto& h, auto&) { fs::remove(h.output + ".resume.json"); }),
+       "install state at OUT.partial is corrupt: partial directory and checkpoint must exist together"},
+      {"another repository", interruptedWith([](auto&, auto& o) { o.repoID = "other/model"; }),
+       "install state is incompatible: saved download belongs to a different source"},
+      {"another revision", interruptedWith([](auto& h, auto& o) { o.revision = h.checkpoint->commit(); }),
+       "install state is incompatible: saved download belongs to a different source"},
+      {"another range size", interruptedWith([](auto&, auto& o) { o.rangeChunkBytes = 4097; }),
+       "install state is incompatible: saved download source or copy plan changed"},
+      {"a checkpoint that names another size", interruptedWith([](auto& h, auto&) {
+         RemoteInstallCheckpoint saved = RemoteInstallCheckpoint::load(h.output + ".resume.json");
+         saved.completedRanges[0].sourceBytes -= 1;
+         testing::writeFile(h.output + ".resume.json", saved.encoded());
+       }),
+       "install state at OUT.partial is corrupt: checkpoint contains an unknown range"},
+      {"a range size of zero", [](auto&, auto& o) { o.rangeChunkBytes = 0; },
+       "configuration invalid: bad range chunk bytes 0"},
+      {"a range size above the limit", [](auto&, auto& o) { o.rangeChunkBytes = 67108865; },
+       "configuration invalid: bad range chunk bytes 67108865"},
+      {"a tile of 1 MiB", [](auto&, auto& o) { o.writeTileBytes = 1048576; },
+       "configuration invalid: bad write tile bytes 1048576"},
+      {"negative attempts", [](auto&, auto& o) { o.rangeRetryAttempts = -1; },
+       "configuration invalid: bad range retry attempts -1"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    InstallHarness harness;
+    RemoteStreamingRepackOptions options = harness.options();
+    row.arrange(harness, options);
+    std::map<std::string, std::string> before = readTree(harness.directory.path());
+    std::string error = harness.installError(options);
+    for (std::size_t at; (at = error.find(harness.output)) != std::string::npos;) {
+      error.replace(at, harness.output.size(), "OUT");
+    }
+    EXPECT_EQ(error, row.error);
+    std::map<std::string, std::string> after = readTree(harness.directory.path());
+    for (auto* tree : {&before, &after}) {
+      std::erase_if(*tree, [](const auto& file) {
+        return file.first.ends_with(".install.lock") ||
+               file.first.find(".remote-metadata/") != std::string::npos;
+      });
+    }
+    EXPECT_EQ(after, before);
+    EXPECT_THAT(harness.payloadRanges(), IsEmpty());
+  }
+}
+
+TEST(Install, ASpaceThatIsShortIsNamedBeforeAnyPayload) {
+  InstallHarness harness;
+  RemoteStreamingRepackOptions options = harness.options();
+  options.minFreeReserveBytes = std::uint64_t{1} << 62;
+  EXPECT_THAT(harness.installError(options),
+              StartsWith("insufficient disk space for " + harness.directory.path() + ": required 461168"));
+  EXPECT_THAT(harness.payloadRanges(), IsEmpty());
+}
+
+TEST(Install, ADryRunLeavesOnlyTheLock) {
+  InstallHarness harness;
+  RemoteStreamingRepackOptions options = harness.options();
+  options.dryRunSpaceCheck = true;
+  const RemoteStreamingRepackResult result = harness.install(options);
+  EXPECT_TRUE(result.dryRun);
+  EXPECT_GT(result.remoteBytesToDownload, 0U);
+  EXPECT_EQ(result.downloadedThisRunBytes, 0U);
+  EXPECT_EQ(namesBeside(harness), std::vector<std::string>{"m.morlen.install.lock"});
+}
+
+TEST(Install, OverwriteKeepsTheOldArtifactUntilTheExchange) {
+  InstallHarness harness;
+  testing::writeFile(harness.output + "/old", "old");
+  RemoteStreamingRepackOptions options = harness.options();
+  options.overwrite = true;
+  harness.interruptAtRange(5);
+  ASSERT_NE(harness.installError(options), "no error");
+  EXPECT_EQ(testing::readFile(harness.output + "/old"), "old");
+
+  harness.hub->setFaults(nullptr);
+  options.resume = true;
+  harness.install(options);
+  expectSame(harness.artifact(), harness.expected());
+  EXPECT_EQ(namesBeside(harness), (std::vector<std::string>{"m.morlen", "m.morlen.install.lock"}));
+}
+
+TEST(Install, DiscardRemovesWhatWasSavedAndNothingElse) {
+  InstallHarness harness;
+  testing::writeFile(harness.output + "/old", "old");
+  RemoteStreamingRepackOptions options = harness.options();
+  options.overwrite = true;
+  harness.interruptAtRange(2);
+  ASSERT_NE(harness.installError(options), "no error");
+  RemoteStreamingRepacker::discardPartial(harness.output);
+  EXPECT_EQ(namesBeside(harness), (std::vector<std::string>{"m.morlen", "m.morlen.install.lock"}));
+  EXPECT_EQ(readTree(harness.output).size(), 1U);
+  EXPECT_EQ(testing::errorText([&] { RemoteStreamingRepacker::discardPartial(harness.output); }),
+            "no resumable install state exists for " + harness.output + ".resume.json");
+}
+
+TEST(Install, SidecarsAreRequiredOrSkipped) {
+  InstallHarness optional;
+  optional.checkpoint->setSmallFile("chat_template.jinja", std::nullopt);
+  optional.checkpoint->setSmallFile("special_tokens_map.json", "{}");
+  optional.install(optional.options());
+  EXPECT_FALSE(fs::exists(optional.output + "/tokenizer/chat_template.jinja"));
+  EXPECT_EQ(testing::readFile(optional.output + "/tokenizer/special_tokens_map.json"), "{}");
+
+  InstallHarness required;
+  required.checkpoint->setSmallFile("tokenizer_config.json", std::nullopt);
+  EXPECT_EQ(required.installError(required.options()),
+            "remote HTTP 404: " + required.hub->baseURL() + "/" + testing::labRepoID + "/resolve/" +
+                required.checkpoint->commit() + "/tokenizer_config.json");
+  EXPECT_EQ(namesBeside(required),
+            (std::vector<std::string>{"m.morlen.install.lock", "m.morlen.partial", "m.morlen.resume.json"}));
+}
+
+TEST(Install, TheTokenGoesToTheHubAndNowhereElse) {
+  InstallHarness harness(SyntheticCheckpoint::custom({}, 1), [](LocalHub::Options& options) {
+    options.requiredToken = "secret-token";
+    options.storageRedirects = 1;
+  });
+  RemoteStreamingRepackOptions options = harness.options();
+  options.token = "secret-token";
+  options.copyAuditPath = harness.directory / "audit/audit.json";
+  harness.install(options);
+  std::size_t toHub = 0;
+  std::size_t toStorage = 0;
+  for (const HubRequest& request : harness.hub->requests()) {
+    EXPECT_EQ(request.authorization, request.host == "localhost" ? "Bearer secret-token" : "")
+        << request.target;
+    EXPECT_EQ(request.acceptEncoding, "identity");
+    ++(request.host == "localhost" ? toHub : toStorage);
+  }
+  EXPECT_GT(toHub, 20U);
+  EXPECT_GT(toStorage, 20U);
+  for (const auto& [path, content] : readTree(harness.directory.path())) {
+    EXPECT_EQ(content.find("secret-token"), std::string::npos) << path;
+  }
+  EXPECT_THAT(testing::readFile(harness.directory / "audit/audit.json"),
+              HasSubstr("\"remote_range_requests\" : "));
+}
+
+TEST(Install, CancellingEndsAStalledTransferAtOnceAndLeavesAResumableState) {
+  InstallHarness harness;
+  std::stop_source stop;
+  harness.hub->setFaults([&](const HubRequest& request) -> std::optional<HubFault> {
+    if (!request.isFinalHop || !testing::isPayload(*harness.checkpoint, request)) return std::nullopt;
+    stop.request_stop();
+    HubFault fault;
+    fault.stallAfter = 10;
+    return fault;
+  });
+  EXPECT_EQ(harness.installError(harness.options(), stop.get_token()), "cancelled");
+  harness.hub->setFaults(nullptr);
+  harness.install(resuming(harness));
+  expectSame(harness.artifact(), harness.expected());
+}
+
+TEST(Install, EventsComeInTheirOrder) {
+  InstallHarness harness(SyntheticCheckpoint::custom(tinyShape(), 2));
+  RemoteStreamingRepackOptions options = harness.options();
+  options.rangeChunkBytes = 67108864;
+  const RemoteStreamingRepackResult result = harness.install(options);
+  ASSERT_GT(harness.events.size(), 6U);
+  const std::uint64_t total = result.remoteBytesToDownload;
+  EXPECT_TRUE(std::holds_alternative<DownloadingMetadataProgress>(harness.events[0]));
+  EXPECT_EQ(std::get<PlanningProgress>(harness.events[1]).downloadBytes, total);
+  EXPECT_TRUE(std::get<CheckingDiskProgress>(harness.events[2]).requirement.canInstall());
+  EXPECT_EQ(std::get<ReservingOutputProgress>(harness.events[3]).bytes,
+            std::get<PlanningProgress>(harness.events[1]).outputBytes);
+  EXPECT_EQ(harness.events[4], ModelInstallProgress(CopyingPayloadProgress{0, 0, total}));
+  std::vector<std::string> hashed;
+  std::uint64_t copied = 0;
+  for (const ModelInstallProgress& event : harness.events) {
+    if (const auto* hashing = std::get_if<HashingOutputProgress>(&event))
+      hashed.push_back(hashing->relativePath);
+    if (const auto* copying = std::get_if<CopyingPayloadProgress>(&event)) {
+      EXPECT_GE(copying->downloadedThisRun, copied);
+      copied = copying->downloadedThisRun;
+    }
+  }
+  EXPECT_EQ(copied, total);
+  EXPECT_EQ(hashed, (std::vector<std::string>{"model_weights.bin", "packed_experts/layer_00.bin",
+                                              "packed_experts/layout.json", "tokenizer/config.json",
+                                              "tokenizer/tokenizer.json", "tokenizer/tokenizer_config.json",
+                                              "tokenizer/chat_template.jinja"}));
+  EXPECT_TRUE(std::holds_alternative<FinalizingProgress>(harness.events.back()));
+}
+
+}  // namespace
+}  // namespace vellicor

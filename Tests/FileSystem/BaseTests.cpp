@@ -1,0 +1,113 @@
+#include <algorithm>
+#include <chrono>
+#include <stop_token>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "Tests/Support/Expect.h"
+#include "VellicorRepackCore/Base/BoundedScratch.h"
+#include "VellicorRepackCore/Base/Cancellation.h"
+#include "VellicorRepackCore/Base/Errors.h"
+#include "VellicorRepackCore/Base/Sha256Stream.h"
+
+namespace vellicor {
+namespace {
+
+using namespace testing;
+
+TEST(RepackError, EveryCaseHasItsText) {
+  using E = RepackError;
+  const std::vector<std::pair<E, std::string>> rows = {
+      {E::fileOpenFailed("f", 2), "open(f) failed: errno 2"},
+      {E::fileStatFailed("f", -2), "fstat(f) failed: errno -2"},
+      {E::ftruncateFailed("f", 2), "ftruncate(f) failed: errno 2"},
+      {E::pwriteShort("f", 4096, 100, 5), "pwrite(f) short: expected 4096, wrote 100, errno 5"},
+      {E::preadShort("f", 4096, 100, 0), "pread(f) short: expected 4096, got 100, errno 0"},
+      {E::renameFailed("a", "b", 2), "rename(a -> b) failed: errno 2"},
+      {E::fsyncFailed("f", 5), "fsync(f) failed: errno 5"},
+      {E::installBusy("f"), "another installer holds f"},
+      {E::installPathUnsafe("f", "d"), "unsafe installer path f: d"},
+      {E::installStateMissing("f"), "no resumable install state exists for f"},
+      {E::installStateCorrupt("f", "d"), "install state at f is corrupt: d"},
+      {E::installStateIncompatible("d"), "install state is incompatible: d"},
+      {E::promotionUnsupported("f", 22), "atomic directory promotion is unsupported for f: errno 22"},
+      {E::safetensorsHeaderTooLarge("f", 9), "safetensors header at f size 9 exceeds bound"},
+      {E::safetensorsHeaderInvalid("f", "d"), "safetensors header at f invalid: d"},
+      {E::safetensorsUnknownDtype("f", "F8"), "safetensors at f has unsupported dtype F8"},
+      {E::safetensorsTensorOutOfRange("f", "t", 18446744073709551615U, 8),
+       "safetensors f: tensor t ends at 18446744073709551615, file size 8"},
+      {E::indexJsonInvalid("f", "d"), "index.json f invalid: d"},
+      {E::configJsonInvalid("f", "d"), "config.json f invalid: d"},
+      {E::quantOverrideCountMismatch(30, 7, {"a", "b", "c", "d", "e", "f", "g"}),
+       R"(config.json quantization overrides: expected 30, got 7; sample=["a", "b", "c", "d", "e"])"},
+      {E::quantOverrideCountMismatch(30, 0, {}),
+       "config.json quantization overrides: expected 30, got 0; sample=[]"},
+      {E::missingTensor("t"), "expected tensor missing: t"},
+      {E::unknownTensorPrefix("t"), "unknown tensor prefix: t"},
+      {E::missingScalesCompanion("t"), "quantized tensor t missing .scales companion"},
+      {E::missingBiasesCompanion("t"), "quantized tensor t missing .biases companion"},
+      {E::shapeMismatch("t", "d"), "shape mismatch for t: d"},
+      {E::dtypeMismatch("t", "d"), "dtype mismatch for t: d"},
+      {E::sourceFingerprintRejected("f", "abc"), "source fingerprint abc for f is not in known set"},
+      {E::remoteProtocolInvalid("d"), "remote protocol invalid: d"},
+      {E::remoteHTTPStatus("u", 404), "remote HTTP 404: u"},
+      {E::remoteHTTPResponse("u", 429, "7"), "remote HTTP 429: u, Retry-After 7"},
+      {E::remoteHTTPResponse("u", 429, ""), "remote HTTP 429: u, Retry-After "},
+      {E::remoteHTTPResponse("u", -1, std::nullopt), "remote HTTP -1: u"},
+      {E::remoteBodyTruncated("f", 9, 8), "remote body for f was truncated: expected 9, received 8"},
+      {E::remoteBodyExceeded("f", 9, 10), "remote body for f exceeded 9 bytes at 10 bytes"},
+      {E::remoteRedirectRejected("u", "d"), "remote redirect rejected for u: d"},
+      {E::remoteRetryDelayExceeded("90000", 3600), "remote Retry-After 90000 exceeds 3600-second cap"},
+      {E::remoteFileTooLarge("f", 10, 9), "remote file f size 10 exceeds cap 9"},
+      {E::diskSpaceInsufficient("f", 10, 9), "insufficient disk space for f: required 10, available 9"},
+      {E::scratchExceeded(10, 9), "resident index size 10 exceeds limit 9"},
+      {E::configurationInvalid("d"), "configuration invalid: d"},
+  };
+  std::vector<bool> seen(std::variant_size_v<E::Payload>);
+  for (const auto& [error, text] : rows) {
+    EXPECT_EQ(error.what(), text);
+    seen[error.payload().index()] = true;
+  }
+  EXPECT_EQ(std::ranges::count(seen, true), 38);
+}
+
+TEST(Sha256Stream, GivesThePublishedDigests) {
+  EXPECT_EQ(hashData(""), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+  EXPECT_EQ(hashData("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+}
+
+TEST(FingerprintWriter, HashesCountsAndNumbersAsLittleEndianWords) {
+  FingerprintWriter writer;
+  writer.append("h\u00e9");
+  writer.append(std::uint64_t{0x0102030405060708});
+  writer.append("");
+  const std::string expected("\3\0\0\0\0\0\0\0h\xc3\xa9\x08\7\6\5\4\3\2\1\0\0\0\0\0\0\0\0", 27);
+  EXPECT_EQ(writer.finalizeHexString(), hashData(expected));
+}
+
+TEST(BoundedScratch, GrowsByDoublingUpToItsLimit) {
+  BoundedScratch scratch;
+  EXPECT_EQ(errorText([&] { scratch.ensure(1048576); }), "resident index size 1048576 exceeds limit 1048575");
+  const std::vector<std::pair<std::int64_t, std::size_t>> rows = {
+      {-1, 16384},      {16384, 16384},   {20000, 32768},   {100, 32768},
+      {200000, 200000}, {200001, 400000}, {800001, 800001}, {800002, 1048575}};
+  for (const auto& [asked, given] : rows) {
+    const std::span<std::byte> bytes = scratch.ensure(asked);
+    EXPECT_EQ(bytes.size(), given) << asked;
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(bytes.data()) % 16384, 0U);
+    EXPECT_EQ(std::ranges::count(bytes, std::byte{0}), std::ssize(bytes));
+    EXPECT_EQ(scratch.largestEverBytes(), static_cast<std::int64_t>(given));
+  }
+}
+
+TEST(Cancellation, EndsAWaitAtOnce) {
+  std::stop_source source;
+  EXPECT_NO_THROW(sleepUnlessCancelled(std::chrono::nanoseconds(1), source.get_token()));
+  const std::jthread canceller([&] { source.request_stop(); });
+  EXPECT_EQ(errorText([&] { sleepUnlessCancelled(std::chrono::hours(1), source.get_token()); }), "cancelled");
+  EXPECT_EQ(errorText([&] { throwIfCancelled(source.get_token()); }), "cancelled");
+}
+
+}  // namespace
+}  // namespace vellicor

@@ -1,0 +1,107 @@
+#include <limits>
+
+#include <gmock/gmock.h>
+
+#include "Tests/Format/Samples.h"
+#include "VellicorFormat/CanonicalJson.h"
+#include "VellicorFormat/JsonReading.h"
+
+namespace vellicor {
+namespace {
+
+using testing::errorText;
+using testing::replaced;
+using ::testing::StartsWith;
+
+using Layout = CanonicalJson::Layout;
+using Slashes = CanonicalJson::Slashes;
+
+std::string document(Layout layout, Slashes slashes) {
+  CanonicalJson json(layout, slashes);
+  json.beginObject().key("a").beginArray().endArray().key("b").beginObject().endObject();
+  json.key("c").beginArray().value(std::int64_t{-1}).beginObject().member("d/e", true).endObject().endArray();
+  json.member("f", "\"\\/\b\f\n\r\t\x01\x1F\x7F\xC3\xA9\xFF").member("g", ~std::uint64_t{0}).endObject();
+  return std::move(json).take();
+}
+
+TEST(CanonicalJson, GoldenTexts) {
+  EXPECT_EQ(document(Layout::pretty, Slashes::plain), testing::goldenText("pretty.json"));
+  EXPECT_EQ(document(Layout::compact, Slashes::escaped),
+            R"({"a":[],"b":{},"c":[-1,{"d\/e":true}],"f":"\"\\\/\b\f\n\r\t\u0001\u001f)"
+            "\x7F\xC3\xA9\xEF\xBF\xBD\",\"g\":18446744073709551615}");
+}
+
+TEST(CanonicalJson, DoublesAreShortestAndReadBack) {
+  const std::pair<double, const char*> rows[] = {
+      {30, "30"}, {0.1, "0.1"}, {1e6, "1000000"}, {5e-324, "5e-324"}, {1.0 / 3, "0.3333333333333333"}};
+  for (const auto& [number, expected] : rows) {
+    CanonicalJson json(Layout::compact, Slashes::plain);
+    const std::string text = std::move(json.value(number)).take();
+    EXPECT_EQ(text, expected);
+    EXPECT_EQ(parseJson(text).get<double>(), number);
+  }
+}
+
+TEST(CanonicalJson, DebugBuildsRefuseKeysOutOfOrder) {
+  CanonicalJson json(Layout::compact, Slashes::plain);
+  json.beginObject().member("b", true);
+  EXPECT_DEBUG_DEATH(json.key("a"), "lastKey");
+}
+
+TEST(JsonReading, IntegersAreExact) {
+  struct Row {
+    const char* text;
+    std::optional<std::int64_t> asSigned;
+    std::optional<std::uint64_t> asUnsigned;
+  };
+  const Row rows[] = {
+      {"3.0", 3, 3},
+      {"-2.0", -2, {}},
+      {"2.5", {}, {}},
+      {"true", {}, {}},
+      {"\"3\"", {}, {}},
+      {"9223372036854775807", std::numeric_limits<std::int64_t>::max(), 9223372036854775807U},
+      {"9223372036854775808", {}, 9223372036854775808U},
+      {"9223372036854775808.0", {}, 9223372036854775808U},
+      {"-9223372036854775808", std::numeric_limits<std::int64_t>::min(), {}},
+      {"18446744073709551615", {}, 18446744073709551615U},
+      {"18446744073709551616", {}, {}},
+      {"-1e300", {}, {}},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.text);
+    EXPECT_EQ(exactInteger(parseJson(row.text)), row.asSigned);
+    EXPECT_EQ(exactUnsigned(parseJson(row.text)), row.asUnsigned);
+  }
+}
+
+TEST(JsonReading, DepthIsBoundedOutsideStringsOnly) {
+  const auto nested = [](std::size_t depth) { return std::string(depth, '[') + std::string(depth, ']'); };
+  EXPECT_EQ(errorText([&] { parseJson(nested(512)); }), "no error");
+  EXPECT_EQ(errorText([&] { parseJson(nested(513)); }), "JSON nested deeper than 512 levels");
+  EXPECT_EQ(errorText([] { parseJson("[\"\\\"" + std::string(600, '[') + "\"]"); }), "no error");
+}
+
+TEST(JsonReading, HostileTextsEndAsTheCodecsOwnError) {
+  const std::string manifest = testing::goldenText("manifest.json");
+  const std::pair<const char*, std::string> rows[] = {
+      {"empty", ""},
+      {"NUL", std::string(3, '\0')},
+      {"brackets", std::string(1 << 20, '[')},
+      {"no object", "[]"},
+      {"cut short", manifest.substr(0, manifest.size() / 2)},
+      {"something behind", manifest + "x"},
+      {"ill-formed UTF-8", replaced(manifest, "maker", "mak\xFF")},
+      {"number beyond doubles", replaced(manifest, ": 2816", ": 1e999")},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.first);
+    EXPECT_THAT(errorText([&] { MorlenManifestCodec::decode(row.second); }), StartsWith("manifest.json: "));
+    EXPECT_THAT(errorText([&] { MorlenPackedExpertsLayoutCodec::decode(row.second); }),
+                StartsWith("packed_experts/layout.json: "));
+    EXPECT_THROW(MorlenManifestCodec::decode(row.second), MorlenFormatError);
+  }
+}
+
+}  // namespace
+}  // namespace vellicor

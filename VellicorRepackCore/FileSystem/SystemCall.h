@@ -1,0 +1,75 @@
+#pragma once
+
+// Internal to this folder: how the result of a system call becomes a value or an error.
+
+#include <cerrno>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "VellicorRepackCore/Base/Errors.h"
+
+namespace vellicor {
+
+/// Repeats a call for as long as signals interrupt it.
+template <typename Call>
+auto retryInterrupted(Call&& call) {
+  auto result = call();
+  while (result < 0 && errno == EINTR) result = call();
+  return result;
+}
+
+/// The result of a call that answers a negative number on failure; a failure throws what `makeError` builds
+/// from the errno of that moment.
+template <typename MakeError, typename Call>
+auto checkedCall(MakeError&& makeError, Call&& call) {
+  const auto result = retryInterrupted(call);
+  if (result < 0) {
+    const std::int32_t code = errno;
+    throw makeError(code);
+  }
+  return result;
+}
+
+/// The same for the errors that name one path.
+template <typename Call>
+auto checkedCall(RepackError (*error)(std::string, std::int32_t), const std::string& path, Call&& call) {
+  return checkedCall([&](std::int32_t code) { return error(path, code); }, call);
+}
+
+/// `fstat`. Throws `fileStatFailed`.
+inline struct stat fileStatus(int fd, const std::string& path) {
+  struct stat status {};
+  checkedCall(RepackError::fileStatFailed, path, [&] { return ::fstat(fd, &status); });
+  return status;
+}
+
+/// Throws `fileStatFailed` with EINVAL when the descriptor is of anything but a regular file.
+inline void requireRegularFile(int fd, const std::string& path) {
+  if (!S_ISREG(fileStatus(fd, path).st_mode)) throw RepackError::fileStatFailed(path, EINVAL);
+}
+
+/// Removes a temporary file unless it has been given its final name. Owns nothing but the name.
+class TemporaryName {
+ public:
+  /// `path` is relative to `directory`, a descriptor that outlives this object, or AT_FDCWD.
+  TemporaryName(int directory, std::string path) : directory_(directory), path_(std::move(path)) {}
+  ~TemporaryName() {
+    if (!kept_) ::unlinkat(directory_, path_.c_str(), 0);
+  }
+  TemporaryName(const TemporaryName&) = delete;
+  TemporaryName& operator=(const TemporaryName&) = delete;
+
+  void keep() noexcept { kept_ = true; }
+
+ private:
+  int directory_;
+  std::string path_;
+  bool kept_ = false;
+};
+
+}  // namespace vellicor

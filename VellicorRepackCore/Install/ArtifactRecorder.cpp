@@ -1,0 +1,219 @@
+#include "VellicorRepackCore/Install/ArtifactRecorder.h"
+
+#include <algorithm>
+#include <array>
+#include <filesystem>
+#include <map>
+#include <set>
+#include <string_view>
+#include <utility>
+
+#include "VellicorRepackCore/Base/Cancellation.h"
+#include "VellicorRepackCore/Base/Errors.h"
+#include "VellicorRepackCore/Base/Sha256Stream.h"
+#include "VellicorRepackCore/FileSystem/MorlenDirectoryAccess.h"
+#include "VellicorRepackCore/FileSystem/Posix.h"
+#include "VellicorRepackCore/Output/MorlenJSON.h"
+#include "VellicorRepackCore/Output/MorlenLayoutValidator.h"
+#include "VellicorRepackCore/Verification/VerifiedInstallReceiptWriter.h"
+
+namespace vellicor {
+
+namespace {
+
+constexpr std::size_t hashChunkBytes = 524288;
+constexpr const char* sidecarDirectory = "tokenizer";
+constexpr const char* layoutPath = "packed_experts/layout.json";
+constexpr const char* manifestName = "manifest.json";
+
+struct Sidecar {
+  const char* name;
+  std::uint64_t capBytes;
+  bool isRequired;
+};
+
+constexpr std::uint64_t mebibyte = 1048576;
+constexpr std::array<Sidecar, 5> sidecars = {{
+    {"tokenizer.json", 64 * mebibyte, true},
+    {"tokenizer_config.json", 4 * mebibyte, true},
+    {"special_tokens_map.json", 1 * mebibyte, false},
+    {"chat_template.jinja", 4 * mebibyte, false},
+    {"chat_template.json", 4 * mebibyte, false},
+}};
+
+bool isRemoteNotFound(const RepackError& error) {
+  if (const auto* status = error.as<RepackError::RemoteHTTPStatus>()) return status->status == 404;
+  if (const auto* response = error.as<RepackError::RemoteHTTPResponse>()) return response->status == 404;
+  return false;
+}
+
+/// Nothing for an optional file that the repository does not hold.
+std::optional<RemoteFileInfo> resolveSidecar(const HuggingFaceRemoteSource& remote, const Sidecar& sidecar,
+                                             RepackAudit& audit) {
+  try {
+    return remote.resolveFileInfo(sidecar.name, &audit);
+  } catch (const RepackError& error) {
+    if (sidecar.isRequired || !isRemoteNotFound(error)) throw;
+    return std::nullopt;
+  }
+}
+
+/// The first layer with experts decides: every layer of a valid layout has the same dimensions.
+const LayerFilePlan* firstExpertLayer(const RepackPlan& plan) {
+  const auto layer = std::find_if(plan.layers.begin(), plan.layers.end(), [](const LayerFilePlan& candidate) {
+    return candidate.expertsPerLayer > 0;
+  });
+  return layer == plan.layers.end() ? nullptr : &*layer;
+}
+
+std::int64_t routedExpertBits(const RepackPlan& plan) {
+  const auto layer = std::find_if(plan.layers.begin(), plan.layers.end(), [](const LayerFilePlan& candidate) {
+    return !candidate.subTensors.empty();
+  });
+  return layer == plan.layers.end() ? 4 : layer->subTensors.front().bitsForWeights.value_or(4);
+}
+
+std::map<std::string, std::int64_t> manifestBitWidths(const RepackPlan& plan) {
+  std::map<std::string, std::int64_t> widths = {{"embedding", 4},
+                                                {"attention", 4},
+                                                {"router", 8},
+                                                {"sharedExpert", 8},
+                                                {"routedExpert", routedExpertBits(plan)}};
+  for (const ResidentEntry& entry : plan.resident.entries) {
+    if (!entry.quantSpec) continue;
+    const std::string_view name = entry.name;
+    const std::int64_t bits = entry.quantSpec->bits;
+    if (name == "language_model.model.embed_tokens.weight") widths["embedding"] = bits;
+    if (name.ends_with(".self_attn.q_proj.weight")) widths["attention"] = bits;
+    if (name.ends_with(".router.proj.weight")) widths["router"] = bits;
+    if (name.ends_with(".mlp.gate_proj.weight")) widths["sharedExpert"] = bits;
+  }
+  return widths;
+}
+
+}  // namespace
+
+ArtifactRecorder::ArtifactRecorder(std::string partialDirectory, const RepackPlan& plan, RepackAudit& audit,
+                                   const ModelInstallProgressCallback& progress, std::stop_token stop)
+    : partialDirectory_(std::move(partialDirectory)),
+      plan_(plan),
+      audit_(audit),
+      progress_(progress),
+      stop_(std::move(stop)),
+      hashBuffer_(hashChunkBytes) {}
+
+std::string ArtifactRecorder::path(const std::string& relativePath) const {
+  return joinPath(partialDirectory_, relativePath);
+}
+
+void ArtifactRecorder::recordPayload() {
+  recordOutputFile("model_weights.bin");
+  for (const LayerFilePlan& layer : plan_.layers) {
+    if (layer.expertsPerLayer < 1) continue;
+    throwIfCancelled(stop_);
+    recordOutputFile("packed_experts/" + lastPathComponent(layer.path));
+  }
+}
+
+void ArtifactRecorder::writeLayout() {
+  const LayerFilePlan* layer = firstExpertLayer(plan_);
+  const std::string layout = MorlenJSON::encodeLayout(plan_, layer == nullptr ? 0 : layer->expertStride);
+  const std::string file = path(layoutPath);
+  Posix::mkdirP(parentPath(file));
+  Posix::atomicWrite(layout, file, parentPath(file));
+  MorlenLayoutValidator::validate(file, plan_, &audit_);
+  recordOutputFile(layoutPath);
+  throwIfCancelled(stop_);
+}
+
+void ArtifactRecorder::copyRemoteMetadataSidecars(const RemoteSnapshot& snapshot,
+                                                  const HuggingFaceRemoteSource& remote) {
+  throwIfCancelled(stop_);
+  const std::string directory = path(sidecarDirectory);
+  const std::string config = joinPath(snapshot.metadataDirectory, IndexLoader::configFilename);
+  if (Posix::entryKind(config) != Posix::EntryKind::absent) {
+    const std::string relativePath = joinPath(sidecarDirectory, IndexLoader::configFilename);
+    Posix::mkdirP(directory);
+    Posix::removeTree(path(relativePath));
+    Posix::atomicWrite(Posix::readBoundedData(config, RemoteSnapshotLoader::maximumConfigBytes),
+                       path(relativePath), directory);
+    recordOutputFile(relativePath);
+  }
+  for (const Sidecar& sidecar : sidecars) {
+    throwIfCancelled(stop_);
+    const std::optional<RemoteFileInfo> info = resolveSidecar(remote, sidecar, audit_);
+    if (!info) continue;
+    remote.fetchSmallFile(sidecar.name, *info, sidecar.capBytes, joinPath(directory, sidecar.name), &audit_);
+    recordOutputFile(joinPath(sidecarDirectory, sidecar.name));
+  }
+  Posix::fsyncDirectory(directory);
+}
+
+void ArtifactRecorder::removeStrayEntries() try {
+  std::set<std::string> kept;
+  for (const RepackAudit::OutputFile& output : audit_.outputFiles) {
+    const std::string file = path(output.relativePath);
+    kept.insert(file);
+    kept.insert(parentPath(file));
+  }
+  std::vector<std::string> strays;
+  for (auto entry = std::filesystem::recursive_directory_iterator(partialDirectory_);
+       entry != std::filesystem::recursive_directory_iterator(); ++entry) {
+    if (kept.contains(entry->path().string())) continue;
+    if (entry->is_directory()) entry.disable_recursion_pending();
+    strays.push_back(entry->path().string());
+  }
+  for (const std::string& stray : strays) Posix::removeTree(stray);
+} catch (const std::filesystem::filesystem_error&) {
+  // What stays is not listed in the manifest and harms no reader.
+  return;
+}
+
+void ArtifactRecorder::writeManifestAndReceipt(const RemoteSnapshot& snapshot, const std::string& repoID,
+                                               const std::string& finalDirectory) {
+  std::vector<MorlenJSON::NamedFile> files;
+  for (const RepackAudit::OutputFile& output : audit_.outputFiles) {
+    files.push_back({output.relativePath, {output.size, output.sha256}});
+  }
+  const LayerFilePlan* layer = firstExpertLayer(plan_);
+  const std::string manifest = MorlenJSON::encodeManifest(
+      plan_, plan_.matchedModelID.value_or("unknown/snapshot"), snapshot.metadata.indexSha256Hex, files,
+      layer == nullptr ? 0 : layer->expertsPerLayer, plan_.arch.numLayers,
+      layer == nullptr ? 0 : layer->expertStride, manifestBitWidths(plan_));
+  const std::string temporary = path(std::string(manifestName) + ".tmp");
+  Posix::atomicWrite(manifest, temporary, partialDirectory_);
+  audit_.outputBytesWritten += manifest.size();
+  Posix::rename(temporary, path(manifestName));
+
+  const std::string receipt = VerifiedInstallReceiptWriter::encode(
+      finalDirectory, hashData(manifest), manifest.size(), repoID, snapshot.resolvedCommit,
+      VerifiedInstallReceiptWriter::installToolVersion, audit_.outputFiles);
+  MorlenDirectoryAccess(partialDirectory_)
+      .atomicWrite(receipt, VerifiedInstallReceiptWriter::receiptFilename);
+}
+
+void ArtifactRecorder::recordOutputFile(const std::string& relativePath) {
+  progress_(HashingOutputProgress{relativePath});
+  throwIfCancelled(stop_);
+  const std::string file = path(relativePath);
+  const FileDescriptor fd = Posix::openReadNoFollow(file);
+  // The manifest will name this file, so its bytes are on the disk before its digest is recorded.
+  Posix::fsync(fd.get(), file);
+  const std::uint64_t size = Posix::fileSize(fd.get(), file);
+  Posix::bypassPageCache(fd.get());
+  audit_.largestScratchBytes = std::max(audit_.largestScratchBytes, std::int64_t{hashChunkBytes});
+
+  Sha256Stream digest;
+  for (std::uint64_t done = 0; done < size;) {
+    throwIfCancelled(stop_);
+    const std::uint64_t length = std::min<std::uint64_t>(hashBuffer_.size(), size - done);
+    Posix::preadAll(fd.get(), file, hashBuffer_.data(), static_cast<std::int64_t>(length), done);
+    digest.update(hashBuffer_.bytes().first(static_cast<std::size_t>(length)));
+    Posix::dropCachedPages(fd.get(), done, length);
+    audit_.byteCopyTiles += 1;
+    done += length;
+  }
+  audit_.outputFiles.push_back({relativePath, size, digest.finalizeHexString()});
+}
+
+}  // namespace vellicor

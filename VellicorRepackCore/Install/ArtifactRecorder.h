@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstdint>
+#include <stop_token>
+#include <string>
+
+#include "VellicorRepackCore/Base/BoundedScratch.h"
+#include "VellicorRepackCore/Planning/RepackPlanner.h"
+#include "VellicorRepackCore/Remote/RemoteSnapshotLoader.h"
+#include "VellicorRepackCore/Reporting/ModelInstallProgress.h"
+#include "VellicorRepackCore/Reporting/RepackAudit.h"
+
+namespace vellicor {
+
+/// Completes a partial directory whose payload is in place: hashes every output, writes the layout, fetches
+/// the sidecars, clears away what is not of the artifact, and writes manifest and receipt. Everything that it
+/// returns from is durable. Used by one install on one thread.
+class ArtifactRecorder {
+ public:
+  ArtifactRecorder(std::string partialDirectory, const RepackPlan& plan, RepackAudit& audit,
+                   const ModelInstallProgressCallback& progress, std::stop_token stop);
+
+  /// Hashes model_weights.bin and the layer files into the audit's list.
+  void recordPayload();
+
+  /// Writes packed_experts/layout.json, checks it against the plan and records it.
+  void writeLayout();
+
+  /// Puts config.json and the tokenizer files of the snapshot's commit under tokenizer/ and records them.
+  void copyRemoteMetadataSidecars(const RemoteSnapshot& snapshot, const HuggingFaceRemoteSource& remote);
+
+  /// Removes what an interrupted run left beside the recorded outputs (temporary files of every kind), as
+  /// far as it can be removed.
+  void removeStrayEntries();
+
+  /// Writes manifest.json and the install's receipt; `finalDirectory` is where the artifact will live.
+  void writeManifestAndReceipt(const RemoteSnapshot& snapshot, const std::string& repoID,
+                               const std::string& finalDirectory);
+
+ private:
+  /// Hashes one file and appends it to the audit's outputs; the file is durable afterwards.
+  void recordOutputFile(const std::string& relativePath);
+  std::string path(const std::string& relativePath) const;
+
+  std::string partialDirectory_;
+  const RepackPlan& plan_;
+  RepackAudit& audit_;
+  const ModelInstallProgressCallback& progress_;
+  std::stop_token stop_;
+  AlignedBuffer hashBuffer_;
+};
+
+}  // namespace vellicor
