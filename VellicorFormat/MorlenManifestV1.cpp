@@ -244,7 +244,7 @@ void validateDirectoryPrefixes(const PathsByKey& pathsByKey) {
 }  // namespace
 
 MorlenManifestV1 MorlenManifestCodec::decode(std::string_view json) {
-  const MorlenManifestV1 manifest = readingFormatRecord("manifest.json", [json] {
+  MorlenManifestV1 manifest = readingFormatRecord("manifest.json", [json] {
     const nlohmann::json document = parseJson(json);
     return readManifest(JsonObject(document, ""));
   });

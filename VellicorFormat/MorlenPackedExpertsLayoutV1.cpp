@@ -183,7 +183,7 @@ void validateFile(const MorlenLayerV1& layer, std::set<std::string>& keys) {
 }  // namespace
 
 MorlenPackedExpertsLayoutV1 MorlenPackedExpertsLayoutCodec::decode(std::string_view json) {
-  const MorlenPackedExpertsLayoutV1 layout = readingFormatRecord("packed_experts/layout.json", [json] {
+  MorlenPackedExpertsLayoutV1 layout = readingFormatRecord("packed_experts/layout.json", [json] {
     const nlohmann::json document = parseJson(json);
     return readLayout(JsonObject(document, ""));
   });

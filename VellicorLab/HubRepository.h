@@ -1,23 +1,17 @@
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
 #include <memory>
 #include <optional>
-#include <span>
 #include <string>
 #include <string_view>
 
+#include "VellicorLab/ByteSource.h"
+
 namespace vellicor {
 
-/// One file that a hub serves: its size, its identity, and its bytes on demand.
-class HubFile {
+/// One file that a hub serves: its bytes on demand, and its identity.
+class HubFile : public ByteSource {
  public:
-  virtual ~HubFile() = default;
-  virtual std::uint64_t size() const = 0;
-  /// Fills `bytes` with the file's bytes from `offset` on; the range lies inside the file. Safe from several
-  /// threads.
-  virtual void read(std::uint64_t offset, std::span<std::byte> bytes) const = 0;
   /// The quoted-out entity tag: 40 hexadecimal digits for a small file (git), 64 for a large one (sha256).
   virtual std::string contentTag() const = 0;
   /// 64 hexadecimal digits for a file kept on the storage host, nothing for a small one.

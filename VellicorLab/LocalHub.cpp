@@ -90,7 +90,6 @@ HubRequest described(const http::request_header<>& head, std::uint64_t connectio
           .host = host.substr(0, host.rfind(':')),
           .method = std::string(head.method_string()),
           .target = std::string(head.target()),
-          .file = "",
           .range = field(http::field::range),
           .authorization = field(http::field::authorization),
           .acceptEncoding = field(http::field::accept_encoding)};
@@ -153,7 +152,8 @@ void fillPiece(const HubBody& body, const HubFault& fault, std::uint64_t offset,
 
 }  // namespace
 
-// Everything below `thread` runs on it; `mutex` guards the log, its counter and the fault decision.
+// The coroutines run on `thread` alone; `mutex` guards what other threads reach too: the log, the number of
+// connections and the fault decision.
 struct LocalHub::Impl {
   explicit Impl(Options hubOptions)
       : options(std::move(hubOptions)), certificate(LabCertificate::make(options.certificateNames)) {
@@ -229,44 +229,58 @@ struct LocalHub::Impl {
     const HubFault fault = recordAndDecide(request);
     answer = faultyAnswer(std::move(answer), fault);
     if (options.latency.count() > 0) co_await wait(connection, options.latency);
-    if (fault.stallBeforeHead) co_await stall(connection);
-    if (fault.resetBeforeHead) co_return resetConnection(connection);
-    if (fault.endlessHeaders)
-      co_await sendEndlessHeaders(connection, fault.preamble + headText(answer, fault));
+    const bool hasEnded = co_await sendAnswer(connection, answer, fault, request.method != "HEAD");
+    co_return !hasEnded && parser.get().keep_alive();
+  }
 
-    const std::string head = fault.preamble + (fault.closeBeforeHead ? "" : headText(answer, fault) + "\r\n");
-    co_await asio::async_write(connection.stream, asio::buffer(head), use_awaitable);
-    if (fault.closeBeforeHead) {
-      co_await closeInGoodOrder(connection);
-      co_return false;
-    }
-    const bool hasBody = request.method != "HEAD";
+  // Returns whether the connection has come to its end with the answer.
+  asio::awaitable<bool> sendAnswer(Connection& connection, const HubAnswer& answer, const HubFault& fault,
+                                   bool hasBody) {
+    const std::string head = headText(answer, fault);
+    if (fault.stallBeforeHead) co_await end(connection, Ending::stall);
+    if (fault.resetBeforeHead) co_return co_await end(connection, Ending::reset);
+    if (fault.endlessHeaders) co_await sendEndlessHeaders(connection, fault.preamble + head);
+    co_await send(connection, fault.preamble);
+    if (fault.closeBeforeHead) co_return co_await end(connection, Ending::close);
+
+    co_await send(connection, head + "\r\n");
     const BodyPlan plan = bodyPlan(hasBody ? answer.body.size + fault.extraBytes : 0, fault);
     co_await sendBody(connection, answer, fault, plan.bytes);
-    switch (plan.ending) {
+    if (plan.ending != Ending::none) co_return co_await end(connection, plan.ending);
+    if (hasBody && answer.chunked) co_await send(connection, "0\r\n\r\n");
+    co_return false;
+  }
+
+  // Returns true, or by an exception when a stalled connection is closed.
+  asio::awaitable<bool> end(Connection& connection, Ending ending) {
+    switch (ending) {
       case Ending::none:
+      case Ending::drop:
         break;
       case Ending::close:
-        co_await closeInGoodOrder(connection);
-        co_return false;
-      case Ending::drop:
-        co_return false;
+        // Says that the client has said goodbye already, which is thus not waited for.
+        SSL_set_shutdown(connection.stream.native_handle(), SSL_RECEIVED_SHUTDOWN);
+        co_await connection.stream.async_shutdown(use_awaitable);
+        break;
       case Ending::reset:
-        co_return resetConnection(connection);
+        connection.stream.next_layer().set_option(asio::socket_base::linger(true, 0));
+        connection.stream.next_layer().close();
+        break;
       case Ending::stall:
-        co_await stall(connection);
+        co_await waitUntil(connection, std::chrono::steady_clock::time_point::max());
     }
-    if (hasBody && answer.chunked) {
-      co_await asio::async_write(connection.stream, asio::buffer(std::string_view("0\r\n\r\n")),
-                                 use_awaitable);
-    }
-    co_return parser.get().keep_alive();
+    co_return true;
+  }
+
+  asio::awaitable<void> send(Connection& connection, std::string text) {
+    co_await asio::async_write(connection.stream, asio::buffer(text), use_awaitable);
   }
 
   asio::awaitable<void> sendBody(Connection& connection, const HubAnswer& answer, const HubFault& fault,
                                  std::uint64_t bytes) {
-    connection.piece.resize(pieceBytes);
-    const std::uint64_t largest = fault.trickle ? 1 : pieceBytes;
+    const auto start = std::chrono::steady_clock::now();
+    const std::uint64_t largest = fault.trickle ? 1 : pacedPieceBytes();
+    connection.piece.resize(largest);
     for (std::uint64_t offset = 0; offset < bytes;) {
       const auto count = static_cast<std::size_t>(std::min(largest, bytes - offset));
       const std::span<std::byte> piece = std::span(connection.piece).first(count);
@@ -278,13 +292,25 @@ struct LocalHub::Impl {
       co_await asio::async_write(connection.stream, buffers, use_awaitable);
       offset += count;
       if (fault.trickle) co_await wait(connection, *fault.trickle);
+      if (options.bytesPerSecond > 0) co_await waitUntil(connection, start + timeFor(offset));
     }
+  }
+
+  // A twentieth of a second's worth at the most, so that a slow body still flows.
+  std::uint64_t pacedPieceBytes() const {
+    if (options.bytesPerSecond == 0) return pieceBytes;
+    return std::clamp<std::uint64_t>(options.bytesPerSecond / 20, 1, pieceBytes);
+  }
+
+  std::chrono::nanoseconds timeFor(std::uint64_t bytes) const {
+    const double seconds = static_cast<double>(bytes) / static_cast<double>(options.bytesPerSecond);
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(seconds));
   }
 
   // Returns by the exception of the write that fails.
   asio::awaitable<void> sendEndlessHeaders(Connection& connection, std::string text) {
     while (true) {
-      co_await asio::async_write(connection.stream, asio::buffer(text), use_awaitable);
+      co_await send(connection, text);
       text = "x-endless: " + std::string(1000, 'x') + "\r\n";
     }
   }
@@ -293,27 +319,10 @@ struct LocalHub::Impl {
     co_await waitUntil(connection, std::chrono::steady_clock::now() + duration);
   }
 
-  // Until the hub is stopped.
-  asio::awaitable<void> stall(Connection& connection) {
-    co_await waitUntil(connection, std::chrono::steady_clock::time_point::max());
-  }
-
   asio::awaitable<void> waitUntil(Connection& connection, std::chrono::steady_clock::time_point end) {
     if (isStopping) throw std::runtime_error("the hub is being stopped");
     connection.timer.expires_at(end);
     co_await connection.timer.async_wait(use_awaitable);
-  }
-
-  asio::awaitable<void> closeInGoodOrder(Connection& connection) {
-    // Says that the client has said goodbye already, which is thus not waited for.
-    SSL_set_shutdown(connection.stream.native_handle(), SSL_RECEIVED_SHUTDOWN);
-    co_await connection.stream.async_shutdown(use_awaitable);
-  }
-
-  bool resetConnection(Connection& connection) {
-    connection.stream.next_layer().set_option(asio::socket_base::linger(true, 0));
-    connection.stream.next_layer().close();
-    return false;
   }
 
   std::uint64_t countConnection() {

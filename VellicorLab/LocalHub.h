@@ -21,16 +21,16 @@ struct HubRequest {
   /// Which TCP connection it came on, from 0.
   std::uint64_t connection = 0;
   /// The Host header's name without its port: "localhost" is the hub, "127.0.0.1" the storage host.
-  std::string host;
-  std::string method;
+  std::string host{};
+  std::string method{};
   /// Path and query, as received.
-  std::string target;
+  std::string target{};
   /// The repository file that it is about, "" when none.
-  std::string file;
+  std::string file{};
   /// Absent headers are empty.
-  std::string range;
-  std::string authorization;
-  std::string acceptEncoding;
+  std::string range{};
+  std::string authorization{};
+  std::string acceptEncoding{};
   /// Whether this is the request that gets the bytes (or the final metadata answer), not a redirect to it.
   bool isFinalHop = false;
 };
@@ -39,36 +39,36 @@ struct HubRequest {
 /// body early, at most one is set.
 struct HubFault {
   /// Answer with this status and body instead; the usual headers of the case are left out.
-  std::optional<int> status;
-  std::string body;
+  std::optional<int> status{};
+  std::string body{};
   /// Set, or with nothing removed, in whatever answer is sent.
-  std::vector<std::pair<std::string, std::optional<std::string>>> headers;
+  std::vector<std::pair<std::string, std::optional<std::string>>> headers{};
   /// Bytes sent as they are in front of the answer's head.
-  std::string preamble;
+  std::string preamble{};
   /// Close in good order (TLS close_notify) after this many body bytes, or at the body's end if it is
   /// shorter.
-  std::optional<std::uint64_t> closeAfter;
+  std::optional<std::uint64_t> closeAfter{};
   /// The same without a close_notify: the stream ends abruptly.
-  std::optional<std::uint64_t> dropAfter;
+  std::optional<std::uint64_t> dropAfter{};
   /// Reset the TCP connection after this many body bytes; 0 resets before the body, `resetBeforeHead` before
   /// anything.
-  std::optional<std::uint64_t> resetAfter;
+  std::optional<std::uint64_t> resetAfter{};
   bool resetBeforeHead = false;
   /// Close in good order instead of sending a head; `preamble` is sent.
   bool closeBeforeHead = false;
   /// Send no more after this many body bytes, keeping the connection open until the hub is stopped.
-  std::optional<std::uint64_t> stallAfter;
+  std::optional<std::uint64_t> stallAfter{};
   bool stallBeforeHead = false;
   /// Body bytes appended beyond what is announced.
   std::uint64_t extraBytes = 0;
   /// Flips the lowest bit of the body byte at this position.
-  std::optional<std::uint64_t> flipByte;
+  std::optional<std::uint64_t> flipByte{};
   /// Sends the body as chunks, without Content-Length.
   bool chunked = false;
   /// Sends header lines without end, until the client goes.
   bool endlessHeaders = false;
   /// One body byte per this time.
-  std::optional<std::chrono::milliseconds> trickle;
+  std::optional<std::chrono::milliseconds> trickle{};
   /// Announces HTTP/1.0 and closes after the body.
   bool http10 = false;
 };
@@ -79,24 +79,24 @@ struct HubFault {
 class LocalHub {
  public:
   struct Options {
-    std::shared_ptr<const HubRepository> repository;
+    std::shared_ptr<const HubRepository> repository{};
     /// Serve this owner/name only; empty serves any.
-    std::string repoID;
+    std::string repoID{};
     /// 0 takes a free port.
     std::uint16_t port = 0;
     /// Where the certificate that clients must trust is written (PEM).
-    std::string caFilePath;
+    std::string caFilePath{};
     /// When set, the hub refuses requests without exactly this bearer token.
-    std::optional<std::string> requiredToken;
+    std::optional<std::string> requiredToken{};
     /// Decides about each request; called on the serving thread.
-    std::function<std::optional<HubFault>(const HubRequest&)> faults;
+    std::function<std::optional<HubFault>(const HubRequest&)> faults{};
     /// The names in the certificate; both hosts by default.
     std::vector<std::string> certificateNames = {"localhost", "127.0.0.1"};
     /// How many redirects lie between the storage host's first address and the bytes.
     int storageRedirects = 0;
     /// Added before every answer's head.
     std::chrono::milliseconds latency{0};
-    /// Pace of the payload bodies that the storage host sends; 0 sends as fast as the client takes them.
+    /// Pace of every body; 0 sends as fast as the client takes it.
     std::uint64_t bytesPerSecond = 0;
   };
 

@@ -75,12 +75,6 @@ class RandomNumbers {
   std::uint64_t state_;
 };
 
-void requireInside(std::uint64_t offset, std::uint64_t length, std::uint64_t size) {
-  if (offset > size || length > size - offset) {
-    throw std::out_of_range(fmt::format("{} bytes at {} of a file of {}", length, offset, size));
-  }
-}
-
 class TextFile final : public HubFile {
  public:
   explicit TextFile(std::string content)
@@ -402,6 +396,31 @@ void SyntheticCheckpoint::setSmallFile(const std::string& name, std::optional<st
   } else {
     files_.erase(name);
   }
+}
+
+std::uint64_t SyntheticCheckpoint::payloadOffset(const std::string& shard) const {
+  std::uint64_t length = 0;
+  std::memcpy(&length, bytes(shard, 0, sizeof length).data(), sizeof length);
+  return sizeof length + length;
+}
+
+std::map<std::string, SyntheticCheckpoint::StoredTensor> SyntheticCheckpoint::tensors() const {
+  std::map<std::string, StoredTensor> tensors;
+  for (const std::string& shard : shardNames_) {
+    const std::uint64_t payload = payloadOffset(shard);
+    std::string header(payload - sizeof payload, '\0');
+    file(shard)->read(sizeof payload, std::as_writable_bytes(std::span(header)));
+    const nlohmann::json entries = tensorEntries(header);
+    for (const auto& [name, entry] : entries.items()) {
+      const std::array<std::uint64_t, 2> range = entry.at("data_offsets");
+      tensors[name] = {.file = file(shard),
+                       .dtype = entry.at("dtype"),
+                       .shape = entry.at("shape"),
+                       .offset = payload + range[0],
+                       .size = range[1] - range[0]};
+    }
+  }
+  return tensors;
 }
 
 std::vector<std::byte> SyntheticCheckpoint::bytes(const std::string& name, std::uint64_t offset,

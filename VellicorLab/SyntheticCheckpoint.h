@@ -63,6 +63,21 @@ class SyntheticCheckpoint final : public HubRepository {
   /// For tests, before anything reads.
   void setSmallFile(const std::string& name, std::optional<std::string> content);
 
+  /// Where the payload of a shard begins in its file.
+  std::uint64_t payloadOffset(const std::string& shard) const;
+
+  /// A tensor where its shard's header puts it.
+  struct StoredTensor {
+    std::shared_ptr<const HubFile> file;
+    std::string dtype;
+    std::vector<std::uint64_t> shape;
+    /// From the first byte of the file.
+    std::uint64_t offset = 0;
+    std::uint64_t size = 0;
+  };
+  /// Every tensor of every shard, by name.
+  std::map<std::string, StoredTensor> tensors() const;
+
   /// A file's bytes, a shard's header included. Throws `std::out_of_range` for bytes or a file that do not
   /// exist.
   std::vector<std::byte> bytes(const std::string& name, std::uint64_t offset, std::uint64_t length) const;

@@ -67,7 +67,7 @@ CLI::App* addHub(CLI::App& app, HubFlags& flags) {
   addNumber(*hub, "--port", flags.port, "Port to listen on [any free one]");
   hub->add_option("--ca-file", flags.caFile, "Where to write the certificate that clients must trust");
   hub->add_option("--token", flags.token, "Refuse requests without this bearer token");
-  addNumber(*hub, "--bytes-per-second", flags.bytesPerSecond, "Pace of the payload bodies");
+  addNumber(*hub, "--bytes-per-second", flags.bytesPerSecond, "Pace of every body");
   hub->add_option("--log", flags.logFile, "Write one JSON line per request to this file");
   return hub;
 }

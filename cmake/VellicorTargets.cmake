@@ -8,7 +8,7 @@ set(CMAKE_RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/bin")
 set(THREADS_PREFER_PTHREAD_FLAG ON)
 
 find_package(Threads REQUIRED)
-find_package(CURL 7.86 REQUIRED)
+find_package(CURL 7.87 REQUIRED)
 find_package(OpenSSL 3.0 REQUIRED COMPONENTS Crypto SSL)
 if(APPLE)
   # Homebrew keeps ICU out of the default search path.

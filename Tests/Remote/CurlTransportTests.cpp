@@ -11,6 +11,7 @@
 
 #include "Tests/Support/Expect.h"
 #include "Tests/Support/TinyHub.h"
+#include "VellicorRepackCore/Base/Errors.h"
 #include "VellicorRepackCore/Remote/CurlTransport.h"
 
 namespace vellicor::testing {
@@ -19,356 +20,268 @@ namespace {
 using namespace std::chrono_literals;
 using Code = NetworkError::Code;
 
-constexpr auto shortIdle = 200ms;
+using Outcome = std::pair<std::optional<Code>, std::string>;
 
-std::string replaced(std::string text, const std::string& what, const std::string& with) {
-  for (std::size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += with.size()) {
-    text.replace(at, what.size(), with);
-  }
-  return text;
-}
-
-// "STATUS, N bytes" of an answer, or "CODE: text" of a failure.
-std::string outcome(CurlTransport& transport, const std::string& url,
-                    std::chrono::duration<double> idle = 60s) {
+// "STATUS, N bytes", or what failed, with URL and HOST for the redacted URL and its host.
+Outcome outcomeOf(CurlTransport& transport, const std::string& url, const HttpHopLimits& limits = {}) {
+  const HttpRequest request{.url = *RemoteUrl::parse(url), .headers = parsedHeaders("Range: bytes=0-59999")};
   Received received;
   try {
-    TinyHub::perform(transport, url, received, {{"Range", "bytes=0-99999"}}, "GET", idle);
-    return fmt::format("{}, {} bytes", received.head->status, received.body.size());
+    transport.perform(request, limits, received, {});
+    return {std::nullopt, fmt::format("{}, {} bytes", received.head->status, received.body.size())};
   } catch (const NetworkError& error) {
-    return fmt::format("{}: {}", static_cast<int>(error.code()), error.what());
+    std::string text = error.what();
+    const auto mark = [&](const std::string& what, const char* name) {
+      if (text.find(what) != std::string::npos) text.replace(text.find(what), what.size(), name);
+    };
+    mark(request.url.withoutQueryAndFragment().value(), "URL");
+    mark(request.url.authority(), "HOST");
+    return {error.code(), text};
   }
-}
-
-std::string failed(Code code, const std::string& text) {
-  return fmt::format("{}: {}", static_cast<int>(code), text);
 }
 
 TEST(CurlTransportTests, keepsOneConnectionPerHost) {
   const TinyHub tiny;
-  const std::string storage = tiny.storage(), content = TinyRepository::content("model/shard");
+  const std::string storage = tiny.redirected(tiny.shard), cached = tiny.redirected("config.json");
+  const std::uint64_t before = tiny.hub->connectionCount();
   tiny.hub->clearRequests();
   CurlTransport transport(tiny.options());
   for (int round = 0; round < 10; ++round) {
-    EXPECT_EQ(TinyHub::perform(transport, tiny.resolve("main/config.json"), {}, "HEAD").head->status, 307);
-    const Received small = TinyHub::perform(transport, tiny.cached(), {{"Range", "bytes=0-9"}});
-    EXPECT_EQ(small.body, TinyRepository::content("config.json"));
-    EXPECT_EQ(TinyHub::perform(transport, tiny.resolve("main/model/shard")).head->status, 302);
-    const Received large = TinyHub::perform(transport, storage, {{"Range", "bytes=1-299999"}});
-    EXPECT_EQ(large.header("content-range"), "bytes 1-299999/300000");
+    EXPECT_EQ(TinyHub::get(transport, tiny.resolve("main/config.json"), "", "HEAD").head->status, 307);
+    EXPECT_EQ(TinyHub::get(transport, cached, "Range: bytes=0-8").body, tiny.bytes("config.json", 0, 9));
+    const Received large = TinyHub::get(transport, storage, "Range: bytes=1-60000");
     EXPECT_EQ(large.head->url.string(), storage);
-    EXPECT_TRUE(large.body == content.substr(1));
+    EXPECT_TRUE(large.body == tiny.bytes(tiny.shard, 1, 60000));
   }
-  EXPECT_EQ(tiny.hub->requests().size(), 40U);
-  // The first connection is that of the question for the storage address.
-  EXPECT_EQ(tiny.hub->connectionCount(), 1U + 2U);
+  EXPECT_EQ(tiny.hub->requests().size(), 30U);
+  EXPECT_EQ(tiny.hub->connectionCount() - before, 2U);
 }
 
 TEST(CurlTransportTests, turnsWhatTheServerDoesIntoAnswersAndErrors) {
   const TinyHub tiny;
-  const std::string url = tiny.storage(), cleanUrl = url.substr(0, url.find('?'));
+  const std::string url = tiny.redirected(tiny.shard);
   const std::string interim = "HTTP/1.1 103 Early Hints\r\nlink: x\r\n\r\nHTTP/1.1 103 Early Hints\r\n\r\n";
-  struct Row {
-    std::string name;
-    HubFault fault;
-    std::string expected;
-  };
-  const std::vector<Row> rows = {
-      {"normal", {}, "206, 100000 bytes"},
-      {"chunked", {.chunked = true}, "206, 100000 bytes"},
-      {"interim answers", {.preamble = interim}, "206, 100000 bytes"},
-      {"HTTP/1.0", {.http10 = true}, "206, 100000 bytes"},
-      {"more than announced", {.extraBytes = 5}, "206, 100000 bytes"},
-      {"not found", {.status = 404, .body = "gone"}, "404, 4 bytes"},
-      {"closed early", {.closeAfter = 1000}, "206, 1000 bytes"},
-      {"closed before the body", {.closeAfter = 0}, "206, 0 bytes"},
-      {"dropped early", {.dropAfter = 1000}, "206, 1000 bytes"},
-      {"dropped within chunks", {.dropAfter = 1000, .chunked = true}, "206, 1000 bytes"},
-      {"reset before the head",
-       {.resetBeforeHead = true},
-       failed(Code::connectionLost, "the connection to HOST was lost: Connection reset by peer (URL)")},
-      {"reset within the body",
-       {.resetAfter = 1000},
-       failed(Code::connectionLost, "the connection to HOST was lost: Connection reset by peer (URL)")},
-      {"closed without an answer",
-       {.closeBeforeHead = true},
-       failed(Code::connectionLost, "HOST closed the connection without an answer (URL)")},
+  const std::string tooLarge = "the head of the answer of HOST is too large (URL)";
+  const std::string reset = "the connection to HOST was lost: Connection reset by peer (URL)";
+  const std::string silence = "no answer from 127.0.0.1 for 0.2 seconds (URL)", all = "206, 60000 bytes";
+  const std::string closed = "HOST closed the connection without an answer (URL)";
+  const std::string closedWithin = "HOST closed the connection within its answer's head (URL)";
+  const std::vector<std::tuple<std::string, HubFault, Outcome>> rows = {
+      {"chunked", {.chunked = true}, {std::nullopt, all}},
+      {"interim answers", {.preamble = interim}, {std::nullopt, all}},
+      {"HTTP/1.0", {.http10 = true}, {std::nullopt, all}},
+      {"more than announced", {.extraBytes = 5}, {std::nullopt, all}},
+      {"not found", {.status = 404, .body = "gone"}, {std::nullopt, "404, 4 bytes"}},
+      {"closed early", {.closeAfter = 1000}, {std::nullopt, "206, 1000 bytes"}},
+      {"closed before the body", {.closeAfter = 0}, {std::nullopt, "206, 0 bytes"}},
+      {"dropped early", {.dropAfter = 1000}, {std::nullopt, "206, 1000 bytes"}},
+      {"dropped within chunks", {.dropAfter = 1000, .chunked = true}, {std::nullopt, "206, 1000 bytes"}},
+      {"reset before the head", {.resetBeforeHead = true}, {Code::connectionLost, reset}},
+      {"reset within the body", {.resetAfter = 1000}, {Code::connectionLost, reset}},
+      {"stalled before the head", {.stallBeforeHead = true}, {Code::timedOut, silence}},
+      {"stalled within the body", {.stallAfter = 1000}, {Code::timedOut, silence}},
+      {"closed without an answer", {.closeBeforeHead = true}, {Code::connectionLost, closed}},
       {"closed within the head",
        {.preamble = "HTTP/1.1 200 OK\r\nx: ", .closeBeforeHead = true},
-       failed(Code::connectionLost, "HOST closed the connection within its answer's head (URL)")},
-      {"stalled before the head",
-       {.stallBeforeHead = true},
-       failed(Code::timedOut, "no answer from 127.0.0.1 for 0.2 seconds (URL)")},
-      {"stalled within the body",
-       {.stallAfter = 1000},
-       failed(Code::timedOut, "no answer from 127.0.0.1 for 0.2 seconds (URL)")},
-      {"headers without end",
-       {.endlessHeaders = true},
-       failed(Code::other, "the head of the answer of HOST is too large (URL)")},
-      {"one endless header",
-       {.headers = {{"x", std::string(200000, 'x')}}},
-       failed(Code::other, "the head of the answer of HOST is too large (URL)")},
-      {"not HTTP",
-       {.preamble = "garbage"},
-       failed(Code::other, "HOST gave an answer that is not HTTP (URL)")},
+       {Code::connectionLost, closedWithin}},
+      {"headers without end", {.endlessHeaders = true}, {Code::other, tooLarge}},
+      {"one endless header", {.headers = {{"x", std::string(200000, 'x')}}}, {Code::other, tooLarge}},
+      {"not HTTP", {.preamble = "garbage"}, {Code::other, "HOST gave an answer that is not HTTP (URL)"}},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    tiny.hub->setFaults([&](const HubRequest&) { return row.fault; });
+  for (const auto& [name, fault, expected] : rows) {
+    SCOPED_TRACE(name);
+    tiny.hub->setFaults([answer = fault](const HubRequest&) { return answer; });
     CurlTransport transport(tiny.options());
-    const std::string got = outcome(transport, url, shortIdle);
-    EXPECT_EQ(replaced(replaced(got, cleanUrl, "URL"), tiny.storageAuthority(), "HOST"), row.expected);
+    const auto idle = expected.second == silence ? 200ms : 60000ms;
+    EXPECT_EQ(outcomeOf(transport, url, {.idleTimeout = idle}), expected);
   }
 }
 
-TEST(CurlTransportTests, slowAnswersAreNotIdle) {
+TEST(CurlTransportTests, slowAnswersMeetTheDeadlineOnly) {
   const TinyHub tiny;
-  tiny.hub->setFaults([](const HubRequest&) { return HubFault{.trickle = 50ms}; });
+  const std::string url = tiny.redirected(tiny.shard);
+  tiny.hub->setFaults([](const HubRequest&) { return HubFault{.closeAfter = 10, .trickle = 60ms}; });
   CurlTransport transport(tiny.options());
-  EXPECT_EQ(outcome(transport, tiny.cached(), 300ms), "206, 10 bytes");
-  const auto pastDeadline = std::chrono::steady_clock::now() + 200ms;
-  Received received;
-  const HttpRequest request{.url = RemoteUrl::parse(tiny.cached()).value(), .headers = {}};
-  EXPECT_EQ(errorText([&] { transport.perform(request, {.deadline = pastDeadline}, received, {}); }),
-            fmt::format("the exchange with {} did not end within its time ({})", tiny.hubAuthority(),
-                        request.url.withoutQueryAndFragment().value()));
-  EXPECT_LT(received.body.size(), 10U);
+  EXPECT_EQ(outcomeOf(transport, url, {.idleTimeout = 500ms}), Outcome(std::nullopt, "206, 10 bytes"));
+  EXPECT_EQ(outcomeOf(transport, url, {.deadline = std::chrono::steady_clock::now() + 100ms}),
+            Outcome(Code::timedOut, "the exchange with HOST did not end within its time (URL)"));
 }
 
 TEST(CurlTransportTests, givesTheHeadAsItIs) {
   const TinyHub tiny;
-  tiny.hub->setFaults([](const HubRequest&) {
-    return HubFault{.preamble =
-                        "HTTP/1.1 200 Fine\r\nA:  b  \r\na: c\r\nFolded: one\r\n\ttwo\r\nEmpty:\r\n"
-                        "Content-Length: 2\r\n\r\nhi",
-                    .closeBeforeHead = true};
-  });
+  const std::string text =
+      "HTTP/1.1 200 Fine\r\nA:  b  \r\na: c\r\nFolded: one\r\n\ttwo\r\nE: \r\nContent-Length: 2\r\n\r\nhi";
+  tiny.hub->setFaults([&](const HubRequest&) { return HubFault{.preamble = text, .closeBeforeHead = true}; });
   CurlTransport transport(tiny.options());
-  const Received received = TinyHub::perform(transport, tiny.cached());
+  const Received received = TinyHub::get(transport, tiny.resolve("main/config.json"));
   EXPECT_EQ(received.head->status, 200);
-  const Headers expected = {
-      {"A", "b"}, {"a", "c"}, {"Folded", "one two"}, {"Empty", ""}, {"Content-Length", "2"}};
-  EXPECT_EQ(received.head->headers.fields(), expected);
+  EXPECT_EQ(received.head->headers.fields(),
+            parsedHeaders("A: b; a: c; Folded: one two; E: ; Content-Length: 2").fields());
   EXPECT_EQ(received.body, "hi");
 }
 
 TEST(CurlTransportTests, trustsOnlyTheGivenCertificates) {
   const TinyHub tiny;
-  const TinyHub misnamed([](LocalHub::Options& options) { options.certificateNames = {"other.example"}; });
-  const std::string url = tiny.hub->baseURL() + "/o/n", misnamedUrl = misnamed.hub->baseURL() + "/o/n";
-  const std::string untrusted = "the server's certificate is not trusted: ";
-  struct Row {
-    std::string name;
-    std::optional<std::string> caFile;
-    std::string url;
-    std::string expected;
+  const TinyHub other([](LocalHub::Options& options) { options.certificateNames = {"other.example"}; });
+  const std::string none = tiny.directory / "none", notTrusted = "the server's certificate is not trusted: ";
+  const std::vector<std::tuple<std::string, std::optional<std::string>, std::string, std::string>> rows = {
+      {"system", std::nullopt, tiny.hub->baseURL(), notTrusted + "self-signed certificate: URL"},
+      {"another", other.hub->caFile(), tiny.hub->baseURL(), notTrusted + "self-signed certificate: URL"},
+      {"another name", other.hub->caFile(), other.hub->baseURL(),
+       notTrusted + "no alternative certificate subject name matches target host name 'localhost': URL"},
+      {"no file", none, tiny.hub->baseURL(),
+       "the certificates to trust could not be read from " + none + " (URL)"},
   };
-  const std::vector<Row> rows = {
-      {"the system's authorities", std::nullopt, url,
-       failed(Code::tls, untrusted + "self-signed certificate: " + url)},
-      {"another hub's certificate", misnamed.hub->caFile(), url,
-       failed(Code::tls, untrusted + "self-signed certificate: " + url)},
-      {"a certificate for another name", misnamed.hub->caFile(), misnamedUrl,
-       failed(Code::tls,
-              untrusted + "no alternative certificate subject name matches target host name 'localhost': " +
-                  misnamedUrl)},
-      {"no certificate file", tiny.directory / "none", url,
-       failed(Code::tls, fmt::format("the certificates to trust could not be read from {} ({})",
-                                     tiny.directory / "none", url))},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    CurlTransport transport({.caFile = row.caFile, .hasNetwork = nullptr});
-    EXPECT_EQ(outcome(transport, row.url + "?token=secret"), row.expected);
+  for (const auto& [name, caFile, url, expected] : rows) {
+    SCOPED_TRACE(name);
+    CurlTransport transport({.caFile = caFile});
+    EXPECT_EQ(outcomeOf(transport, url + "/x?token=secret"), Outcome(Code::tls, expected));
   }
-  EXPECT_TRUE(tiny.hub->requests().empty());
+  EXPECT_TRUE(tiny.hub->requests().empty() && other.hub->requests().empty());
 }
 
-// A port of the loopback whose one client is treated as `reaction` says, or left without an answer.
+// A port of the loopback whose one client gets `answer` for its first bytes and is then reset or closed on.
 struct PlainServer {
-  explicit PlainServer(std::function<void(int)> reaction = nullptr)
+  explicit PlainServer(const std::optional<std::string>& answer = std::nullopt, bool resets = false)
       : listener(::socket(AF_INET, SOCK_STREAM, 0)) {
     sockaddr_in address{};
     socklen_t size = sizeof(address);
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     auto* generic = reinterpret_cast<sockaddr*>(&address);
-    if (::bind(listener, generic, size) != 0 || ::listen(listener, 1) != 0 ||
-        ::getsockname(listener, generic, &size) != 0) {
-      throw std::runtime_error("no port to listen on");
-    }
-    authority = fmt::format("127.0.0.1:{}", ntohs(address.sin_port));
-    if (!reaction) return;
-    thread = std::jthread([descriptor = listener, reaction = std::move(reaction)] {
-      const int client = ::accept(descriptor, nullptr, nullptr);
-      reaction(client);
-      ::close(client);
-    });
+    EXPECT_EQ(
+        ::bind(listener, generic, size) | ::listen(listener, 1) | ::getsockname(listener, generic, &size), 0);
+    port = ntohs(address.sin_port);
+    if (!answer) return;
+    thread = std::jthread(
+        [descriptor = listener, text = *answer, hard = linger{.l_onoff = resets, .l_linger = 0}] {
+          const int client = ::accept(descriptor, nullptr, nullptr);
+          char hello[4096];
+          EXPECT_GT(::read(client, hello, sizeof(hello)), 0);
+          EXPECT_EQ(::write(client, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+          EXPECT_EQ(::setsockopt(client, SOL_SOCKET, SO_LINGER, &hard, sizeof(hard)), 0);
+          ::close(client);
+        });
   }
   ~PlainServer() {
     if (thread.joinable()) thread.join();
     ::close(listener);
   }
+  std::string url(const std::string& host = "127.0.0.1") const {
+    return fmt::format("https://{}:{}/x/y?token=secret", host, port);
+  }
 
   int listener;
-  std::string authority;
+  std::uint16_t port = 0;
   std::jthread thread;
 };
 
 TEST(CurlTransportTests, namesWhatFailedBeforeTheRequest) {
-  const auto readHello = [](int client) {
-    char hello[4096];
-    return ::read(client, hello, sizeof(hello)) > 0;
+  CurlTransport transport({});
+  const std::string silence = "no answer from 127.0.0.1 for 0.2 seconds (URL)";
+  const std::string lost = "the connection to HOST was lost", plain = "HTTP/1.0 200 OK\r\n\r\n";
+  const std::string noTls = "no secure connection to HOST could be agreed on: wrong version number (URL)";
+  const std::vector<std::tuple<std::string, std::optional<std::string>, bool, Outcome>> rows = {
+      {"silence", std::nullopt, false, {Code::timedOut, silence}},
+      {"orderly close", "", false, {Code::connectionLost, lost + " (URL)"}},
+      {"reset", "", true, {Code::connectionLost, lost + ": Connection reset by peer (URL)"}},
+      {"no TLS", plain, false, {Code::tls, noTls}},
   };
-  struct Row {
-    std::string name;
-    std::function<void(int)> reaction;
-    std::string expected;
-  };
-  const std::vector<Row> rows = {
-      {"silence", nullptr, failed(Code::timedOut, "no answer from 127.0.0.1 for 0.2 seconds (URL)")},
-      {"orderly close", [&](int client) { EXPECT_TRUE(readHello(client)); },
-       failed(Code::connectionLost, "the connection to HOST was lost (URL)")},
-      {"reset",
-       [&](int client) {
-         const linger hard{.l_onoff = 1, .l_linger = 0};
-         EXPECT_TRUE(readHello(client));
-         EXPECT_EQ(::setsockopt(client, SOL_SOCKET, SO_LINGER, &hard, sizeof(hard)), 0);
-       },
-       failed(Code::connectionLost, "the connection to HOST was lost: Connection reset by peer (URL)")},
-      {"no TLS",
-       [&](int client) {
-         EXPECT_TRUE(readHello(client));
-         EXPECT_EQ(::write(client, "HTTP/1.0 200 OK\r\n\r\n", 19), 19);
-       },
-       failed(Code::tls, "no secure connection to HOST could be agreed on: wrong version number (URL)")},
-  };
-  CurlTransport transport({.hasNetwork = nullptr});
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    const PlainServer server(row.reaction);
-    const std::string got =
-        outcome(transport, fmt::format("https://{}/x?token=secret", server.authority), shortIdle);
-    EXPECT_EQ(replaced(replaced(got, fmt::format("https://{}/x", server.authority), "URL"), server.authority,
-                       "HOST"),
-              row.expected);
+  for (const auto& [name, answer, resets, expected] : rows) {
+    SCOPED_TRACE(name);
+    const PlainServer server(answer, resets);
+    EXPECT_EQ(outcomeOf(transport, server.url(), {.idleTimeout = answer ? 60000ms : 200ms}), expected);
   }
-
-  const std::string closed = PlainServer().authority;
-  EXPECT_EQ(outcome(transport, fmt::format("https://{}/x/y?token=secret", closed)),
-            failed(Code::cannotConnect,
-                   fmt::format("could not connect to {0}: Connection refused (https://{0}/x/y)", closed)));
-  EXPECT_EQ(outcome(transport, "http://localhost/x?token=secret"),
-            failed(Code::other, "only HTTPS addresses are fetched (http://localhost/x)"));
+  const std::string closed = PlainServer().url("localhost");
+  EXPECT_EQ(outcomeOf(transport, closed),
+            Outcome(Code::cannotConnect, "could not connect to HOST: Connection refused (URL)"));
+  EXPECT_EQ(outcomeOf(transport, "http://localhost/x?token=secret"),
+            Outcome(Code::other, "only HTTPS addresses are fetched (URL)"));
 }
 
 TEST(CurlTransportTests, reportsThatDescriptorsRanOut) {
   const PlainServer server;
-  CurlTransport transport({.hasNetwork = nullptr});
-  rlimit before{};
-  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+  CurlTransport transport({});
+  rlimit limit{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
   const int lowestFree = ::dup(0);
   ::close(lowestFree);
-  rlimit low = before;
-  low.rlim_cur = static_cast<rlim_t>(lowestFree);
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
-  const std::string got = outcome(transport, fmt::format("https://{}/x", server.authority));
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
-  EXPECT_EQ(got, failed(Code::resourceUnavailable,
-                        fmt::format("could not open a connection to {0}: Too many open files (https://{0}/x)",
-                                    server.authority)));
+  const rlim_t before = std::exchange(limit.rlim_cur, static_cast<rlim_t>(lowestFree));
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+  const Outcome outcome = outcomeOf(transport, server.url());
+  limit.rlim_cur = before;
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+  const std::string text = "could not open a connection to HOST: Too many open files (URL)";
+  EXPECT_EQ(outcome, Outcome(Code::resourceUnavailable, text));
 }
 
 TEST(CurlTransportTests, waitsOnlyWhileThereIsNoNetwork) {
-  const std::string port = replaced(PlainServer().authority, "127.0.0.1:", "");
-  // Not a loopback address by its name, but one that reaches this machine's closed port.
-  const std::string away = "https://0.0.0.0:" + port + "/x", here = "https://127.0.0.1:" + port + "/x";
-  struct Row {
-    std::string name;
-    std::string url;
-    bool waits;
-    bool hasNetwork;
-    Code expected;
-  };
-  const std::vector<Row> rows = {
+  // By its name no loopback address, but one that reaches this machine's closed port.
+  const std::string away = PlainServer().url("0.0.0.0"), here = PlainServer().url();
+  const std::vector<std::tuple<std::string, std::string, bool, bool, Code>> rows = {
       {"no network", away, true, false, Code::offline},
       {"a network", away, true, true, Code::cannotConnect},
       {"waiting not wanted", away, false, false, Code::cannotConnect},
       {"loopback", here, true, false, Code::cannotConnect},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    CurlTransport transport({.hasNetwork = [&] { return row.hasNetwork; }});
-    const HttpRequest request{.url = RemoteUrl::parse(row.url).value(), .headers = {}};
-    Received received;
-    try {
-      transport.perform(
-          request, {.deadline = std::chrono::steady_clock::now() + 100ms, .waitsForConnectivity = row.waits},
-          received, {});
-      ADD_FAILURE() << "connected";
-    } catch (const NetworkError& error) {
-      EXPECT_EQ(error.code(), row.expected) << error.what();
-    }
+  for (const auto& [name, url, waits, hasNetwork, expected] : rows) {
+    SCOPED_TRACE(name);
+    CurlTransport transport({.hasNetwork = [result = hasNetwork] { return result; }});
+    const HttpHopLimits limits{.deadline = std::chrono::steady_clock::now() + 100ms,
+                               .waitsForConnectivity = waits};
+    EXPECT_EQ(outcomeOf(transport, url, limits).first, expected);
   }
-  std::stop_source source;
-  CurlTransport transport({.hasNetwork = [&] { return !source.request_stop(); }});
-  Received received;
-  EXPECT_THROW(TinyHub::perform(transport, away, received, {}, "GET", 60s, source.get_token()),
-               CancellationError);
+  // The network comes up during the wait, and with it a hub that is not trusted here.
+  std::unique_ptr<TinyHub> hub;
+  const auto port = static_cast<std::uint16_t>(std::stoi(RemoteUrl::parse(away)->authority().substr(8)));
+  CurlTransport transport({.hasNetwork = [&] {
+    hub = std::make_unique<TinyHub>([&](LocalHub::Options& options) { options.port = port; });
+    return false;
+  }});
+  EXPECT_EQ(outcomeOf(transport, away).first, Code::tls);
 }
 
-TEST(CurlTransportTests, stopsAtOnceAndUsesNoBrokenConnectionAgain) {
+TEST(CurlTransportTests, breaksOffAtOnceAndUsesNoBrokenConnectionAgain) {
   const TinyHub tiny;
   CurlTransport transport(tiny.options());
-  struct Row {
-    std::string name;
-    HubFault fault;
-    bool throwsAtHead;
-    bool throwsAtPiece;
+  const std::string url = tiny.redirected(tiny.shard), content = tiny.bytes(tiny.shard, 0, 60000);
+  EXPECT_TRUE(TinyHub::get(transport, url, "Range: bytes=0-59999").body == content);
+  const std::vector<std::tuple<std::string, HubFault, std::string>> rows = {
+      {"stop while the head is awaited", {.stallBeforeHead = true}, "cancelled"},
+      {"stop while the body is awaited", {.stallAfter = 4}, "cancelled"},
+      {"refused head", {}, "head refused"},
+      {"refused body", {}, "body refused"},
   };
-  const std::vector<Row> rows = {
-      {"stop while the head is awaited", {.stallBeforeHead = true}, false, false},
-      {"stop while the body is awaited", {.stallAfter = 4}, false, false},
-      {"refused head", {}, true, false},
-      {"refused body", {}, false, true},
-  };
-  const std::string storage = tiny.storage(), content = TinyRepository::content("model/shard");
-  TinyHub::perform(transport, storage);
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
+  for (const auto& [name, rowFault, rowError] : rows) {
+    SCOPED_TRACE(name);
+    const HubFault fault = rowFault;
+    const std::string error = rowError;
     std::binary_semaphore reached(0);
+    tiny.hub->setFaults([&](const HubRequest&) {
+      if (fault.stallBeforeHead) reached.release();
+      return fault;
+    });
+    Received received;
+    received.afterHead = [&] {
+      if (error == "head refused") throw std::domain_error(error);
+    };
+    received.afterPiece = [&] {
+      if (error == "body refused") throw std::domain_error(error);
+      reached.release();
+    };
     std::stop_source source;
     std::jthread stopper([&] {
       reached.acquire();
       source.request_stop();
     });
-    const bool stops = !row.throwsAtHead && !row.throwsAtPiece;
-    tiny.hub->setFaults([&](const HubRequest&) {
-      if (row.fault.stallBeforeHead) reached.release();
-      return row.fault;
-    });
-    Received received;
-    received.afterHead = [&] {
-      if (row.throwsAtHead) throw std::domain_error("head refused");
-    };
-    received.afterPiece = [&] {
-      if (row.throwsAtPiece) throw std::domain_error("piece refused");
-      reached.release();
-    };
+    const HttpRequest request{.url = *RemoteUrl::parse(url), .headers = {}};
     const std::uint64_t connections = tiny.hub->connectionCount();
     const auto start = std::chrono::steady_clock::now();
-    const auto perform = [&] {
-      TinyHub::perform(transport, storage, received, {}, "GET", 600s, source.get_token());
-    };
-    if (stops) {
-      EXPECT_THROW(perform(), CancellationError);
-    } else {
-      EXPECT_THROW(perform(), std::domain_error);
-      reached.release();
-    }
+    EXPECT_EQ(errorText([&] { transport.perform(request, {}, received, source.get_token()); }), error);
+    if (error != "cancelled") reached.release();
     EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
     tiny.hub->setFaults(nullptr);
-    EXPECT_TRUE(TinyHub::perform(transport, storage).body == content);
+    EXPECT_TRUE(TinyHub::get(transport, url, "Range: bytes=0-59999").body == content);
     EXPECT_EQ(tiny.hub->connectionCount(), connections + 1);
   }
 }

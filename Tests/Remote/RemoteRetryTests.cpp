@@ -30,6 +30,7 @@ TEST(RetryLoop, AttemptsWaitsAndOutcome) {
       {"no delay", {.attempts = 3, .baseDelayNs = 0}, {busy, busy}, {}},
       {"cap", {.baseDelayNs = 10 * second}, {busy, busy}, {10 * second + 7, 16 * second + 7}},
       {"huge", {.baseDelayNs = ~0ULL}, {busy, busy}, {hour, 16 * second + 7}},
+      {"half of all", {.baseDelayNs = 1ULL << 63}, {busy, busy}, {hour, 16 * second + 7}},
       {"seconds", plain, {status(503, " \t+3600\u00A0\r\n")}, {hour}},
       {"shorter", plain, {status(503, "1")}, {second + 7}},
       {"date", plain, {status(503, "Sun, 06 Nov 1994 08:49:37 GMT")}, {30 * second}},
@@ -43,6 +44,7 @@ TEST(RetryLoop, AttemptsWaitsAndOutcome) {
       {"garbage", plain, {status(503, " soon ")}, {}, unreadable("soon")},
       {"signed", plain, {status(503, "-1")}, {}, unreadable("-1")},
       {"no such day", plain, {status(503, badDay)}, {}, unreadable(badDay)},
+      {"trailing", plain, {status(503, far + " x")}, {}, unreadable(far + " x")},
       {"empty", plain, {status(503, "")}, {}, unreadable("")},
       {"not retried", plain, {status(404, "5")}, {}, "remote HTTP 404: u, Retry-After 5"}};
   for (const auto& row : rows) {
@@ -89,6 +91,7 @@ TEST(RetryLoop, CancellationEndsTheWaitAndBeginsNothing) {
   EXPECT_EQ(errorText(run), "cancelled");
   const std::vector<RepackAudit::RemoteRetryRecord> records = {{"op", 1, "remote HTTP 503: u"}};
   EXPECT_EQ(hub.audit.remoteRetries, records) << "one attempt, recorded before its wait";
+  EXPECT_LT(std::max({real.jitter(), real.jitter(), real.jitter()}), second / 4);
 }
 
 }  // namespace

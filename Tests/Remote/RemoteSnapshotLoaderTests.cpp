@@ -62,6 +62,7 @@ TEST(RemoteSnapshotLoader, ReadsTheHeadersOfOneCommit) {
   EXPECT_EQ(hub.leftovers(), 0);
   const std::string at = "https://hub.test/o/n/resolve/", s2 = "GET " + at + commit + "/s2 bytes=8-";
   EXPECT_EQ(hub.transport->wire.at(0), "HEAD " + at + "main/" + indexName + " - Bearer T0KEN");
+  EXPECT_EQ(hub.transport->wire.at(7), "HEAD " + at + commit + "/s2 - Bearer T0KEN");
   EXPECT_EQ(hub.transport->wire.at(9), s2 + std::to_string(hub.files["s2"].size() - 65) + " Bearer T0KEN");
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -71,18 +72,15 @@ inline std::string replaced(std::string text, const std::string& from, const std
 
 /// A change to a valid value, and the text of the error that it leads to.
 template <typename T>
-struct Bent {
-  std::function<void(T&)> bend;
-  std::string text;
-};
+using Bent = std::pair<std::function<void(T&)>, std::string>;
 
 /// Applies each change to a copy of its own and expects the error of `action` on it.
 template <typename T, typename Action>
 void expectErrors(const T& valid, const std::vector<Bent<T>>& rows, const Action& action) {
   for (const Bent<T>& row : rows) {
     T value = valid;
-    row.bend(value);
-    EXPECT_EQ(errorText([&] { action(value); }), row.text);
+    row.first(value);
+    EXPECT_EQ(errorText([&] { action(value); }), row.second);
   }
 }
 

@@ -1,58 +1,28 @@
 #pragma once
 
-#include <chrono>
-#include <cstring>
 #include <functional>
 #include <memory>
 #include <optional>
-#include <span>
-#include <stop_token>
 #include <string>
-#include <utility>
-#include <vector>
 
 #include <fmt/format.h>
 
 #include "Tests/Support/TemporaryDirectory.h"
 #include "VellicorLab/LocalHub.h"
-#include "VellicorRepackCore/Base/Errors.h"
+#include "VellicorLab/SyntheticCheckpoint.h"
 #include "VellicorRepackCore/Remote/CurlTransport.h"
 
 namespace vellicor::testing {
 
-using Headers = std::vector<std::pair<std::string, std::string>>;
-
-inline const std::string tinyCommit(40, 'c'), tinyTag(40, 'a'), tinySha(64, 'd'), tinyHash(64, 'b');
-
-/// One small file, "config.json", and one large one, "model/shard".
-class TinyRepository final : public HubRepository {
- public:
-  static std::string content(const std::string& name) {
-    std::string bytes(name == "config.json" ? 10 : 300000, '\0');
-    for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>(i * 31 + i / 256);
-    return bytes;
+/// "name: value" pairs separated by "; ".
+inline HttpHeaders parsedHeaders(std::string text) {
+  HttpHeaders headers;
+  for (text += "; "; text.size() > 2; text.erase(0, text.find("; ") + 2)) {
+    const std::size_t colon = text.find(": ");
+    headers.add(text.substr(0, colon), text.substr(colon + 2, text.find("; ") - colon - 2));
   }
-  std::string commit() const override { return tinyCommit; }
-  std::shared_ptr<const HubFile> file(const std::string& name) const override {
-    if (name != "config.json" && name != "model/shard") return nullptr;
-    return std::make_shared<File>(content(name));
-  }
-
- private:
-  struct File final : HubFile {
-    explicit File(std::string text) : bytes(std::move(text)) {}
-    bool isSmall() const { return bytes.size() < 100; }
-    std::uint64_t size() const override { return bytes.size(); }
-    void read(std::uint64_t offset, std::span<std::byte> out) const override {
-      std::memcpy(out.data(), bytes.data() + offset, out.size());
-    }
-    std::string contentTag() const override { return isSmall() ? tinyTag : tinySha; }
-    std::optional<std::string> xetHash() const override {
-      return isSmall() ? std::nullopt : std::optional(tinyHash);
-    }
-    std::string bytes;
-  };
-};
+  return headers;
+}
 
 /// What one hop brought.
 struct Received final : HttpObserver {
@@ -73,52 +43,39 @@ struct Received final : HttpObserver {
   std::string header(const std::string& name) const { return head->headers.get(name).value_or("-"); }
 };
 
-/// A hub that serves the tiny repository as "o/n", and the addresses in it.
+/// A hub that serves a small checkpoint as "o/n", and the addresses in it.
 struct TinyHub {
   explicit TinyHub(const std::function<void(LocalHub::Options&)>& configure = [](LocalHub::Options&) {}) {
-    LocalHub::Options options;
-    options.repository = std::make_shared<TinyRepository>();
-    options.repoID = "o/n";
-    options.caFilePath = directory / "ca.pem";
+    LocalHub::Options options{.repository = checkpoint, .repoID = "o/n", .caFilePath = directory / "ca.pem"};
+    checkpoint->setSmallFile("config.json", "0123456789");
     configure(options);
     hub = std::make_unique<LocalHub>(options);
   }
 
-  std::string hubAuthority() const { return fmt::format("localhost:{}", hub->port()); }
-  std::string storageAuthority() const { return fmt::format("127.0.0.1:{}", hub->port()); }
   std::string resolve(const std::string& rest) const { return hub->baseURL() + "/o/n/resolve/" + rest; }
-  std::string cached() const {
-    return fmt::format(
-        "{}/api/resolve-cache/models/o/n/{}/"
-        "config.json?%2Fo%2Fn%2Fresolve%2Fmain%2Fconfig.json=&etag=%22{}%22",
-        hub->baseURL(), tinyCommit, tinyTag);
-  }
-  /// Where the hub sends for the large file, asked for on a connection of its own.
-  std::string storage() const {
+  /// Where the hub sends for a file, asked for on a connection of its own.
+  std::string redirected(const std::string& file) const {
     CurlTransport transport(options());
-    return perform(transport, resolve("main/model/shard")).header("location");
+    const Received received = get(transport, resolve("main/" + file));
+    return received.head->url.resolving(received.header("location"))->string();
+  }
+  CurlTransport::Options options() const { return {.caFile = hub->caFile(), .maximumHeaderBytes = 8192}; }
+  std::string bytes(const std::string& file, std::uint64_t offset, std::uint64_t count) const {
+    const auto read = checkpoint->bytes(file, offset, count);
+    return {reinterpret_cast<const char*>(read.data()), read.size()};
   }
 
-  CurlTransport::Options options() const {
-    return {.caFile = hub->caFile(), .maximumHeaderBytes = 8192, .hasNetwork = nullptr};
-  }
-
-  static void perform(CurlTransport& transport, const std::string& url, Received& received,
-                      const Headers& headers = {}, const std::string& method = "GET",
-                      std::chrono::duration<double> idle = std::chrono::seconds(60),
-                      const std::stop_token& stop = {}) {
-    HttpRequest request{.url = RemoteUrl::parse(url).value(), .method = method, .headers = {}};
-    for (const auto& [name, value] : headers) request.headers.set(name, value);
-    transport.perform(request, {.idleTimeout = idle}, received, stop);
-  }
-  static Received perform(CurlTransport& transport, const std::string& url, const Headers& headers = {},
-                          const std::string& method = "GET") {
+  static Received get(CurlTransport& transport, const std::string& url, const std::string& headers = "",
+                      const std::string& method = "GET") {
     Received received;
-    perform(transport, url, received, headers, method);
+    transport.perform({.url = *RemoteUrl::parse(url), .method = method, .headers = parsedHeaders(headers)},
+                      {}, received, {});
     return received;
   }
 
   TemporaryDirectory directory;
+  std::shared_ptr<SyntheticCheckpoint> checkpoint = SyntheticCheckpoint::custom({}, 1);
+  std::string shard = checkpoint->shardNames()[0];
   std::unique_ptr<LocalHub> hub;
 };
 

@@ -30,7 +30,7 @@ DiskSpaceRequirement DiskSpaceChecker::requireAvailable(const std::string& path,
                                                         std::uint64_t reserveBytes) {
   const std::string directory = directoryForProbe(path);
   Posix::mkdirP(directory);
-  const DiskSpaceRequirement needed = requirement(directory, bytes, reserveBytes);
+  DiskSpaceRequirement needed = requirement(directory, bytes, reserveBytes);
   if (!needed.canInstall()) {
     throw RepackError::diskSpaceInsufficient(directory, needed.requiredBytes, needed.availableBytes);
   }

@@ -13,6 +13,7 @@
 #include "VellicorFormat/MorlenFormatV1.h"
 #include "VellicorRepackCore/Base/BoundedScratch.h"
 #include "VellicorRepackCore/Base/Sha256Stream.h"
+#include "VellicorRepackCore/FileSystem/RemovedUnlessKept.h"
 #include "VellicorRepackCore/FileSystem/SystemCall.h"
 
 namespace vellicor {
@@ -21,7 +22,7 @@ namespace {
 
 constexpr int directoryFlags = O_RDONLY | O_NOFOLLOW | O_DIRECTORY | O_CLOEXEC;
 /// Cached pages are dropped in steps of this size: rarely enough to cost nothing, often enough to matter.
-constexpr std::uint64_t dropStepBytes = 8 * 1024 * 1024;
+constexpr std::uint64_t dropStepBytes = 8388608;
 
 struct CloseStream {
   void operator()(DIR* stream) const noexcept { ::closedir(stream); }
@@ -206,7 +207,7 @@ void MorlenDirectoryAccess::atomicWrite(std::string_view data, const std::string
   constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
   FileDescriptor file(checkedCall(RepackError::fileOpenFailed, temporaryPath,
                                   [&] { return ::openat(root_.get(), temporary.c_str(), flags, 0600); }));
-  TemporaryName cleanup(root_.get(), temporary);
+  RemovedUnlessKept cleanup(root_.get(), temporary);
   Posix::pwriteAll(file.get(), temporaryPath, data.data(), static_cast<std::int64_t>(data.size()), 0);
   Posix::fsync(file.get(), temporaryPath);
   file.reset();

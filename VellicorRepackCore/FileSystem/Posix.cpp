@@ -22,6 +22,7 @@
 #include <sys/statvfs.h>
 #endif
 
+#include "VellicorRepackCore/FileSystem/RemovedUnlessKept.h"
 #include "VellicorRepackCore/FileSystem/SystemCall.h"
 
 namespace vellicor {
@@ -305,7 +306,7 @@ void Posix::atomicWrite(std::string_view data, const std::string& path, const st
   const std::string temporary = path + ".tmp";
   removeStaleTemporary(temporary, directory);
   const FileDescriptor file = openCreateExclusive(temporary, 0600);
-  TemporaryName cleanup(AT_FDCWD, temporary);
+  RemovedUnlessKept cleanup(temporary);
   writeContent(file.get(), temporary, data);
   fsync(file.get(), temporary);
   rename(temporary, path);

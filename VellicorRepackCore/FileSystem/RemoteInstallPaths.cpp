@@ -16,7 +16,7 @@ namespace {
 std::string outputName(const std::string& standardizedOutput, const std::string& outputDirectory) {
   const std::string name = lastPathComponent(standardizedOutput);
   const bool isName = !name.empty() && name != "." && name != ".." && isWellFormedUtf8(name);
-  const std::string composed = isName ? canonicalComposition(name) : "";
+  std::string composed = isName ? canonicalComposition(name) : "";
   if (composed.empty() || composed.find('/') != std::string::npos) {
     throw RepackError::installPathUnsafe(outputDirectory, "invalid output basename");
   }

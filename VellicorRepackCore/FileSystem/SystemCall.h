@@ -53,23 +53,4 @@ inline void requireRegularFile(int fd, const std::string& path) {
   if (!S_ISREG(fileStatus(fd, path).st_mode)) throw RepackError::fileStatFailed(path, EINVAL);
 }
 
-/// Removes a temporary file unless it has been given its final name. Owns nothing but the name.
-class TemporaryName {
- public:
-  /// `path` is relative to `directory`, a descriptor that outlives this object, or AT_FDCWD.
-  TemporaryName(int directory, std::string path) : directory_(directory), path_(std::move(path)) {}
-  ~TemporaryName() {
-    if (!kept_) ::unlinkat(directory_, path_.c_str(), 0);
-  }
-  TemporaryName(const TemporaryName&) = delete;
-  TemporaryName& operator=(const TemporaryName&) = delete;
-
-  void keep() noexcept { kept_ = true; }
-
- private:
-  int directory_;
-  std::string path_;
-  bool kept_ = false;
-};
-
 }  // namespace vellicor

@@ -9,7 +9,6 @@
 #include <exception>
 #include <new>
 #include <string_view>
-#include <system_error>
 #include <vector>
 
 #include <curl/curl.h>
@@ -23,8 +22,8 @@
 #include <sys/socket.h>
 
 #include "VellicorRepackCore/Base/Cancellation.h"
-#include "VellicorRepackCore/Base/Environment.h"
 #include "VellicorRepackCore/Base/Errors.h"
+#include "VellicorRepackCore/Remote/CurlFailure.h"
 #include "VellicorRepackCore/Remote/RemoteHeaders.h"
 
 namespace vellicor {
@@ -49,62 +48,6 @@ struct Free {
 using Multi = std::unique_ptr<CURLM, Free<curl_multi_cleanup>>;
 using Easy = std::unique_ptr<CURL, Free<curl_easy_cleanup>>;
 using List = std::unique_ptr<curl_slist, Free<curl_slist_free_all>>;
-
-// A failure of libcurl as a person reads it: {0} is the server's host and port, {1} the reason (": ..." or
-// nothing), {2} the redacted URL.
-struct FailureText {
-  CURLcode curlCode;
-  Code code;
-  std::string_view text;
-};
-constexpr std::array failureTexts = {
-    FailureText{CURLE_COULDNT_RESOLVE_HOST, Code::nameResolution, "could not find the address of {0} ({2})"},
-    FailureText{CURLE_COULDNT_RESOLVE_PROXY, Code::nameResolution,
-                "could not find the address of the proxy ({2})"},
-    FailureText{CURLE_COULDNT_CONNECT, Code::cannotConnect, "could not connect to {0}{1} ({2})"},
-    FailureText{CURLE_PROXY, Code::cannotConnect, "the proxy could not be used to connect to {0} ({2})"},
-    FailureText{CURLE_GOT_NOTHING, Code::connectionLost, "{0} closed the connection without an answer ({2})"},
-    FailureText{CURLE_PARTIAL_FILE, Code::connectionLost,
-                "{0} closed the connection within its answer's head ({2})"},
-    FailureText{CURLE_OK, Code::connectionLost, "{0} closed the connection within its answer's head ({2})"},
-    FailureText{CURLE_SEND_ERROR, Code::connectionLost, "the connection to {0} was lost{1} ({2})"},
-    FailureText{CURLE_RECV_ERROR, Code::connectionLost, "the connection to {0} was lost{1} ({2})"},
-    FailureText{CURLE_OUT_OF_MEMORY, Code::resourceUnavailable,
-                "not enough memory for the answer of {0} ({2})"},
-    FailureText{CURLE_PEER_FAILED_VERIFICATION, Code::tls, "the server's certificate is not trusted{1}: {2}"},
-    FailureText{CURLE_SSL_CACERT_BADFILE, Code::tls, "the certificates to trust could not be read{1} ({2})"},
-    FailureText{CURLE_SSL_CONNECT_ERROR, Code::tls,
-                "no secure connection to {0} could be agreed on{1} ({2})"},
-    FailureText{CURLE_UNSUPPORTED_PROTOCOL, Code::other, "{0} gave an answer that is not HTTP ({2})"},
-    FailureText{CURLE_WEIRD_SERVER_REPLY, Code::other, "{0} gave an answer that is not HTTP ({2})"},
-};
-
-bool isOutOfResources(int error) {
-  return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
-}
-
-constexpr std::array lostConnectionErrors = {ECONNRESET,  EPIPE,    ECONNABORTED, ETIMEDOUT,
-                                             ENETUNREACH, ENETDOWN, EHOSTUNREACH};
-constexpr std::array<std::string_view, 3> handshakeEndTexts = {"SSL_ERROR_SYSCALL", "SSL_ERROR_ZERO_RETURN",
-                                                               "unexpected eof"};
-
-std::string systemMessage(int error) { return std::generic_category().message(error); }
-
-bool quotes(std::string_view text, int error) {
-  return text.find(systemMessage(error)) != std::string_view::npos;
-}
-
-// ": " and what stands in `text` behind the last `mark`, or nothing.
-std::string textBehind(std::string_view text, std::string_view mark) {
-  const std::size_t at = text.rfind(mark);
-  return at == std::string_view::npos ? "" : fmt::format(": {}", text.substr(at + mark.size()));
-}
-
-bool isProxyNamed() {
-  constexpr std::array names = {"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"};
-  return std::ranges::any_of(names,
-                             [](const char* name) { return nonEmptyEnvironmentVariable(name).has_value(); });
-}
 
 template <typename T>
 void set(CURL* easy, CURLoption option, T value) {
@@ -134,7 +77,6 @@ class Hop {
   Seconds timeLeft() const;
   bool isHeadDelivered() const { return isHeadDelivered_; }
   NetworkError failure(CURL* easy, CURLcode curlCode) const;
-  NetworkError failure(Code code, std::string_view text, const std::string& reason = "") const;
 
  private:
   static std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* hop);
@@ -146,10 +88,6 @@ class Hop {
   std::size_t received(std::size_t bytes, Action action);
   void takeHeaderLine(std::string_view line);
   void deliverHead();
-  NetworkError noAnswer() const;
-  NetworkError tooLargeHead() const;
-  std::string reason(CURL* easy, CURLcode curlCode) const;
-  bool wasCutOffInHandshake() const;
 
   const HttpRequest& request_;
   const HttpHopLimits& limits_;
@@ -289,7 +227,7 @@ curl_socket_t Hop::openSocket(void* hop, curlsocktype, curl_sockaddr* address) {
 }
 
 void Hop::takeHeaderLine(std::string_view line) {
-  if (line.size() > maximumHeaderBytes_ - headerBytes_) throw tooLargeHead();
+  if (line.size() > maximumHeaderBytes_ - headerBytes_) throw headTooLarge(request_.url);
   headerBytes_ += line.size();
   if (isHeadDelivered_) return;  // Trailers of a chunked body.
   line = line.substr(0, line.find_last_not_of("\r\n") + 1);
@@ -318,69 +256,16 @@ void Hop::deliverHead() {
   observer_.onResponse(head);
 }
 
-NetworkError Hop::failure(Code code, std::string_view text, const std::string& reason) const {
-  return {code,
-          fmt::format(fmt::runtime(text), request_.url.authority(), reason, redactRemoteURL(request_.url))};
-}
-
 NetworkError Hop::failure(CURL* easy, CURLcode curlCode) const {
-  long proxyStatus = 0;
-  curl_easy_getinfo(easy, CURLINFO_HTTP_CONNECTCODE, &proxyStatus);
-  if (proxyStatus >= 300) {
-    return failure(Code::cannotConnect, "the proxy refused a connection to {0}{1} ({2})",
-                   fmt::format(" with status {}", proxyStatus));
-  }
-  if (curlCode == CURLE_COULDNT_CONNECT && isOutOfResources(socketError_)) {
-    return failure(Code::resourceUnavailable, "could not open a connection to {0}{1} ({2})",
-                   ": " + systemMessage(socketError_));
-  }
-  if (curlCode == CURLE_COULDNT_CONNECT && isProxyNamed()) {
-    return failure(Code::cannotConnect,
-                   "could not connect to {0} or to the proxy that the environment names{1} ({2})",
-                   reason(easy, curlCode));
-  }
-  // A header line beyond what libcurl takes is reported so, too.
-  if (curlCode == CURLE_OUT_OF_MEMORY && !lines_.empty() && !isHeadDelivered_) return tooLargeHead();
-  if (curlCode == CURLE_OPERATION_TIMEDOUT) return noAnswer();
-  if (curlCode == CURLE_SSL_CONNECT_ERROR && wasCutOffInHandshake()) curlCode = CURLE_SEND_ERROR;
-  const auto known = std::ranges::find(failureTexts, curlCode, &FailureText::curlCode);
-  if (known != failureTexts.end()) return failure(known->code, known->text, reason(easy, curlCode));
-  return failure(Code::other, "the exchange with {0} failed{1} ({2})",
-                 fmt::format(": {}", curl_easy_strerror(curlCode)));
-}
-
-// What follows the sentence that names the failure. libcurl keeps no system error for a lost connection, but
-// its text quotes it.
-std::string Hop::reason(CURL* easy, CURLcode curlCode) const {
-  const std::string_view text = errorText_.data();
-  if (curlCode == CURLE_COULDNT_CONNECT) {
-    long systemError = 0;
-    curl_easy_getinfo(easy, CURLINFO_OS_ERRNO, &systemError);
-    return systemError == 0 ? "" : ": " + systemMessage(static_cast<int>(systemError));
-  }
-  if (curlCode == CURLE_SSL_CACERT_BADFILE) return caFile_.empty() ? "" : " from " + caFile_;
-  if (curlCode == CURLE_PEER_FAILED_VERIFICATION) return textBehind(text, ": ");
-  if (curlCode == CURLE_SSL_CONNECT_ERROR) return textBehind(text, "::");
-  const auto quoted =
-      std::ranges::find_if(lostConnectionErrors, [&](int error) { return quotes(text, error); });
-  return quoted == lostConnectionErrors.end() ? "" : ": " + systemMessage(*quoted);
-}
-
-// libcurl reports a connection that ends within the TLS handshake as a failed handshake.
-bool Hop::wasCutOffInHandshake() const {
-  const std::string_view text = errorText_.data();
-  return std::ranges::any_of(lostConnectionErrors, [&](int error) { return quotes(text, error); }) ||
-         std::ranges::any_of(handshakeEndTexts,
-                             [&](std::string_view end) { return text.find(end) != std::string_view::npos; });
-}
-
-NetworkError Hop::noAnswer() const {
-  return {Code::timedOut, fmt::format("no answer from {} for {} seconds ({})", request_.url.host(),
-                                      limits_.idleTimeout.count(), redactRemoteURL(request_.url))};
-}
-
-NetworkError Hop::tooLargeHead() const {
-  return failure(Code::other, "the head of the answer of {0} is too large ({2})");
+  CurlFailure failure{.code = curlCode,
+                      .text = errorText_.data(),
+                      .socketError = socketError_,
+                      .isWithinHead = !lines_.empty() && !isHeadDelivered_,
+                      .caFile = caFile_,
+                      .idleTimeout = limits_.idleTimeout};
+  curl_easy_getinfo(easy, CURLINFO_OS_ERRNO, &failure.connectError);
+  curl_easy_getinfo(easy, CURLINFO_HTTP_CONNECTCODE, &failure.proxyStatus);
+  return failure.networkError(request_.url);
 }
 
 void Hop::throwIfBrokenOff() const {
@@ -393,9 +278,9 @@ Seconds Hop::timeLeft() const {
   const Seconds untilIdle = limits_.idleTimeout - (now - lastSign_);
   const Seconds untilDeadline = limits_.deadline - now;
   if (untilDeadline <= Seconds::zero()) {
-    throw failure(Code::timedOut, "the exchange with {0} did not end within its time ({2})");
+    throw urlError(Code::timedOut, "the exchange with {0} did not end within its time ({2})", request_.url);
   }
-  if (untilIdle <= Seconds::zero()) throw noAnswer();
+  if (untilIdle <= Seconds::zero()) throw noAnswer(request_.url, limits_.idleTimeout);
   return std::min(untilIdle, untilDeadline);
 }
 
@@ -509,8 +394,7 @@ CurlTransport::~CurlTransport() = default;
 void CurlTransport::perform(const HttpRequest& request, const HttpHopLimits& limits, HttpObserver& observer,
                             const std::stop_token& stop) {
   if (request.url.scheme() != "https") {
-    throw NetworkError(Code::other,
-                       fmt::format("only HTTPS addresses are fetched ({})", redactRemoteURL(request.url)));
+    throw urlError(Code::other, "only HTTPS addresses are fetched ({2})", request.url);
   }
   const std::stop_callback wakeUp(stop, [this] { curl_multi_wakeup(impl_->multi.get()); });
   while (true) {
@@ -518,10 +402,11 @@ void CurlTransport::perform(const HttpRequest& request, const HttpHopLimits& lim
     const std::optional<NetworkError> failure = impl_->attempt(hop);
     if (!failure) return;
     if (!impl_->shouldWaitForNetwork(*failure, request, limits)) throw *failure;
-    if (Clock::now() >= limits.deadline)
-      throw hop.failure(Code::offline, "there is no network to reach {0} ({2})");
     sleepUnlessCancelled(std::min<Clock::duration>(connectivityPollInterval, limits.deadline - Clock::now()),
                          stop);
+    if (Clock::now() >= limits.deadline) {
+      throw urlError(Code::offline, "there is no network to reach {0} ({2})", request.url);
+    }
   }
 }
 

@@ -18,11 +18,11 @@ class CurlTransport final : public HttpTransport {
  public:
   struct Options {
     /// Certificates (PEM) to trust instead of the system's.
-    std::optional<std::string> caFile;
+    std::optional<std::string> caFile{};
     /// The largest header block accepted, in bytes.
     std::size_t maximumHeaderBytes = 262144;
     /// Whether a network is there at all; when empty, whether an interface but loopback is up.
-    std::function<bool()> hasNetwork;
+    std::function<bool()> hasNetwork{};
   };
 
   explicit CurlTransport(Options options);

@@ -8,8 +8,8 @@
 #include <fmt/format.h>
 
 #include "VellicorRepackCore/FileSystem/Posix.h"
+#include "VellicorRepackCore/FileSystem/RemovedUnlessKept.h"
 #include "VellicorRepackCore/Remote/RemoteHeaders.h"
-#include "VellicorRepackCore/Remote/RemovedUnlessKept.h"
 
 namespace vellicor {
 namespace {

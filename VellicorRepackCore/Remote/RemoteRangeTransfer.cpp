@@ -6,8 +6,8 @@
 
 #include "VellicorRepackCore/Base/Cancellation.h"
 #include "VellicorRepackCore/Base/Errors.h"
+#include "VellicorRepackCore/FileSystem/RemovedUnlessKept.h"
 #include "VellicorRepackCore/Remote/RemoteHeaders.h"
-#include "VellicorRepackCore/Remote/RemovedUnlessKept.h"
 
 namespace vellicor {
 namespace {

@@ -5,7 +5,7 @@
 #include <fmt/format.h>
 
 #include "VellicorRepackCore/FileSystem/Posix.h"
-#include "VellicorRepackCore/Remote/RemovedUnlessKept.h"
+#include "VellicorRepackCore/FileSystem/RemovedUnlessKept.h"
 #include "VellicorRepackCore/Source/SourceFingerprint.h"
 
 namespace vellicor {
@@ -13,8 +13,8 @@ namespace {
 
 std::uint64_t littleEndian(std::string_view bytes) {
   std::uint64_t number = 0;
-  for (auto byte = bytes.rbegin(); byte != bytes.rend(); ++byte) {
-    number = number << 8 | static_cast<unsigned char>(*byte);
+  for (std::size_t i = bytes.size(); i > 0; --i) {
+    number = number << 8 | static_cast<unsigned char>(bytes[i - 1]);
   }
   return number;
 }

@@ -12,7 +12,6 @@ namespace vellicor {
 
 namespace {
 
-// User information is refused: it would travel in every message that names the URL.
 constexpr unsigned parseFlags = CURLU_NON_SUPPORT_SCHEME | CURLU_PATH_AS_IS | CURLU_DISALLOW_USER;
 // Resolving a reference removes its dot segments (RFC 3986, section 5.2.4).
 constexpr unsigned resolveFlags = CURLU_NON_SUPPORT_SCHEME | CURLU_DISALLOW_USER;

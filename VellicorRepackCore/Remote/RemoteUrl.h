@@ -10,7 +10,8 @@ namespace vellicor {
 /// is checked here is what is connected to. The query is kept byte for byte.
 class RemoteUrl {
  public:
-  /// Nothing when the text is not an absolute URL with a host. Any scheme is accepted here.
+  /// Nothing when the text is not an absolute URL with a host, or carries user information, which would then
+  /// stand in every message. Any scheme is accepted here.
   static std::optional<RemoteUrl> parse(std::string_view text);
 
   /// Lower-case.

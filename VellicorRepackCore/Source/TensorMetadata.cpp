@@ -25,7 +25,7 @@ const DtypeFacts& factsOf(SourceTensor::Dtype dtype) { return dtypeFacts[static_
 }  // namespace
 
 std::optional<SourceTensor::Dtype> SourceTensor::dtypeFromHeader(std::string_view text) {
-  for (std::uint8_t raw = 0; raw < dtypeFacts.size(); ++raw) {
+  for (std::size_t raw = 0; raw < dtypeFacts.size(); ++raw) {
     if (dtypeFacts[raw].headerText == text) return static_cast<Dtype>(raw);
   }
   return std::nullopt;

@@ -1,9 +1,10 @@
 #pragma once
 
-#include <filesystem>
 #include <string>
-#include <system_error>
 #include <utility>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace vellicor {
 
@@ -11,18 +12,20 @@ namespace vellicor {
 /// remove it is ignored.
 class RemovedUnlessKept {
  public:
-  explicit RemovedUnlessKept(std::string path) : path_(std::move(path)) {}
+  explicit RemovedUnlessKept(std::string path) : RemovedUnlessKept(AT_FDCWD, std::move(path)) {}
+  /// `path` is relative to `directory`, a descriptor that outlives this object.
+  RemovedUnlessKept(int directory, std::string path) : directory_(directory), path_(std::move(path)) {}
   ~RemovedUnlessKept() {
-    std::error_code ignored;
-    if (!kept_) std::filesystem::remove(path_, ignored);
+    if (!kept_) ::unlinkat(directory_, path_.c_str(), 0);
   }
   RemovedUnlessKept(const RemovedUnlessKept&) = delete;
   RemovedUnlessKept& operator=(const RemovedUnlessKept&) = delete;
 
   const std::string& path() const { return path_; }
-  void keep() { kept_ = true; }
+  void keep() noexcept { kept_ = true; }
 
  private:
+  int directory_;
   std::string path_;
   bool kept_ = false;
 };
