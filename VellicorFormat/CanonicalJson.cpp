@@ -3,6 +3,7 @@
 #include <cassert>
 #include <cmath>
 #include <iterator>
+#include <stdexcept>
 
 #include <fmt/format.h>
 
@@ -138,7 +139,7 @@ void CanonicalJson::newLine(std::size_t depth) {
 }
 
 void CanonicalJson::appendString(std::string_view text) {
-  if (!isWellFormedUtf8(text)) return appendString(repairedUtf8(text));
+  if (!isWellFormedUtf8(text)) throw std::invalid_argument("text is not UTF-8");
   text_ += '"';
   std::size_t copied = 0;
   for (std::size_t i = 0; i < text.size(); ++i) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -11,8 +12,9 @@ namespace vellicor {
 /// Writes one JSON document (RFC 8259) in the canonical form of this system's records: the caller gives keys
 /// in ascending byte order (checked in debug builds), the pretty form has one member per line, two spaces per
 /// level and `"key" : value`, an empty array or object in the pretty form is its bracket, an empty line and
-/// its closing bracket, and nothing follows the last bracket. Text that is not well-formed UTF-8 is written
-/// with U+FFFD in place of what is ill-formed, so writing never fails.
+/// its closing bracket, and nothing follows the last bracket. Text that is not well-formed UTF-8 is refused
+/// with `std::invalid_argument`: a record that must be exact cannot hold it, and `repairedUtf8` serves the
+/// others.
 class CanonicalJson {
  public:
   enum class Layout { pretty, compact };

@@ -4,13 +4,16 @@
 
 #include <fmt/format.h>
 
+#include "VellicorFormat/UnicodeText.h"
+
 namespace vellicor {
 namespace {
 
-/// Whether brackets outside of strings nest deeper than the limit. Text that is no JSON may give either
-/// answer; the parser refuses it.
-bool nestsTooDeep(std::string_view text) {
+/// Refuses, before anything is built, text whose tree would nest too deep or take memory out of proportion.
+/// Text that is no JSON may pass; the parser refuses it.
+void checkProportions(std::string_view text) {
   std::size_t depth = 0;
+  std::size_t values = 0;
   bool inString = false;
   for (std::size_t i = 0; i < text.size(); ++i) {
     const char c = text[i];
@@ -20,27 +23,44 @@ bool nestsTooDeep(std::string_view text) {
     } else if (c == '"') {
       inString = true;
     } else if (c == '[' || c == '{') {
-      if (++depth > maximumJsonDepth) return true;
+      if (++depth > maximumJsonDepth) {
+        throw JsonDecodingError(fmt::format("JSON nested deeper than {} levels", maximumJsonDepth));
+      }
+      ++values;
+    } else if (c == ',') {
+      ++values;
     } else if ((c == ']' || c == '}') && depth > 0) {
       --depth;
     }
   }
-  return false;
+  if (values > maximumJsonValues) {
+    throw JsonDecodingError(fmt::format("JSON of more than {} values", maximumJsonValues));
+  }
 }
 
-/// The integral value of a double in [low, high), which are powers of two or zero and so exact.
+/// The integral value of a double strictly between `below` and `above`, which are exact.
 template <typename Integer>
-std::optional<Integer> exactDouble(double value, double low, double high) {
-  if (!(value >= low && value < high) || value != std::trunc(value)) return std::nullopt;
+std::optional<Integer> exactDouble(double value, double below, double above) {
+  if (!(value > below && value < above) || value != std::trunc(value)) return std::nullopt;
   return static_cast<Integer>(value);
+}
+
+/// The parser quotes the whole token at which it stopped, which may be megabytes long.
+std::string shortened(std::string_view text) {
+  constexpr std::size_t enough = 400;
+  if (text.size() <= enough) return std::string(text);
+  return repairedUtf8(text.substr(0, enough)) + "...";
 }
 
 }  // namespace
 
 nlohmann::json parseJson(std::string_view text) {
-  if (nestsTooDeep(text))
-    throw JsonDecodingError(fmt::format("JSON nested deeper than {} levels", maximumJsonDepth));
-  return nlohmann::json::parse(text);
+  checkProportions(text);
+  try {
+    return nlohmann::json::parse(text);
+  } catch (const nlohmann::json::exception& error) {
+    throw JsonDecodingError(shortened(error.what()));
+  }
 }
 
 std::optional<std::int64_t> exactInteger(const nlohmann::json& value) {
@@ -52,7 +72,7 @@ std::optional<std::int64_t> exactInteger(const nlohmann::json& value) {
 }
 
 std::optional<std::uint64_t> exactUnsigned(const nlohmann::json& value) {
-  if (value.is_number_float()) return exactDouble<std::uint64_t>(value.get<double>(), 0, 0x1p64);
+  if (value.is_number_float()) return exactDouble<std::uint64_t>(value.get<double>(), -1, 0x1p64);
   if (!value.is_number()) return std::nullopt;
   if (!value.is_number_unsigned() && value.get<std::int64_t>() < 0) return std::nullopt;
   return value.get<std::uint64_t>();

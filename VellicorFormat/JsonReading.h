@@ -25,11 +25,13 @@ class JsonDecodingError : public std::runtime_error {
 };
 
 /// Parses one JSON document (RFC 8259, strict UTF-8, nothing but white space behind it). Nesting deeper than
-/// `maximumJsonDepth` is refused before anything is built, so hostile brackets cost no memory. Throws the
-/// parser's own exception, or `JsonDecodingError` for the nesting.
+/// `maximumJsonDepth` is refused before anything is built, so hostile brackets cost no memory. Throws
+/// `JsonDecodingError` with the parser's own words, shortened where it quotes megabytes.
 nlohmann::json parseJson(std::string_view text);
 
 inline constexpr std::size_t maximumJsonDepth = 512;
+/// Four times what the largest record of this system holds.
+inline constexpr std::size_t maximumJsonValues = 2000000;
 
 /// Typed access to the members of one JSON object; `where` names the object in messages ("" for the
 /// document). Every accessor throws `JsonDecodingError` when the member is missing or of another type.
@@ -71,11 +73,11 @@ class JsonObject {
 std::optional<std::int64_t> exactInteger(const nlohmann::json& value);
 std::optional<std::uint64_t> exactUnsigned(const nlohmann::json& value);
 
-/// What `read` returns; whatever it throws becomes a `MorlenFormatError` invalid(field, <its text>).
-template <typename Read>
-auto readingFormatRecord(std::string_view field, Read&& read) {
+/// What `work` returns; whatever it throws becomes a `MorlenFormatError` invalid(field, <its text>).
+template <typename Work>
+auto asFormatRecord(std::string_view field, Work&& work) {
   try {
-    return std::forward<Read>(read)();
+    return std::forward<Work>(work)();
   } catch (const std::exception& error) {
     throw MorlenFormatError::invalid(std::string(field), error.what());
   }

@@ -61,6 +61,8 @@ class MorlenFormatError : public std::exception {
   static MorlenFormatError truncated(std::string field);
 
   const Payload& payload() const noexcept { return payload_; }
+  /// The whole text; `what()` ends at a NUL character, which a hostile name may hold.
+  const std::string& description() const noexcept { return text_; }
   const char* what() const noexcept override { return text_.c_str(); }
   bool operator==(const MorlenFormatError& other) const { return payload_ == other.payload_; }
 

@@ -147,20 +147,13 @@ void writeQuant(CanonicalJson& json, const MorlenManifestQuantV1& quant) {
   json.endObject();
 }
 
-void writeFiles(CanonicalJson& json, const std::map<std::string, MorlenManifestFileV1>& files) {
-  json.beginObject();
-  for (const auto& [path, file] : files)
-    json.key(path).beginObject().member("sha256", file.sha256).member("size", file.size).endObject();
-  json.endObject();
-}
-
 void writeManifest(CanonicalJson& json, const MorlenManifestV1& manifest) {
   json.beginObject();
   writeArch(json.key("arch"), manifest.arch);
   if (manifest.bitWidthOverridesHonored)
     json.member("bitWidthOverridesHonored", *manifest.bitWidthOverridesHonored);
   json.member("expertStride", manifest.expertStride).member("expertsPerLayer", manifest.expertsPerLayer);
-  writeFiles(json.key("files"), manifest.files);
+  writeManifestFiles(json.key("files"), manifest.files);
   json.key("flags").beginObject();
   for (const auto& [name, flag] : manifest.flags) json.member(name, flag);
   json.endObject()
@@ -243,8 +236,15 @@ void validateDirectoryPrefixes(const PathsByKey& pathsByKey) {
 
 }  // namespace
 
+void writeManifestFiles(CanonicalJson& json, const std::map<std::string, MorlenManifestFileV1>& files) {
+  json.beginObject();
+  for (const auto& [path, file] : files)
+    json.key(path).beginObject().member("sha256", file.sha256).member("size", file.size).endObject();
+  json.endObject();
+}
+
 MorlenManifestV1 MorlenManifestCodec::decode(std::string_view json) {
-  MorlenManifestV1 manifest = readingFormatRecord("manifest.json", [json] {
+  MorlenManifestV1 manifest = asFormatRecord("manifest.json", [json] {
     const nlohmann::json document = parseJson(json);
     return readManifest(JsonObject(document, ""));
   });
@@ -254,9 +254,11 @@ MorlenManifestV1 MorlenManifestCodec::decode(std::string_view json) {
 
 std::string MorlenManifestCodec::encode(const MorlenManifestV1& manifest) {
   validate(manifest);
-  CanonicalJson json(CanonicalJson::Layout::pretty, CanonicalJson::Slashes::plain);
-  writeManifest(json, manifest);
-  return std::move(json).take();
+  return asFormatRecord("manifest.json", [&] {
+    CanonicalJson json(CanonicalJson::Layout::pretty, CanonicalJson::Slashes::plain);
+    writeManifest(json, manifest);
+    return std::move(json).take();
+  });
 }
 
 void MorlenManifestCodec::validate(const MorlenManifestV1& manifest) {

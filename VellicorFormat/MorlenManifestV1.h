@@ -87,6 +87,11 @@ struct MorlenManifestV1 {
   bool operator==(const MorlenManifestV1&) const = default;
 };
 
+class CanonicalJson;
+
+/// Writes the value of a `files` member, as the manifest and the verification receipt hold it.
+void writeManifestFiles(CanonicalJson& json, const std::map<std::string, MorlenManifestFileV1>& files);
+
 struct MorlenManifestCodec {
   /// Parses and validates. Throws `MorlenFormatError`; what does not parse is reported on the field
   /// "manifest.json".

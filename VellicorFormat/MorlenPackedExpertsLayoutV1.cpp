@@ -183,7 +183,7 @@ void validateFile(const MorlenLayerV1& layer, std::set<std::string>& keys) {
 }  // namespace
 
 MorlenPackedExpertsLayoutV1 MorlenPackedExpertsLayoutCodec::decode(std::string_view json) {
-  MorlenPackedExpertsLayoutV1 layout = readingFormatRecord("packed_experts/layout.json", [json] {
+  MorlenPackedExpertsLayoutV1 layout = asFormatRecord("packed_experts/layout.json", [json] {
     const nlohmann::json document = parseJson(json);
     return readLayout(JsonObject(document, ""));
   });
@@ -193,10 +193,12 @@ MorlenPackedExpertsLayoutV1 MorlenPackedExpertsLayoutCodec::decode(std::string_v
 
 std::string MorlenPackedExpertsLayoutCodec::encode(const MorlenPackedExpertsLayoutV1& layout) {
   MorlenV1StructuralValidator::validate(layout);
-  CanonicalJson json(CanonicalJson::Layout::pretty, CanonicalJson::Slashes::plain);
-  json.reserve(estimatedBytes(layout));
-  writeLayout(json, layout);
-  return std::move(json).take();
+  return asFormatRecord("packed_experts/layout.json", [&] {
+    CanonicalJson json(CanonicalJson::Layout::pretty, CanonicalJson::Slashes::plain);
+    json.reserve(estimatedBytes(layout));
+    writeLayout(json, layout);
+    return std::move(json).take();
+  });
 }
 
 void MorlenV1StructuralValidator::validate(const MorlenPackedExpertsLayoutV1& layout) {

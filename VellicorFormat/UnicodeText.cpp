@@ -1,10 +1,12 @@
 #include "VellicorFormat/UnicodeText.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <new>
 #include <stdexcept>
+#include <vector>
 
 #include <unicode/locid.h>
 #include <unicode/normalizer2.h>
@@ -65,13 +67,54 @@ Utf8Piece firstPiece(std::string_view text) {
   return {tail.count + 1, true};
 }
 
+bool isAscii(std::string_view text) {
+  return std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+}
+
+std::vector<UChar32> decomposed(const icu::Normalizer2& normalizer, const icu::UnicodeString& text) {
+  std::vector<UChar32> points;
+  icu::UnicodeString piece;
+  const auto append = [&points](const icu::UnicodeString& source) {
+    for (std::int32_t i = 0; i < source.length(); i = source.moveIndex32(i, 1))
+      points.push_back(source.char32At(i));
+  };
+  for (std::int32_t i = 0; i < text.length(); i = text.moveIndex32(i, 1)) {
+    const UChar32 point = text.char32At(i);
+    if (normalizer.getDecomposition(point, piece)) {
+      append(piece);
+    } else {
+      points.push_back(point);
+    }
+  }
+  return points;
+}
+
+/// The text decomposed, with every run of combining marks in canonical order. Normalizing gives the same
+/// result as for the text itself, but in linear time: ICU alone moves each mark past all others before it.
+icu::UnicodeString inCanonicalOrder(const icu::Normalizer2& normalizer, const icu::UnicodeString& text) {
+  std::vector<UChar32> points = decomposed(normalizer, text);
+  const auto isMark = [&](UChar32 point) { return normalizer.getCombiningClass(point) != 0; };
+  const auto comesFirst = [&](UChar32 a, UChar32 b) {
+    return normalizer.getCombiningClass(a) < normalizer.getCombiningClass(b);
+  };
+  for (auto run = points.begin(); run != points.end();) {
+    run = std::find_if(run, points.end(), isMark);
+    const auto end = std::find_if_not(run, points.end(), isMark);
+    std::stable_sort(run, end, comesFirst);
+    run = end;
+  }
+  return icu::UnicodeString::fromUTF32(points.data(), static_cast<std::int32_t>(points.size()));
+}
+
 }  // namespace
 
 std::string canonicalComposition(std::string_view text) {
+  if (isAscii(text)) return std::string(text);
   UErrorCode status = U_ZERO_ERROR;
   const icu::Normalizer2* normalizer = icu::Normalizer2::getNFCInstance(status);
   if (U_FAILURE(status)) throw std::runtime_error(u_errorName(status));
-  const icu::UnicodeString composed = normalizer->normalize(fromUtf8(text), status);
+  const icu::UnicodeString composed =
+      normalizer->normalize(inCanonicalOrder(*normalizer, fromUtf8(text)), status);
   if (U_FAILURE(status)) throw std::runtime_error(u_errorName(status));
   return toUtf8(composed);
 }

@@ -90,7 +90,8 @@ void JoinedBytes::read(std::uint64_t offset, std::span<std::byte> bytes) const {
   while (!bytes.empty()) {
     const auto& [begin, segment] = *std::prev(next);
     const std::uint64_t end = next == segments_.end() ? size_ : next->first;
-    const auto part = bytes.first(static_cast<std::size_t>(std::min<std::uint64_t>(bytes.size(), end - offset)));
+    const auto part =
+        bytes.first(static_cast<std::size_t>(std::min<std::uint64_t>(bytes.size(), end - offset)));
     const std::uint64_t inside = offset - begin;
     if (const auto* range = std::get_if<SourceRange>(&segment)) {
       range->source->read(range->offset + inside, part);

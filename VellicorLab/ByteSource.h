@@ -39,6 +39,7 @@ class JoinedBytes final : public ByteSource {
   void add(std::string text);
   /// Throws `std::out_of_range` for a range that is not inside the source.
   void add(std::shared_ptr<const ByteSource> source, std::uint64_t offset, std::uint64_t size);
+  void add(const std::shared_ptr<const ByteSource>& whole) { add(whole, 0, whole->size()); }
   /// Adds zeros up to a size that is not below the present one.
   void padTo(std::uint64_t size);
 

@@ -28,13 +28,9 @@ constexpr std::uint64_t indexEntryBytes = 72;
 constexpr const char* indexName = "model.safetensors.index.json";
 constexpr const char* supportedIndex = "bf198c9f5ea6462addca1966e5dd669c407537a876e82cf06db9084c5c850b13";
 constexpr const char* receiptName = "verified-install.json";
-constexpr std::array components = {".weight", ".scales", ".biases"};
-constexpr std::array sidecars = {"config.json",
-                                 "tokenizer.json",
-                                 "tokenizer_config.json",
-                                 "special_tokens_map.json",
-                                 "chat_template.jinja",
-                                 "chat_template.json"};
+constexpr std::array sidecars = {"config.json",           "tokenizer.json",
+                                 "tokenizer_config.json", "special_tokens_map.json",
+                                 "chat_template.jinja",   "chat_template.json"};
 
 /// The order of the resident tensors inside a layer.
 constexpr std::array slots = {"self_attn.q_proj.weight",
@@ -80,7 +76,7 @@ std::string pretty(const json& value, const std::string& indent = "") {
     if (value.is_object()) lines += "\"" + key + "\" : ";
     lines += pretty(member, indent + "  ");
   }
-  if (lines.empty()) lines = "\n";
+  if (lines.empty()) lines += '\n';
   return (value.is_object() ? "{" : "[") + lines + "\n" + indent + (value.is_object() ? "}" : "]");
 }
 
@@ -124,7 +120,7 @@ class Prediction {
     files_["packed_experts/layout.json"] = textFile(pretty(layout));
     for (const char* name : sidecars) {
       const auto file = checkpoint_.file(name);
-      if (file) files_[fmt::format("tokenizer/{}", name)].add(file, 0, file->size());
+      if (file) files_[fmt::format("tokenizer/{}", name)].add(file);
     }
     files_["manifest.json"] = textFile(pretty(manifest()));
     return std::move(files_);
@@ -154,12 +150,10 @@ class Prediction {
 
   /// The weight, and its scales and biases if it is quantised.
   std::vector<const StoredTensor*> partsOf(const std::string& name) const {
-    std::vector parts = {&tensors_.at(name)};
-    if (!isQuantised(*parts[0])) return parts;
-    for (std::size_t i = 1; i < components.size(); ++i) {
-      parts.push_back(&tensors_.at(moduleOf(name) + components[i]));
-    }
-    return parts;
+    const StoredTensor& weight = tensors_.at(name);
+    if (!isQuantised(weight)) return {&weight};
+    const std::string module = moduleOf(name);
+    return {&weight, &tensors_.at(module + ".scales"), &tensors_.at(module + ".biases")};
   }
 
   JoinedBytes residentFile() const {
@@ -184,8 +178,7 @@ class Prediction {
     put(header, names.size(), 8);
     JoinedBytes file = textFile(header + entries + strings);
     file.padTo(indexSize);
-    const std::uint64_t payloadBytes = payload.size();
-    file.add(std::make_shared<JoinedBytes>(std::move(payload)), 0, payloadBytes);
+    file.add(std::make_shared<JoinedBytes>(std::move(payload)));
     return file;
   }
 
@@ -196,7 +189,7 @@ class Prediction {
     std::vector<std::uint64_t> shape = logicalShape(name);
     shape.resize(4);
     put(entries, isQuantised(*parts[0]) ? 0 : 1, 2);
-    for (std::size_t i = 0; i < components.size(); ++i) {
+    for (std::size_t i = 0; i < 3; ++i) {
       const bool isPresent = i < parts.size();
       put(entries, isPresent ? indexSize + payload.size() : 0, 8);
       put(entries, isPresent ? parts[i]->size : 0, 8);
@@ -206,38 +199,52 @@ class Prediction {
     }
   }
 
-  /// Adds the layer's file and returns its member of the layout.
-  json layerFile(std::int64_t layer) {
-    const std::string fileName = fmt::format("layer_{:02}.bin", layer);
+  /// What every expert's blob of a layer holds, and the blobs.
+  struct Layer {
     json parts = json::object();
-    std::vector<JoinedBytes> blobs(experts_);
+    std::vector<JoinedBytes> blobs;
+  };
+
+  /// Appends one stacked tensor, each expert's share to its blob.
+  void addStacked(const std::string& name, const std::string& part, Layer& layer) const {
+    const StoredTensor& tensor = tensors_.at(name);
+    const std::uint64_t size = tensor.size / experts_;
+    std::vector<std::uint64_t> shape = logicalShape(name);
+    shape.erase(shape.begin());
+    layer.parts[part] = {
+        {"offset", layer.blobs[0].size()}, {"size", size}, {"shape", shape}, {"dtype", tensor.dtype}};
+    if (isQuantised(tensor)) layer.parts[part]["bits"] = bitsOf(moduleOf(name));
+    for (std::uint64_t expert = 0; expert < experts_; ++expert) {
+      layer.blobs[expert].add(tensor.file, tensor.offset + expert * size, size);
+    }
+  }
+
+  Layer layerOf(std::int64_t number) const {
+    Layer layer{.blobs = std::vector<JoinedBytes>(experts_)};
     for (const std::string role : {"gate", "up", "down"}) {
       const std::string module =
-          fmt::format("language_model.model.layers.{}.experts.switch_glu.{}_proj", layer, role);
-      for (const std::string component : components) {
-        const StoredTensor& tensor = tensors_.at(module + component);
-        std::vector<std::uint64_t> shape = logicalShape(module + component);
-        shape.erase(shape.begin());
-        const std::uint64_t size = tensor.size / experts_;
-        json part = {
-            {"offset", blobs[0].size()}, {"size", size}, {"shape", shape}, {"dtype", tensor.dtype}};
-        if (isQuantised(tensor)) part["bits"] = bitsOf(module);
-        parts[component == ".weight" ? role : role + "_" + component.substr(1)] = part;
-        for (std::uint64_t expert = 0; expert < experts_; ++expert) {
-          blobs[expert].add(tensor.file, tensor.offset + expert * size, size);
-        }
-      }
+          fmt::format("language_model.model.layers.{}.experts.switch_glu.{}_proj", number, role);
+      addStacked(module + ".weight", role, layer);
+      addStacked(module + ".scales", role + "_scales", layer);
+      addStacked(module + ".biases", role + "_biases", layer);
     }
-    stride_ = toPage(blobs[0].size());
+    return layer;
+  }
+
+  /// Adds the layer's file and returns its member of the layout.
+  json layerFile(std::int64_t number) {
+    const std::string fileName = fmt::format("layer_{:02}.bin", number);
+    Layer layer = layerOf(number);
+    stride_ = toPage(layer.blobs[0].size());
     JoinedBytes& file = files_["packed_experts/" + fileName];
     json experts = json::array();
-    for (std::uint64_t expert = 0; expert < experts_; ++expert) {
-      experts.push_back({{"expert", expert}, {"offset", file.size()}, {"size", stride_}, {"tensors", parts}});
-      const std::uint64_t blobBytes = blobs[expert].size();
-      file.add(std::make_shared<JoinedBytes>(std::move(blobs[expert])), 0, blobBytes);
-      file.padTo(stride_ * (expert + 1));
+    for (JoinedBytes& blob : layer.blobs) {
+      experts.push_back(
+          {{"expert", experts.size()}, {"offset", file.size()}, {"size", stride_}, {"tensors", layer.parts}});
+      blob.padTo(stride_);
+      file.add(std::make_shared<JoinedBytes>(std::move(blob)));
     }
-    return {{"layer", layer}, {"file", fileName}, {"experts", experts}};
+    return {{"layer", number}, {"file", fileName}, {"experts", experts}};
   }
 
   json quantSlot(const std::string& module) const {

@@ -48,7 +48,7 @@ void fillPayload(std::uint64_t key, std::uint64_t offset, std::span<std::byte> b
   std::size_t skipped = offset % blockBytes;
   while (!bytes.empty()) {
     const std::uint64_t block = mix(counter += goldenRatio);
-    const std::size_t count = std::min(bytes.size(), blockBytes - skipped);
+    const std::size_t count = std::min<std::size_t>(bytes.size(), blockBytes - skipped);
     if (count == blockBytes) {
       std::memcpy(bytes.data(), &block, blockBytes);
     } else {

@@ -1,6 +1,4 @@
 #include <cerrno>
-#include <charconv>
-#include <concepts>
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
@@ -14,14 +12,16 @@
 #include <string_view>
 #include <system_error>
 #include <thread>
+#include <vector>
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <unistd.h>
 
 #include "VellicorFormat/CanonicalJson.h"
 #include "VellicorLab/FolderRepository.h"
+#include "VellicorLab/LabFlags.h"
 #include "VellicorLab/LocalHub.h"
+#include "VellicorLab/PredictedArtifact.h"
 #include "VellicorLab/SyntheticCheckpoint.h"
 #include "VellicorRepack/Console.h"
 #include "VellicorRepack/Run.h"
@@ -31,92 +31,6 @@
 namespace vellicor {
 
 namespace {
-
-/// A decimal number flag over the whole range of its type. A value that the type cannot hold is refused, a
-/// value that makes no sense is left to whoever uses it.
-template <std::integral Number>
-void addNumber(CLI::App& command, const std::string& name, std::optional<Number>& value,
-               const std::string& help) {
-  const auto parse = [&value, name](const std::string& text) {
-    const char* end = text.data() + text.size();
-    const auto [stop, error] = std::from_chars(text.data(), end, value.emplace());
-    if (error != std::errc() || stop != end) throw CLI::ConversionError(text, name);
-  };
-  command.add_option_function<std::string>(name, parse, help)->type_name("N");
-}
-
-struct HubFlags {
-  std::string scale = "miniature";
-  std::string root;
-  std::string caFile;
-  std::string logFile;
-  std::optional<std::string> token;
-  std::optional<std::uint64_t> seed;
-  std::optional<std::uint16_t> port;
-  std::optional<std::uint64_t> bytesPerSecond;
-};
-
-CLI::App* addHub(CLI::App& app, HubFlags& flags) {
-  CLI::App* hub = app.add_subcommand("hub", "Serve a checkpoint over HTTPS until standard input closes");
-  hub->add_option("--scale", flags.scale, "Size of the made-up checkpoint")
-      ->check(CLI::IsMember({"miniature", "full"}))
-      ->capture_default_str();
-  addNumber(*hub, "--seed", flags.seed, "Seed of the made-up payload [1]");
-  hub->add_option("--root", flags.root, "Serve the files of this folder instead")
-      ->check(CLI::ExistingDirectory);
-  addNumber(*hub, "--port", flags.port, "Port to listen on [any free one]");
-  hub->add_option("--ca-file", flags.caFile, "Where to write the certificate that clients must trust");
-  hub->add_option("--token", flags.token, "Refuse requests without this bearer token");
-  addNumber(*hub, "--bytes-per-second", flags.bytesPerSecond, "Pace of every body");
-  hub->add_option("--log", flags.logFile, "Write one JSON line per request to this file");
-  return hub;
-}
-
-struct InstallFlags {
-  std::optional<std::string> baseURL;
-  std::optional<std::string> caFile;
-  std::optional<std::string> repo;
-  std::optional<std::string> revision;
-  std::string output;
-  std::optional<std::string> token;
-  bool requireKnownSource = false;
-  std::optional<std::string> audit;
-  std::optional<std::int64_t> rangeChunkBytes;
-  std::optional<std::int64_t> writeTileBytes;
-  std::optional<std::uint64_t> minFreeReserveBytes;
-  std::optional<std::int64_t> retryAttempts;
-  std::optional<std::uint64_t> retryBaseDelayNs;
-  bool overwrite = false;
-  bool resume = false;
-  bool dryRun = false;
-};
-
-std::string refusalOfURL(const std::string& text) {
-  return RemoteUrl::parse(text) ? "" : fmt::format("not an absolute URL: {}", text);
-}
-
-CLI::App* addInstall(CLI::App& app, InstallFlags& flags) {
-  CLI::App* install = app.add_subcommand("install", "Install a checkpoint with every setting as a flag");
-  // As with the installer itself, the last of several values counts.
-  install->option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
-  install->add_option("--base-url", flags.baseURL, "The hub")->check(CLI::Validator(refusalOfURL, "URL"));
-  install->add_option("--ca-file", flags.caFile, "Certificates to trust instead of the system's");
-  install->add_option("--repo", flags.repo, "Repository, owner/name");
-  install->add_option("--revision", flags.revision, "Branch, tag or commit");
-  install->add_option("--output", flags.output, "The artifact directory")->required();
-  install->add_option("--token", flags.token, "Bearer token [the environment's HF_TOKEN]");
-  install->add_flag("--require-known-source", flags.requireKnownSource, "Refuse an unknown shard index");
-  install->add_option("--audit", flags.audit, "Where to write the audit document");
-  addNumber(*install, "--range-chunk-bytes", flags.rangeChunkBytes, "Largest range request");
-  addNumber(*install, "--write-tile-bytes", flags.writeTileBytes, "Tile of the copy");
-  addNumber(*install, "--min-free-reserve-bytes", flags.minFreeReserveBytes, "Disk space to leave free");
-  addNumber(*install, "--retry-attempts", flags.retryAttempts, "Attempts per remote operation");
-  addNumber(*install, "--retry-base-delay-ns", flags.retryBaseDelayNs, "First retry delay");
-  install->add_flag("--overwrite", flags.overwrite, "Replace an existing artifact");
-  install->add_flag("--resume", flags.resume, "Continue a saved download");
-  install->add_flag("--dry-run", flags.dryRun, "Stop after the space check");
-  return install;
-}
 
 /// Where the hub's certificate goes: the file that was asked for, or one in a private directory that goes
 /// away with this object.
@@ -173,11 +87,14 @@ class StopSignals {
   sigset_t signals_{};
 };
 
+std::shared_ptr<const SyntheticCheckpoint> checkpointOf(const CheckpointFlags& flags) {
+  const std::uint64_t seed = flags.seed.value_or(1);
+  return flags.scale == "full" ? SyntheticCheckpoint::fullSize(seed) : SyntheticCheckpoint::miniature(seed);
+}
+
 std::shared_ptr<const HubRepository> repositoryOf(const HubFlags& flags) {
   if (!flags.root.empty()) return std::make_shared<FolderRepository>(flags.root);
-  const std::uint64_t seed = flags.seed.value_or(1);
-  if (flags.scale == "full") return SyntheticCheckpoint::fullSize(seed);
-  return SyntheticCheckpoint::miniature(seed);
+  return checkpointOf(flags.checkpoint);
 }
 
 /// Says whether a request was authorized, never with what.
@@ -261,19 +178,37 @@ int install(const InstallFlags& flags) {
   return runInstall(*options, options->repoID);
 }
 
+int check(const CheckFlags& flags) {
+  const PredictedArtifact artifact(*checkpointOf(flags.checkpoint));
+  const std::vector<std::string> differences = artifact.differences(flags.artifact);
+  for (const std::string& difference : differences) {
+    writeToConsole(ConsoleStream::standardError, difference + "\n");
+  }
+  if (!differences.empty()) return ExitStatus::failure;
+  writeToConsole(
+      ConsoleStream::standardOutput,
+      fmt::format("{} is what the checkpoint and the format say, byte for byte ({} files, {} bytes)\n",
+                  flags.artifact, artifact.files().size(), artifact.byteCount()));
+  return ExitStatus::success;
+}
+
 int runLab(int argumentCount, char** arguments) {
-  CLI::App app("A checkpoint to install and a hub to install it from", "VellicorLab");
+  CLI::App app("A checkpoint to install, a hub to install it from, and a check of the result", "VellicorLab");
   app.require_subcommand(1);
   HubFlags hubFlags;
   InstallFlags installFlags;
-  const CLI::App* hub = addHub(app, hubFlags);
-  addInstall(app, installFlags);
+  CheckFlags checkFlags;
+  const CLI::App* hubCommand = addHub(app, hubFlags);
+  const CLI::App* installCommand = addInstall(app, installFlags);
+  addCheck(app, checkFlags);
   try {
     app.parse(argumentCount, arguments);
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? ExitStatus::success : ExitStatus::usage;
   }
-  return hub->parsed() ? serve(hubFlags) : install(installFlags);
+  if (hubCommand->parsed()) return serve(hubFlags);
+  if (installCommand->parsed()) return install(installFlags);
+  return check(checkFlags);
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include "VellicorRepack/ProgressLines.h"
 
+#include <stdexcept>
+
 #include "VellicorFormat/CanonicalJson.h"
 #include "VellicorRepack/Console.h"
 
@@ -42,8 +44,10 @@ std::string progressLine(const ModelInstallProgress& progress) {
   return "PROGRESS " + std::move(json).take() + "\n";
 }
 
-void emit(const ModelInstallProgress& progress) {
+void emit(const ModelInstallProgress& progress) try {
   writeToConsole(ConsoleStream::standardOutput, progressLine(progress));
+} catch (const std::invalid_argument&) {
+  return;
 }
 
 }  // namespace vellicor

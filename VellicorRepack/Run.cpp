@@ -11,6 +11,7 @@
 #include "VellicorRepack/Console.h"
 #include "VellicorRepack/ProgressLines.h"
 #include "VellicorRepackCore/Base/Environment.h"
+#include "VellicorRepackCore/Base/Errors.h"
 #include "VellicorRepackCore/Install/RemoteStreamingRepacker.h"
 #include "VellicorRepackCore/Install/SupportedModelSource.h"
 #include "VellicorRepackCore/Reporting/RepackAudit.h"
@@ -23,7 +24,10 @@ namespace {
 void print(const std::string& text) { writeToConsole(ConsoleStream::standardOutput, text); }
 
 int reportFailure(std::string_view operation, const std::exception& error) {
-  writeToConsole(ConsoleStream::standardError, fmt::format("{} failed: {}\n", operation, error.what()));
+  const auto* repackError = dynamic_cast<const RepackError*>(&error);
+  const std::string_view text =
+      repackError == nullptr ? std::string_view(error.what()) : std::string_view(repackError->description());
+  writeToConsole(ConsoleStream::standardError, fmt::format("{} failed: {}\n", operation, text));
   return ExitStatus::failure;
 }
 
@@ -37,15 +41,12 @@ int reportParseError(const ParseError& error) {
 }
 
 struct ModeRunner {
-  int operator()(const InstallMode& mode) const {
-    std::optional<RemoteStreamingRepackOptions> options;
-    try {
-      options = SupportedModelSource::installOptions(absoluteOutputPath(mode.output), mode.overwrite,
-                                                     environmentVariable("HF_TOKEN"), mode.resume);
-    } catch (const std::exception& error) {
-      return reportInstallFailure(error);
-    }
-    return runInstall(*options, SupportedModelSource::displayName);
+  int operator()(const InstallMode& mode) const try {
+    return runInstall(SupportedModelSource::installOptions(absoluteOutputPath(mode.output), mode.overwrite,
+                                                           environmentVariable("HF_TOKEN"), mode.resume),
+                      SupportedModelSource::displayName);
+  } catch (const std::exception& error) {
+    return reportInstallFailure(error);
   }
 
   int operator()(const DiscardMode& mode) const try {
@@ -79,8 +80,7 @@ int run(const std::vector<std::string>& arguments) {
 }
 
 std::string absoluteOutputPath(const std::string& output) {
-  std::string path =
-      output.starts_with('/') ? output : std::filesystem::current_path().string() + "/" + output;
+  std::string path = (std::filesystem::current_path() / output).string();
   while (path.size() > 1 && path.ends_with('/')) path.pop_back();
   return path;
 }

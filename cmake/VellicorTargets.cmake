@@ -27,7 +27,8 @@ option(VELLICOR_SANITIZE "Build with the address and undefined-behaviour sanitiz
 add_library(VellicorSettings INTERFACE)
 target_compile_features(VellicorSettings INTERFACE cxx_std_20)
 target_include_directories(VellicorSettings INTERFACE "${PROJECT_SOURCE_DIR}")
-target_compile_definitions(VellicorSettings INTERFACE _FILE_OFFSET_BITS=64)
+# libc++ keeps std::stop_token behind a switch of its own; other standard libraries do not know the name.
+target_compile_definitions(VellicorSettings INTERFACE _FILE_OFFSET_BITS=64 _LIBCPP_ENABLE_EXPERIMENTAL)
 target_compile_options(
   VellicorSettings
   INTERFACE -Wall

@@ -6,7 +6,6 @@
 #include <filesystem>
 
 #include "Tests/Support/Expect.h"
-#include "Tests/Support/ExpectedArtifact.h"
 #include "VellicorRepackCore/Install/SupportedModelSource.h"
 
 namespace vellicor::testing {
@@ -49,11 +48,7 @@ std::uint64_t firstByte(const std::string& range) {
 
 bool isPayload(const SyntheticCheckpoint& checkpoint, const HubRequest& request) {
   if (request.method != "GET" || !request.file.ends_with(".safetensors")) return false;
-  const std::vector<std::byte> prefix = checkpoint.bytes(request.file, 0, 8);
-  std::uint64_t headerBytes = 0;
-  for (std::size_t i = 0; i < prefix.size(); ++i)
-    headerBytes |= std::to_integer<std::uint64_t>(prefix[i]) << (8 * i);
-  return firstByte(request.range) >= 8 + headerBytes;
+  return firstByte(request.range) >= checkpoint.payloadOffset(request.file);
 }
 
 InstallHarness::InstallHarness(std::shared_ptr<SyntheticCheckpoint> source,
@@ -104,14 +99,6 @@ void InstallHarness::interruptAtRange(std::size_t index) {
     return fault;
   });
 }
-
-std::map<std::string, std::string> InstallHarness::artifact() const {
-  std::map<std::string, std::string> files = readTree(output);
-  files.erase("verified-install.json");
-  return files;
-}
-
-std::map<std::string, std::string> InstallHarness::expected() const { return expectedArtifact(*checkpoint); }
 
 std::vector<std::string> InstallHarness::payloadRanges() const {
   std::vector<std::string> ranges;

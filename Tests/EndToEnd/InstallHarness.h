@@ -10,6 +10,7 @@
 
 #include "Tests/Support/TemporaryDirectory.h"
 #include "VellicorLab/LocalHub.h"
+#include "VellicorLab/PredictedArtifact.h"
 #include "VellicorLab/SyntheticCheckpoint.h"
 #include "VellicorRepackCore/Install/RemoteStreamingRepacker.h"
 #include "VellicorRepackCore/Reporting/ModelInstallProgress.h"
@@ -42,9 +43,8 @@ class InstallHarness {
   /// checkpoint.
   void interruptAtRange(std::size_t index);
 
-  /// The artifact without its time-stamped receipt.
-  std::map<std::string, std::string> artifact() const;
-  std::map<std::string, std::string> expected() const;
+  /// What the install must leave, to be compared with what it left.
+  PredictedArtifact predicted() const { return PredictedArtifact(*checkpoint); }
 
   /// "file range" of every payload range that was answered or refused on its last hop, in order.
   std::vector<std::string> payloadRanges() const;

@@ -20,7 +20,7 @@ std::string document(Layout layout, Slashes slashes) {
   CanonicalJson json(layout, slashes);
   json.beginObject().key("a").beginArray().endArray().key("b").beginObject().endObject();
   json.key("c").beginArray().value(std::int64_t{-1}).beginObject().member("d/e", true).endObject().endArray();
-  json.member("f", "\"\\/\b\f\n\r\t\x01\x1F\x7F\xC3\xA9\xFF").member("g", ~std::uint64_t{0}).endObject();
+  json.member("f", "\"\\/\b\f\n\r\t\x01\x1F\x7F\xC3\xA9").member("g", ~std::uint64_t{0}).endObject();
   return std::move(json).take();
 }
 
@@ -28,7 +28,12 @@ TEST(CanonicalJson, GoldenTexts) {
   EXPECT_EQ(document(Layout::pretty, Slashes::plain), testing::goldenText("pretty.json"));
   EXPECT_EQ(document(Layout::compact, Slashes::escaped),
             R"({"a":[],"b":{},"c":[-1,{"d\/e":true}],"f":"\"\\\/\b\f\n\r\t\u0001\u001f)"
-            "\x7F\xC3\xA9\xEF\xBF\xBD\",\"g\":18446744073709551615}");
+            "\x7F\xC3\xA9\",\"g\":18446744073709551615}");
+}
+
+TEST(CanonicalJson, TextThatIsNotUtf8IsRefused) {
+  CanonicalJson json(Layout::compact, Slashes::plain);
+  EXPECT_EQ(errorText([&] { json.value("mak\xFF"); }), "text is not UTF-8");
 }
 
 TEST(CanonicalJson, DoublesAreShortestAndReadBack) {
@@ -66,6 +71,7 @@ TEST(JsonReading, IntegersAreExact) {
       {"-9223372036854775808", std::numeric_limits<std::int64_t>::min(), {}},
       {"18446744073709551615", {}, 18446744073709551615U},
       {"18446744073709551616", {}, {}},
+      {"-9223372036854775809", {}, {}},
       {"-1e300", {}, {}},
   };
   for (const Row& row : rows) {
@@ -88,6 +94,7 @@ TEST(JsonReading, HostileTextsEndAsTheCodecsOwnError) {
       {"empty", ""},
       {"NUL", std::string(3, '\0')},
       {"brackets", std::string(1 << 20, '[')},
+      {"millions of values", "[" + std::string(2000001, ',') + "]"},
       {"no object", "[]"},
       {"cut short", manifest.substr(0, manifest.size() / 2)},
       {"something behind", manifest + "x"},

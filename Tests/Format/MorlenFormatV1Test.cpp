@@ -75,5 +75,13 @@ TEST(UnicodeText, WellFormednessAndRepair) {
   }
 }
 
+TEST(UnicodeText, MarksOutOfOrderComposeAsInOrderHoweverMany) {
+  EXPECT_EQ(canonicalComposition("a\xCC\x81\xCC\xA3/\xE1\xBB\x87"), "\xE1\xBA\xA1\xCC\x81/\xE1\xBB\x87");
+  std::string marks = "a";
+  for (int i = 0; i < 500000; ++i)
+    marks += "\xCC\x80\xCC\x96";  // Quadratic time would take a quarter of an hour.
+  EXPECT_EQ(canonicalComposition(marks).size(), marks.size() - 1);
+}
+
 }  // namespace
 }  // namespace vellicor

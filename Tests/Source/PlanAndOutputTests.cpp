@@ -61,7 +61,7 @@ TEST(RepackPlanner, RefusesWhatItCannotPlace) {
   const std::string bad = "shape mismatch for " + gate + ".weight: ";
   const std::string badX = "shape mismatch for language_model.x: ";
   const std::string quantised = "quantized tensor ";
-  const std::string expertRange = " experts in each of 2 layers is outside 1 to 131072";
+  const std::string expertRange = " experts in each of 2 layers is outside 1 to 4096";
   const std::string noFit = " is not representable as four 32-bit dimensions";
   const auto adding = [](const char* name, Dtype dtype, const std::vector<std::uint64_t>& shape) {
     return [=](TinyModel& m) { m.add(name, dtype, shape); };
@@ -88,7 +88,7 @@ TEST(RepackPlanner, RefusesWhatItCannotPlace) {
       {[](auto& m) { m.meta.bitsOverrides[gate].bits = 3; },
        bad + "8 packed words do not hold whole 3-bit weights"},
       {[](auto& m) { m.arch.numExperts = 0; }, invalid + "0" + expertRange},
-      {[](auto& m) { m.arch.numExperts = 131073; }, invalid + "131073" + expertRange},
+      {[](auto& m) { m.arch.numExperts = 4097; }, invalid + "4097" + expertRange},
       {[](auto& m) { m.arch.numLayers = 65537; }, invalid + "65537 layers is outside 0 to 65536"},
   };
   expectErrors(TinyModel(), rows, [](const TinyModel& model) { model.plan(); });

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -231,6 +232,8 @@ class RepackError : public std::exception {
   const Case* as() const noexcept {
     return std::get_if<Case>(&payload_);
   }
+  /// The whole text; `what()` ends at a NUL character, which a hostile name may hold.
+  const std::string& description() const noexcept { return text_; }
   const char* what() const noexcept override { return text_.c_str(); }
 
  private:

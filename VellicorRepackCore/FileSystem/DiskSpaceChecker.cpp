@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <limits>
+#include <system_error>
 
 #include "VellicorRepackCore/FileSystem/Posix.h"
 
@@ -39,14 +40,15 @@ DiskSpaceRequirement DiskSpaceChecker::requireAvailable(const std::string& path,
 
 DiskSpaceRequirement DiskSpaceChecker::assess(const std::string& path, std::uint64_t bytes,
                                               std::uint64_t reserveBytes) {
-  return requirement(nearestExistingDirectory(directoryForProbe(path)), bytes, reserveBytes);
+  return requirement(nearestExistingDirectory(standardizedPath(directoryForProbe(path))), bytes,
+                     reserveBytes);
 }
 
 std::string DiskSpaceChecker::directoryForProbe(const std::string& path) {
   const std::string standardized = standardizedPath(path);
   // A lone "." at the end is no extension.
   const bool hasExtension = std::filesystem::path(standardized).extension().native().size() > 1;
-  return hasExtension ? parentPath(standardized) : standardized;
+  return hasExtension ? parentPath(standardized) : path;
 }
 
 }  // namespace vellicor

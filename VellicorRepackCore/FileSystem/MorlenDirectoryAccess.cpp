@@ -59,7 +59,7 @@ void requireSafe(const std::string& prefix, Check&& check) {
   try {
     check();
   } catch (const MorlenFormatError& error) {
-    throw RepackError::configurationInvalid(fmt::format("{}: {}", prefix, error.what()));
+    throw RepackError::configurationInvalid(fmt::format("{}: {}", prefix, error.description()));
   }
 }
 

@@ -12,6 +12,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <openssl/rand.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -342,8 +343,7 @@ std::string standardizedPath(const std::string& path) {
       components.pop_back();
     }
   }
-  if (components.empty()) return "/";
-  return "/" + fmt::format("{}", fmt::join(components, "/"));
+  return fmt::format("/{}", fmt::join(components, "/"));
 }
 
 std::string joinPath(std::string_view base, std::string_view component) {

@@ -6,7 +6,10 @@
 #include <map>
 #include <set>
 #include <string_view>
+#include <system_error>
 #include <utility>
+
+#include <fmt/format.h>
 
 #include "VellicorRepackCore/Base/Cancellation.h"
 #include "VellicorRepackCore/Base/Errors.h"
@@ -66,6 +69,11 @@ const LayerFilePlan* firstExpertLayer(const RepackPlan& plan) {
   return layer == plan.layers.end() ? nullptr : &*layer;
 }
 
+std::string encodedLayout(const RepackPlan& plan) {
+  const LayerFilePlan* layer = firstExpertLayer(plan);
+  return MorlenJSON::encodeLayout(plan, layer == nullptr ? 0 : layer->expertStride);
+}
+
 std::int64_t routedExpertBits(const RepackPlan& plan) {
   const auto layer = std::find_if(plan.layers.begin(), plan.layers.end(), [](const LayerFilePlan& candidate) {
     return !candidate.subTensors.empty();
@@ -115,9 +123,16 @@ void ArtifactRecorder::recordPayload() {
   }
 }
 
+void ArtifactRecorder::requireReadableLayout(const RepackPlan& plan) {
+  const std::size_t bytes = encodedLayout(plan).size();
+  if (bytes <= MorlenLayoutValidator::maximumLayoutBytes) return;
+  throw RepackError::configurationInvalid(
+      fmt::format("packed expert layout of {} bytes exceeds the {}-byte cap", bytes,
+                  MorlenLayoutValidator::maximumLayoutBytes));
+}
+
 void ArtifactRecorder::writeLayout() {
-  const LayerFilePlan* layer = firstExpertLayer(plan_);
-  const std::string layout = MorlenJSON::encodeLayout(plan_, layer == nullptr ? 0 : layer->expertStride);
+  const std::string layout = encodedLayout(plan_);
   const std::string file = path(layoutPath);
   Posix::mkdirP(parentPath(file));
   Posix::atomicWrite(layout, file, parentPath(file));
@@ -149,24 +164,23 @@ void ArtifactRecorder::copyRemoteMetadataSidecars(const RemoteSnapshot& snapshot
   Posix::fsyncDirectory(directory);
 }
 
-void ArtifactRecorder::removeStrayEntries() try {
+void ArtifactRecorder::removeStrayEntries() {
   std::set<std::string> kept;
   for (const RepackAudit::OutputFile& output : audit_.outputFiles) {
     const std::string file = path(output.relativePath);
     kept.insert(file);
     kept.insert(parentPath(file));
   }
-  std::vector<std::string> strays;
-  for (auto entry = std::filesystem::recursive_directory_iterator(partialDirectory_);
-       entry != std::filesystem::recursive_directory_iterator(); ++entry) {
+  // What cannot be removed stays: the manifest does not list it, and it harms no reader.
+  std::error_code ignored;
+  std::vector<std::filesystem::path> strays;
+  std::filesystem::recursive_directory_iterator entry(partialDirectory_, ignored);
+  for (; entry != std::filesystem::recursive_directory_iterator(); entry.increment(ignored)) {
     if (kept.contains(entry->path().string())) continue;
-    if (entry->is_directory()) entry.disable_recursion_pending();
-    strays.push_back(entry->path().string());
+    entry.disable_recursion_pending();
+    strays.push_back(entry->path());
   }
-  for (const std::string& stray : strays) Posix::removeTree(stray);
-} catch (const std::filesystem::filesystem_error&) {
-  // What stays is not listed in the manifest and harms no reader.
-  return;
+  for (const std::filesystem::path& stray : strays) std::filesystem::remove_all(stray, ignored);
 }
 
 void ArtifactRecorder::writeManifestAndReceipt(const RemoteSnapshot& snapshot, const std::string& repoID,

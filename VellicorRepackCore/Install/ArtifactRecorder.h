@@ -20,6 +20,10 @@ class ArtifactRecorder {
   ArtifactRecorder(std::string partialDirectory, const RepackPlan& plan, RepackAudit& audit,
                    const ModelInstallProgressCallback& progress, std::stop_token stop);
 
+  /// Refuses, before anything is fetched, a plan whose layout no reader would accept. Throws
+  /// `configurationInvalid` or the format's own error.
+  static void requireReadableLayout(const RepackPlan& plan);
+
   /// Hashes model_weights.bin and the layer files into the audit's list.
   void recordPayload();
 

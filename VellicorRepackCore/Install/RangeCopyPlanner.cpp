@@ -41,14 +41,11 @@ class RelativePaths {
   std::unordered_map<std::string_view, std::string> byPath_;
 };
 
-bool isPlainName(std::string_view piece) { return !piece.empty() && piece != "." && piece != ".."; }
-
-bool isCanonicalRelative(std::string_view path) {
-  while (true) {
-    const auto slash = path.find('/');
-    if (!isPlainName(path.substr(0, slash))) return false;
-    if (slash == std::string_view::npos) return true;
-    path.remove_prefix(slash + 1);
+void requireCanonicalRelative(const std::string& path) {
+  try {
+    MorlenPathValidator::validateRelativePath(path, path);
+  } catch (const MorlenFormatError&) {
+    throw invalid("invalid relative destination path " + path);
   }
 }
 
@@ -225,9 +222,7 @@ std::string RangeCopyPlanner::normalizedRelativePath(std::string_view path, std:
     throw invalid(fmt::format("destination {} is outside partial output {}", path, root));
   }
   std::string relative = canonicalComposition(path.substr(prefix.size()));
-  if (!isCanonicalRelative(relative)) {
-    throw invalid(fmt::format("invalid relative destination path {}", relative));
-  }
+  requireCanonicalRelative(relative);
   return relative;
 }
 

@@ -29,7 +29,7 @@ namespace vellicor {
 namespace {
 
 constexpr std::int64_t maximumWriteTileBytes = BoundedScratch::defaultLimitBytes;
-constexpr std::size_t indexCompareBytes = 524288;
+constexpr std::size_t proofBufferBytes = 524288;
 
 using EntryKind = Posix::EntryKind;
 
@@ -73,7 +73,7 @@ std::uint64_t totalOutputBytes(const RepackPlan& plan) {
 }
 
 bool beginsWith(int fd, const std::string& path, std::span<const std::byte> expected) {
-  AlignedBuffer buffer(std::min(indexCompareBytes, expected.size()));
+  AlignedBuffer buffer(std::min(proofBufferBytes, expected.size()));
   for (std::size_t done = 0; done < expected.size();) {
     const std::size_t length = std::min(buffer.size(), expected.size() - done);
     Posix::preadAll(fd, path, buffer.data(), static_cast<std::int64_t>(length), done);
@@ -141,6 +141,7 @@ class LockedInstall {
                                 paths_.partialDirectory);
     copies_ = RangeCopyPlanner::plan(plan_, options_.rangeChunkBytes, "identity", std::nullopt);
     totalOutputBytes_ = totalOutputBytes(plan_);
+    ArtifactRecorder::requireReadableLayout(plan_);
   }
 
   RemoteInstallCheckpoint expectedCheckpoint() const {
@@ -167,6 +168,9 @@ class LockedInstall {
       createOutputFiles();
       checkpoint_.completedRanges.clear();
     }
+    for (const RemoteCompletedRange& range : checkpoint_.completedRanges) {
+      reusedBytes_ = morlenCheckedAdd(reusedBytes_, range.sourceBytes, "reused bytes");
+    }
     writeCheckpoint();
   }
 
@@ -188,7 +192,7 @@ class LockedInstall {
     std::map<std::string, const CoalescedRangeCopy*> copiesByID;
     for (const CoalescedRangeCopy& copy : copies_.coalescedCopies) copiesByID.emplace(copy.id, &copy);
 
-    AlignedBuffer buffer(indexCompareBytes);
+    AlignedBuffer buffer(proofBufferBytes);
     std::vector<RemoteCompletedRange> kept;
     for (const RemoteCompletedRange& range : ranges) {
       throwIfCancelled(stop_);
@@ -219,19 +223,12 @@ class LockedInstall {
   void checkSpace() {
     progress_(PlanningProgress{copies_.remoteBytesToDownload, totalOutputBytes_});
     const std::uint64_t reused =
-        checkpoint_.validatedDestinationBytes(totalOutputBytes_, paths_.checkpointFile);
+        resumed_ ? checkpoint_.validatedDestinationBytes(totalOutputBytes_, paths_.checkpointFile) : 0;
     const std::uint64_t required =
         morlenCheckedAdd(totalOutputBytes_ - reused, static_cast<std::uint64_t>(options_.rangeChunkBytes),
                          "required disk space");
-    const std::string probe = DiskSpaceChecker::directoryForProbe(paths_.parentDirectory);
-    Posix::mkdirP(probe);
-    const DiskSpaceRequirement requirement =
-        DiskSpaceChecker::requirement(probe, required, options_.minFreeReserveBytes);
-    if (!requirement.canInstall()) {
-      throw RepackError::diskSpaceInsufficient(requirement.path, requirement.requiredBytes,
-                                               requirement.availableBytes);
-    }
-    progress_(CheckingDiskProgress{requirement});
+    progress_(CheckingDiskProgress{
+        DiskSpaceChecker::requireAvailable(paths_.parentDirectory, required, options_.minFreeReserveBytes)});
     throwIfCancelled(stop_);
   }
 
@@ -282,10 +279,7 @@ class LockedInstall {
 
   void copyPayload() {
     std::set<std::string> completedIDs;
-    for (const RemoteCompletedRange& range : checkpoint_.completedRanges) {
-      completedIDs.insert(range.id);
-      reusedBytes_ = morlenCheckedAdd(reusedBytes_, range.sourceBytes, "reused bytes");
-    }
+    for (const RemoteCompletedRange& range : checkpoint_.completedRanges) completedIDs.insert(range.id);
     const auto report = [&](std::uint64_t downloaded) {
       progress_(CopyingPayloadProgress{reusedBytes_, downloaded, copies_.remoteBytesToDownload});
     };
@@ -326,6 +320,7 @@ class LockedInstall {
     }
     try {
       Posix::unlink(paths_.checkpointFile);
+      Posix::fsyncDirectory(paths_.parentDirectory);
     } catch (const RepackError&) {
       // The artifact is in place; a checkpoint that stays is reported by the next run.
       return;
@@ -399,6 +394,7 @@ void RemoteStreamingRepacker::discardPartial(const std::string& outputDirectory)
   if (!hasPartial && !hasCheckpoint) throw RepackError::installStateMissing(paths.checkpointFile);
   if (hasPartial) Posix::removeTree(paths.partialDirectory);
   if (hasCheckpoint) Posix::unlink(paths.checkpointFile);
+  Posix::removeTree(paths.checkpointFile + ".tmp");  // Of a writer that was killed.
   Posix::fsyncDirectory(paths.parentDirectory);
 }
 

@@ -17,15 +17,16 @@ constexpr std::uint64_t maximumNameBytes = 65535;
 
 RepackError invalid(std::string detail) { return RepackError::configurationInvalid(std::move(detail)); }
 
-/// Where the entry table ends and the string table starts.
-std::uint64_t checkedTableEnd(const ResidentFilePlan& plan) {
+/// Zeroed room for the whole index region.
+std::span<std::byte> indexRegion(const ResidentFilePlan& plan, BoundedScratch& scratch) {
   if (plan.indexSize > MorlenFormatV1::residentIndexMaxBytes) {
     throw invalid(fmt::format("resident index size {} exceeds v1 metadata cap", plan.indexSize));
   }
-  const auto requested = static_cast<std::int64_t>(plan.indexSize);
-  if (requested > BoundedScratch::defaultLimitBytes) {
-    throw RepackError::scratchExceeded(requested, BoundedScratch::defaultLimitBytes);
-  }
+  return scratch.ensure(static_cast<std::int64_t>(plan.indexSize)).first(plan.indexSize);
+}
+
+/// Where the entry table ends and the string table starts.
+std::uint64_t checkedTableEnd(const ResidentFilePlan& plan) {
   if (plan.entries.size() != plan.stringTableOffsets.size()) {
     throw invalid("resident index entry/string offset count mismatch");
   }
@@ -68,13 +69,15 @@ void proveReadable(std::span<const std::byte> region) {
   try {
     MorlenResidentIndexCodec::decodeRegion(region, MorlenResidentIndexCodec::decodeHeader(region));
   } catch (const MorlenFormatError& error) {
-    throw invalid(fmt::format("resident index encoding invalid: {}", error.what()));
+    throw invalid(fmt::format("resident index encoding invalid: {}", error.description()));
   }
 }
 
 }  // namespace
 
 std::vector<std::byte> ResidentWriter::encodeIndex(const ResidentFilePlan& plan) {
+  BoundedScratch scratch;
+  const std::span<std::byte> bytes = indexRegion(plan, scratch);
   const std::uint64_t tableEnd = checkedTableEnd(plan);
   std::vector<std::uint32_t> nameOffsets;
   nameOffsets.reserve(plan.entries.size());
@@ -85,8 +88,6 @@ std::vector<std::byte> ResidentWriter::encodeIndex(const ResidentFilePlan& plan)
     throw invalid("resident index string table exceeds declared index region");
   }
 
-  std::vector<std::byte> region(plan.indexSize);
-  const std::span<std::byte> bytes(region);
   MorlenResidentIndexCodec::writeHeader(
       bytes,
       {.indexSize = plan.indexSize, .residentSize = plan.residentSize, .entryCount = plan.entries.size()});
@@ -96,8 +97,8 @@ std::vector<std::byte> ResidentWriter::encodeIndex(const ResidentFilePlan& plan)
     MorlenResidentIndexCodec::writeEntry(slot, indexEntry(plan.entries[index]), nameOffsets[index]);
   }
   std::memcpy(bytes.data() + tableEnd, plan.stringTable.data(), plan.stringTable.size());
-  proveReadable(region);
-  return region;
+  proveReadable(bytes);
+  return {bytes.begin(), bytes.end()};
 }
 
 void ResidentWriter::writeIndex(const ResidentFilePlan& plan, int fd, RepackAudit& audit) {

@@ -20,7 +20,7 @@ using DType = MorlenFormatV1::DType;
 
 // Far above any real model; they keep a hostile configuration from deciding how much is allocated.
 constexpr std::int64_t maximumLayers = 65536;
-constexpr std::int64_t maximumRoutedExperts = 262144;
+constexpr std::int64_t maximumRoutedExperts = 8192;
 
 constexpr std::uint64_t maximumU32 = std::numeric_limits<std::uint32_t>::max();
 
@@ -426,7 +426,7 @@ ResidentFilePlan planResidentFile(std::string path, const std::vector<const Sour
 
 RepackPlan RepackPlanner::plan(const IndexLoader::SourceMetadata& meta, const ArchInfo& arch,
                                const std::vector<Safetensors::Header>& shardHeaders,
-                               const std::string& outputDir) {
+                               const std::string& outputDir) try {
   if (arch.numLayers < 0 || arch.numLayers > maximumLayers) {
     throw RepackError::configurationInvalid(
         fmt::format("{} layers is outside 0 to {}", arch.numLayers, maximumLayers));
@@ -445,6 +445,8 @@ RepackPlan RepackPlanner::plan(const IndexLoader::SourceMetadata& meta, const Ar
   plan.matchedModelID = SourceFingerprint::modelID(meta.indexSha256Hex);
   plan.excludedMultimodalTensorNames = std::move(classified.excluded);
   return plan;
+} catch (const MorlenFormatError& error) {
+  throw RepackError::configurationInvalid(error.description());
 }
 
 }  // namespace vellicor

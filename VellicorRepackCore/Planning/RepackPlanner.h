@@ -100,7 +100,7 @@ struct RepackPlan {
 
 /// Decides where every source byte goes, before any payload byte is fetched. Reads and writes nothing.
 struct RepackPlanner {
-  /// Throws `RepackError`, or `MorlenFormatError` when a size overflows 64 bits.
+  /// Throws `RepackError`.
   static RepackPlan plan(const IndexLoader::SourceMetadata& meta, const ArchInfo& arch,
                          const std::vector<Safetensors::Header>& shardHeaders, const std::string& outputDir);
 };

@@ -9,6 +9,7 @@
 
 #include "VellicorRepackCore/Base/Environment.h"
 #include "VellicorRepackCore/Remote/RemoteHeaders.h"
+#include "VellicorRepackCore/Remote/RemoteRetry.h"
 
 namespace vellicor {
 
@@ -99,7 +100,8 @@ NetworkError headTooLarge(const RemoteUrl& url) {
 
 NetworkError CurlFailure::networkError(const RemoteUrl& url) const {
   if (proxyStatus >= 300) {
-    return urlError(Code::cannotConnect, proxyRefusal, url, fmt::format(" with status {}", proxyStatus));
+    return urlError(RemoteRetryPolicy::isRetryableStatus(proxyStatus) ? Code::cannotConnect : Code::other,
+                    proxyRefusal, url, fmt::format(" with status {}", proxyStatus));
   }
   if (code == CURLE_COULDNT_CONNECT && isOutOfResources(socketError)) {
     return urlError(Code::resourceUnavailable, noSocket, url, ": " + systemMessage(socketError));

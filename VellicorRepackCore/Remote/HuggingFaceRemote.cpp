@@ -139,7 +139,7 @@ RemoteFileInfo HuggingFaceRemoteSource::resolveFileInfoOnce(const std::string& f
 
   auto commit = remoteHeader(head, "X-Repo-Commit");
   if (!commit) commit = resolvedCommit;
-  if (!commit || commit->size() != fullCommitLength) {
+  if (!commit || commit->size() != fullCommitLength || !isVisibleASCII(*commit)) {
     throw RepackError::remoteProtocolInvalid("missing full X-Repo-Commit for " + filename);
   }
   const std::uint64_t size = remoteSize(head, filename);
@@ -187,7 +187,8 @@ TemporaryRangeFile HuggingFaceRemoteSource::downloadRangeToTempFileOnce(
       targetPath ? *targetPath : joinPath(tempDirectory, "vellicor-range-" + randomUuid() + ".tmp");
   if (length == 0) {
     Posix::mkdirP(parentPath(target));
-    Posix::writeWholeFile(target, "");
+    Posix::removeTree(target);
+    Posix::openCreateExclusive(target, 0600);
     return {.path = target, .byteCount = 0};
   }
 

@@ -17,6 +17,7 @@ struct RemoteDownloadSessionPolicy {
   /// For a whole exchange, all hops together.
   double resourceTimeoutSeconds = 604800.0;
   bool waitsForConnectivity = true;
+  /// Exchanges are serialised over a transport that keeps one connection per host.
   int maximumConnectionsPerHost = 1;
   int maximumRedirects = 5;
   bool operator==(const RemoteDownloadSessionPolicy&) const = default;

@@ -41,6 +41,9 @@ bool namesExpectedRange(std::string_view text, const RemoteRangeExpectation& exp
          *last - *first == expected.length - 1 && *complete == expected.totalSize;
 }
 
+/// Breaks off a redirect whose body is too long to be read to its end for the sake of the connection.
+struct EnoughOfRedirect {};
+
 }  // namespace
 
 RemoteRangeTransferDelegate::RemoteRangeTransferDelegate(std::string targetPath,
@@ -67,9 +70,7 @@ void RemoteRangeTransferDelegate::onResponse(const HttpResponseHead& head) {
 
 void RemoteRangeTransferDelegate::onData(std::span<const std::byte> bytes) {
   if (redirect_) {
-    if (bytes.size() > maximumRedirectBodyBytes - redirectBodyBytes_) {
-      throw RepackError::remoteProtocolInvalid("oversized redirect body for range " + expectation_.filename);
-    }
+    if (bytes.size() > maximumRedirectBodyBytes - redirectBodyBytes_) throw EnoughOfRedirect();
     redirectBodyBytes_ += bytes.size();
     return;
   }
@@ -149,7 +150,11 @@ RemoteRangeTransferResult RemoteRangeTransfer::run(HttpTransport& transport, con
   for (;;) {
     throwIfCancelled(stop);
     delegate.beginHop();
-    transport.perform(hop, limits, delegate, stop);
+    try {
+      transport.perform(hop, limits, delegate, stop);
+    } catch (const EnoughOfRedirect&) {
+      // The head says where to go; only the connection is not kept.
+    }
     const auto& redirect = delegate.redirect();
     if (!redirect) break;
     hop = redirects.request(*redirect, redirectTarget(*redirect));

@@ -18,8 +18,6 @@ class RemoteRedirectPolicy {
   /// `remoteRedirectRejected`.
   HttpRequest request(const HttpResponseHead& response, const std::optional<RemoteUrl>& proposedUrl);
 
-  int redirectCount() const { return redirectCount_; }
-
  private:
   HttpRequest original_;
   std::string sourceHost_;
@@ -36,8 +34,6 @@ class RemoteMetadataRedirectPolicy {
 
   /// The request to follow, or nothing.
   std::optional<HttpRequest> request(const std::optional<RemoteUrl>& proposedUrl);
-
-  int redirectCount() const { return redirectCount_; }
 
  private:
   HttpRequest original_;

@@ -77,10 +77,6 @@ std::optional<double> parseHTTPDate(std::string_view text) {
   return std::nullopt;
 }
 
-bool isRetryableStatus(std::int64_t status) {
-  return status == 408 || status == 429 || status == 500 || status == 502 || status == 503 || status == 504;
-}
-
 bool isRetryableCode(NetworkError::Code code) {
   switch (code) {
     case NetworkError::Code::timedOut:
@@ -112,6 +108,10 @@ RetryEnvironment RetryEnvironment::production() {
   return {.now = [] { return std::chrono::system_clock::now(); },
           .jitter = secureJitter,
           .sleeper = sleepNanoseconds};
+}
+
+bool RemoteRetryPolicy::isRetryableStatus(std::int64_t status) {
+  return status == 408 || status == 429 || status == 500 || status == 502 || status == 503 || status == 504;
 }
 
 bool RemoteRetryPolicy::isRetryable(const std::exception& error) {

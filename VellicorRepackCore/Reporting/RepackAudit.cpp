@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "VellicorFormat/CanonicalJson.h"
+#include "VellicorFormat/UnicodeText.h"
 
 namespace vellicor {
 
@@ -35,7 +36,7 @@ void writeRetries(CanonicalJson& json, const std::vector<RepackAudit::RemoteRetr
   for (const RepackAudit::RemoteRetryRecord& retry : retries) {
     json.beginObject()
         .member("attempt", retry.attempt)
-        .member("detail", retry.detail)
+        .member("detail", repairedUtf8(retry.detail))
         .member("label", retry.label)
         .endObject();
   }
@@ -60,7 +61,7 @@ std::string RepackAudit::toJSONData(const std::string& outputDir) const {
   json.member("largest_scratch_bytes", largestScratchBytes);
   json.member("malloc_count_observed", mallocCountObserved);
   json.member("output_bytes_written", outputBytesWritten);
-  json.member("output_dir", outputDir);
+  json.member("output_dir", repairedUtf8(outputDir));
   writeOutputFiles(json, outputFiles);
   json.member("packed_expert_layout_audit_logical_id_count", packedExpertLayoutAuditLogicalIDCount);
   json.member("packed_expert_layout_mode", packedExpertLayoutMode);

@@ -22,7 +22,7 @@ struct Safetensors {
 
   /// Validates one shard header. `headerBytes` is the JSON alone; `fileSize`, at least 8, is the whole
   /// shard's; `path` becomes every tensor's `shardPath`. Throws `RepackError`; JSON that does not parse is
-  /// the parser's own exception.
+  /// `JsonDecodingError`.
   static Header parseHeaderBytes(const std::string& path, std::uint64_t fileSize,
                                  std::string_view headerBytes);
 };

@@ -7,40 +7,25 @@
 #include <fmt/chrono.h>
 
 #include "VellicorFormat/CanonicalJson.h"
+#include "VellicorFormat/MorlenManifestV1.h"
+#include "VellicorFormat/UnicodeText.h"
 #include "VellicorRepackCore/FileSystem/Posix.h"
 
 namespace vellicor {
-
-namespace {
-
-struct FileRecord {
-  std::uint64_t size = 0;
-  std::string sha256;
-};
-
-void writeFiles(CanonicalJson& json, const std::map<std::string, FileRecord>& files) {
-  json.key("files").beginObject();
-  for (const auto& [path, file] : files) {
-    json.key(path).beginObject().member("sha256", file.sha256).member("size", file.size).endObject();
-  }
-  json.endObject();
-}
-
-}  // namespace
 
 std::string VerifiedInstallReceiptWriter::encode(
     const std::string& outputDir, const std::string& manifestSha256, std::uint64_t manifestSize,
     const std::optional<std::string>& sourceRepoID, const std::optional<std::string>& sourceRevision,
     const std::string& toolVersion, const std::vector<RepackAudit::OutputFile>& files) {
-  std::map<std::string, FileRecord> records;
+  std::map<std::string, MorlenManifestFileV1> records;
   for (const RepackAudit::OutputFile& file : files) records[file.relativePath] = {file.size, file.sha256};
   records["manifest.json"] = {manifestSize, manifestSha256};
 
   CanonicalJson json(CanonicalJson::Layout::pretty, CanonicalJson::Slashes::plain);
   json.beginObject();
-  writeFiles(json, records);
+  writeManifestFiles(json.key("files"), records);
   json.member("manifestSha256", manifestSha256);
-  json.member("modelDirectoryPath", standardizedPath(outputDir));
+  json.member("modelDirectoryPath", repairedUtf8(standardizedPath(outputDir)));
   json.member("schemaVersion", std::uint64_t{1});
   if (sourceRepoID) json.member("sourceRepoID", *sourceRepoID);
   if (sourceRevision) json.member("sourceRevision", *sourceRevision);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <limits>
 #include <map>
+#include <optional>
 #include <set>
 #include <string_view>
 #include <utility>
@@ -24,9 +25,12 @@ namespace vellicor {
 
 namespace {
 
-const std::string manifestName = "manifest.json";
-const std::string layoutPath = "packed_experts/layout.json";
-const std::string receiptName = VerifiedInstallReceiptWriter::receiptFilename;
+constexpr const char* manifestName = "manifest.json";
+constexpr const char* layoutPath = "packed_experts/layout.json";
+constexpr const char* receiptName = VerifiedInstallReceiptWriter::receiptFilename;
+
+/// Far beyond any artifact's nesting; the walk holds two descriptors a level.
+constexpr int maximumWalkDepth = 1024;
 
 using OutputFile = RepackAudit::OutputFile;
 
@@ -38,7 +42,7 @@ auto withFormatErrors(std::string_view prefix, Operation&& operation) {
   try {
     return operation();
   } catch (const MorlenFormatError& error) {
-    refuse(fmt::format("{}: {}", prefix, error.what()));
+    refuse(fmt::format("{}: {}", prefix, error.description()));
   }
 }
 
@@ -106,10 +110,11 @@ void checkLayout(const MorlenManifestV1& manifest, const MorlenPackedExpertsLayo
 /// Reads and checks the packed-experts layout by itself and against the manifest.
 OutputFile verifyLayout(const MorlenDirectoryAccess& directory, const MorlenManifestV1& manifest) {
   const auto entry = manifest.files.find(layoutPath);
-  if (entry == manifest.files.end()) refuse("manifest missing " + layoutPath);
+  if (entry == manifest.files.end()) refuse(std::string("manifest missing ") + layoutPath);
   MetadataFile file = readMetadataFile(directory, layoutPath, VerifiedInstallTool::maximumLayoutBytes);
-  const MorlenPackedExpertsLayoutV1 layout = withFormatErrors(
-      layoutPath + " invalid", [&] { return MorlenPackedExpertsLayoutCodec::decode(file.content); });
+  const MorlenPackedExpertsLayoutV1 layout = withFormatErrors("packed_experts/layout.json invalid", [&] {
+    return MorlenPackedExpertsLayoutCodec::decode(file.content);
+  });
   checkLayout(manifest, layout);
   checkSize(layoutPath, file.record.size, entry->second);
   checkDigest(layoutPath, file.record.sha256, entry->second);
@@ -118,23 +123,18 @@ OutputFile verifyLayout(const MorlenDirectoryAccess& directory, const MorlenMani
 
 /// Every file that the manifest lists, in ascending order of paths.
 std::vector<OutputFile> verifyListedFiles(const MorlenDirectoryAccess& directory,
-                                          const MorlenManifestV1& manifest, const OutputFile& layout) {
+                                          const MorlenManifestV1& manifest, const OutputFile& layout,
+                                          std::uint64_t& bytesVerified) {
   std::vector<OutputFile> verified;
   for (const auto& [path, entry] : manifest.files) {
     verified.push_back(path == layoutPath ? layout : verifyFile(directory, path, entry));
-  }
-  return verified;
-}
-
-std::uint64_t sumOfSizes(std::uint64_t manifestSize, const std::vector<OutputFile>& files) {
-  std::uint64_t sum = manifestSize;
-  for (const OutputFile& file : files) {
-    if (file.size > std::numeric_limits<std::uint64_t>::max() - sum) {
+    const std::uint64_t size = verified.back().size;
+    if (size > std::numeric_limits<std::uint64_t>::max() - bytesVerified) {
       refuse("verified byte count exceeds UInt64");
     }
-    sum += file.size;
+    bytesVerified += size;
   }
-  return sum;
+  return verified;
 }
 
 /// What the directory holds beyond the artifact's files, the directories that hold them, and what a desktop
@@ -145,7 +145,8 @@ std::vector<std::string> unexpectedEntries(const MorlenDirectoryAccess& director
   int maxDepth = MorlenDirectoryAccess::defaultMaxDepth;
   for (const auto& [path, entry] : manifest.files) {
     expected.insert(path);
-    maxDepth = std::max(maxDepth, static_cast<int>(std::ranges::count(path, '/')) + 1);
+    const auto components = std::ranges::count(path, '/') + 1;
+    maxDepth = std::max(maxDepth, static_cast<int>(std::min<std::ptrdiff_t>(components, maximumWalkDepth)));
   }
   const auto isExpected = [&](const std::string& entry) {
     if (entry == ".DS_Store" || entry == "tokenizer" || entry.starts_with("tokenizer/")) return true;
@@ -167,12 +168,11 @@ VerifyInstallResult VerifiedInstallTool::run(const VerifyInstallOptions& options
   const MorlenManifestV1 manifest = withFormatErrors(
       "manifest.json invalid", [&] { return MorlenManifestCodec::decode(manifestFile.content); });
   const OutputFile layout = verifyLayout(directory, manifest);
-  const std::vector<OutputFile> files = verifyListedFiles(directory, manifest, layout);
-
   VerifyInstallResult result;
+  result.bytesVerified = manifestFile.record.size;
+  const std::vector<OutputFile> files = verifyListedFiles(directory, manifest, layout, result.bytesVerified);
   result.receiptPath = joinPath(directory.rootPath(), receiptName);
   result.fileCount = static_cast<std::int64_t>(files.size()) + 1;
-  result.bytesVerified = sumOfSizes(manifestFile.record.size, files);
   result.unexpectedEntries = unexpectedEntries(directory, manifest);
   const std::string receipt = VerifiedInstallReceiptWriter::encode(
       directory.rootPath(), manifestFile.record.sha256, manifestFile.record.size, std::nullopt,
