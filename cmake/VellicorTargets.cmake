@@ -49,6 +49,10 @@ if(VELLICOR_SANITIZE)
   set(sanitizers -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_compile_options(VellicorSettings INTERFACE ${sanitizers})
   target_link_options(VellicorSettings INTERFACE ${sanitizers})
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    # GCC's flow analysis misfires on instrumented code of the standard library.
+    target_compile_options(VellicorSettings INTERFACE -Wno-maybe-uninitialized)
+  endif()
 endif()
 
 # vellicor_library(<name> SOURCES <file>... [LINKS <target>...] [PRIVATE_LINKS <target>...])

@@ -40,23 +40,6 @@ Outcome outcomeOf(CurlTransport& transport, const std::string& url, const HttpHo
   }
 }
 
-TEST(CurlTransportTests, keepsOneConnectionPerHost) {
-  const TinyHub tiny;
-  const std::string storage = tiny.redirected(tiny.shard), cached = tiny.redirected("config.json");
-  const std::uint64_t before = tiny.hub->connectionCount();
-  tiny.hub->clearRequests();
-  CurlTransport transport(tiny.options());
-  for (int round = 0; round < 10; ++round) {
-    EXPECT_EQ(TinyHub::get(transport, tiny.resolve("main/config.json"), "", "HEAD").head->status, 307);
-    EXPECT_EQ(TinyHub::get(transport, cached, "Range: bytes=0-8").body, tiny.bytes("config.json", 0, 9));
-    const Received large = TinyHub::get(transport, storage, "Range: bytes=1-60000");
-    EXPECT_EQ(large.head->url.string(), storage);
-    EXPECT_TRUE(large.body == tiny.bytes(tiny.shard, 1, 60000));
-  }
-  EXPECT_EQ(tiny.hub->requests().size(), 30U);
-  EXPECT_EQ(tiny.hub->connectionCount() - before, 2U);
-}
-
 TEST(CurlTransportTests, turnsWhatTheServerDoesIntoAnswersAndErrors) {
   const TinyHub tiny;
   const std::string url = tiny.redirected(tiny.shard);
@@ -197,22 +180,6 @@ TEST(CurlTransportTests, namesWhatFailedBeforeTheRequest) {
             Outcome(Code::cannotConnect, "could not connect to HOST: Connection refused (URL)"));
   EXPECT_EQ(outcomeOf(transport, "http://localhost/x?token=secret"),
             Outcome(Code::other, "only HTTPS addresses are fetched (URL)"));
-}
-
-TEST(CurlTransportTests, reportsThatDescriptorsRanOut) {
-  const PlainServer server;
-  CurlTransport transport({});
-  rlimit limit{};
-  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
-  const int lowestFree = ::dup(0);
-  ::close(lowestFree);
-  const rlim_t before = std::exchange(limit.rlim_cur, static_cast<rlim_t>(lowestFree));
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
-  const Outcome outcome = outcomeOf(transport, server.url());
-  limit.rlim_cur = before;
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
-  const std::string text = "could not open a connection to HOST: Too many open files (URL)";
-  EXPECT_EQ(outcome, Outcome(Code::resourceUnavailable, text));
 }
 
 TEST(CurlTransportTests, waitsOnlyWhileThereIsNoNetwork) {

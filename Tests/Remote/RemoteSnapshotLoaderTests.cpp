@@ -50,22 +50,6 @@ struct SnapshotHub : ScriptedHub {
   }
 };
 
-TEST(RemoteSnapshotLoader, ReadsTheHeadersOfOneCommit) {
-  SnapshotHub hub;
-  const RemoteSnapshot snapshot = hub.load(Known::accept);
-  EXPECT_EQ(snapshot.arch.numExperts, 9);
-  ASSERT_EQ(snapshot.shardHeaders.size(), 2u);
-  EXPECT_EQ(snapshot.shardHeaders[0].tensors.at(0).name, "a");
-  EXPECT_EQ(snapshot.shardHeaders[1].tensors.at(0).name, "b");
-  EXPECT_EQ(snapshot.remoteFiles.size(), 4u);
-  EXPECT_EQ(snapshot.remoteFiles.at("s2").size, hub.files["s2"].size());
-  EXPECT_EQ(hub.leftovers(), 0);
-  const std::string at = "https://hub.test/o/n/resolve/", s2 = "GET " + at + commit + "/s2 bytes=8-";
-  EXPECT_EQ(hub.transport->wire.at(0), "HEAD " + at + "main/" + indexName + " - Bearer T0KEN");
-  EXPECT_EQ(hub.transport->wire.at(7), "HEAD " + at + commit + "/s2 - Bearer T0KEN");
-  EXPECT_EQ(hub.transport->wire.at(9), s2 + std::to_string(hub.files["s2"].size() - 65) + " Bearer T0KEN");
-}
-
 TEST(RemoteSnapshotLoader, RefusalsLeaveNoTemporaryFile) {
   const std::string header = "safetensors header at s1 ", index = SnapshotHub().files[indexName];
   const std::string differs = " commit differs from index commit",
