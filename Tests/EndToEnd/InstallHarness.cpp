@@ -47,7 +47,7 @@ std::uint64_t firstByte(const std::string& range) {
 }  // namespace
 
 bool isPayload(const SyntheticCheckpoint& checkpoint, const HubRequest& request) {
-  if (request.method != "GET" || !request.file.ends_with(".safetensors")) return false;
+  if (!request.isFinalHop || request.method != "GET" || !request.file.ends_with(".safetensors")) return false;
   return firstByte(request.range) >= checkpoint.payloadOffset(request.file);
 }
 
@@ -93,18 +93,15 @@ std::string InstallHarness::installError(const RemoteStreamingRepackOptions& opt
 void InstallHarness::interruptAtRange(std::size_t index) {
   auto seen = std::make_shared<std::size_t>(0);
   hub->setFaults([this, index, seen](const HubRequest& request) -> std::optional<HubFault> {
-    if (!request.isFinalHop || !isPayload(*checkpoint, request) || (*seen)++ < index) return std::nullopt;
-    HubFault fault;
-    fault.resetAfter = 1;
-    return fault;
+    if (!isPayload(*checkpoint, request) || (*seen)++ < index) return std::nullopt;
+    return HubFault{.resetAfter = 1};
   });
 }
 
 std::vector<std::string> InstallHarness::payloadRanges() const {
   std::vector<std::string> ranges;
   for (const HubRequest& request : hub->requests()) {
-    if (request.isFinalHop && isPayload(*checkpoint, request))
-      ranges.push_back(request.file + " " + request.range);
+    if (isPayload(*checkpoint, request)) ranges.push_back(request.file + " " + request.range);
   }
   return ranges;
 }

@@ -57,7 +57,7 @@ class InstallHarness {
   std::vector<ModelInstallProgress> events;
 };
 
-/// Whether a request fetches payload: a ranged GET of a shard behind its header.
+/// Whether a request fetches payload on its last hop: a ranged GET of a shard behind its header.
 bool isPayload(const SyntheticCheckpoint& checkpoint, const HubRequest& request);
 
 }  // namespace vellicor::testing

@@ -1,10 +1,7 @@
 #include <filesystem>
-#include <mutex>
-#include <thread>
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "Tests/EndToEnd/InstallHarness.h"
 #include "Tests/Support/Expect.h"
@@ -15,14 +12,8 @@ namespace vellicor {
 namespace {
 
 namespace fs = std::filesystem;
-using ::testing::ElementsAre;
-using ::testing::ElementsAreArray;
-using ::testing::HasSubstr;
-using testing::InstallHarness;
-using ::testing::IsEmpty;
-using testing::readTree;
-using ::testing::StartsWith;
-using testing::tinyShape;
+using namespace ::testing;
+using namespace testing;
 
 /// What stands beside the output, by name.
 std::vector<std::string> namesBeside(const InstallHarness& harness) {
@@ -35,14 +26,17 @@ std::vector<std::string> namesBeside(const InstallHarness& harness) {
   return names;
 }
 
+const std::vector<std::string> finished = {"m.morlen", "m.morlen.install.lock"};
+const std::vector<std::string> resumable = {"m.morlen.install.lock", "m.morlen.partial",
+                                            "m.morlen.resume.json"};
+
 /// An install that was interrupted at its range number `index`.
 void interrupt(InstallHarness& harness, std::size_t index) {
   harness.interruptAtRange(index);
   ASSERT_NE(harness.installError(harness.options()), "no error");
   harness.hub->setFaults(nullptr);
   harness.hub->clearRequests();
-  ASSERT_EQ(namesBeside(harness),
-            (std::vector<std::string>{"m.morlen.install.lock", "m.morlen.partial", "m.morlen.resume.json"}));
+  ASSERT_EQ(namesBeside(harness), resumable);
 }
 
 RemoteStreamingRepackOptions resuming(InstallHarness& harness) {
@@ -51,34 +45,11 @@ RemoteStreamingRepackOptions resuming(InstallHarness& harness) {
   return options;
 }
 
-/// Flips a bit of a payload byte that a finished range has already put in its place.
-void damageFinishedRange(const InstallHarness& harness) {
-  const std::string path = harness.output + ".partial/model_weights.bin";
-  std::string content = testing::readFile(path);
-  const std::string expected = harness.predicted().contents().at("model_weights.bin");
-  std::size_t offset = MorlenFormatV1::alignmentBytes;
-  while (content.at(offset) != expected.at(offset) || expected.at(offset) == 0) ++offset;
-  content[offset] = static_cast<char>(content[offset] ^ 1);
-  testing::writeFile(path, content);
-}
-
 TEST(Install, EveryByteIsWhereTheFormatWantsIt) {
-  struct Row {
-    const char* name;
-    SyntheticCheckpoint::Shape shape;
-    std::int64_t rangeChunkBytes;
-    std::int64_t writeTileBytes;
-  };
-  SyntheticCheckpoint::Shape wide;
-  wide.layers = 3;
-  wide.experts = 5;
-  wide.hidden = 128;
-  wide.shards = 4;
-  wide.excludedTensors = 9;
-  SyntheticCheckpoint::Shape oneShard;
-  oneShard.shards = 1;
-  oneShard.excludedTensors = 0;
-  const std::vector<Row> rows = {
+  const SyntheticCheckpoint::Shape wide{
+      .layers = 3, .experts = 5, .hidden = 128, .shards = 4, .excludedTensors = 9};
+  const SyntheticCheckpoint::Shape oneShard{.shards = 1, .excludedTensors = 0};
+  const std::vector<std::tuple<std::string, SyntheticCheckpoint::Shape, int, int>> rows = {
       {"one-byte ranges and tiles", tinyShape(), 1, 1},
       {"seven-byte ranges, tiles larger than a range", tinyShape(), 7, 64},
       {"ranges that cut tensors, tiles that cut ranges", {}, 4096, 1000},
@@ -86,31 +57,20 @@ TEST(Install, EveryByteIsWhereTheFormatWantsIt) {
       {"one range a shard, the largest tile", wide, 67108864, 1048575},
       {"one shard without gaps", oneShard, 30000, 524288},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    InstallHarness harness(SyntheticCheckpoint::custom(row.shape, 7));
+  for (const auto& [name, shape, rangeBytes, tileBytes] : rows) {
+    SCOPED_TRACE(name);
+    InstallHarness harness(SyntheticCheckpoint::custom(shape, 7));
     RemoteStreamingRepackOptions options = harness.options();
-    options.rangeChunkBytes = row.rangeChunkBytes;
-    options.writeTileBytes = row.writeTileBytes;
+    options.rangeChunkBytes = rangeBytes;
+    options.writeTileBytes = tileBytes;
     const RemoteStreamingRepackResult result = harness.install(options);
     EXPECT_THAT(harness.predicted().differences(harness.output), IsEmpty());
+    EXPECT_EQ(harness.hub->connectionCount(), 2U) << "one connection to each host, kept for all";
     EXPECT_EQ(harness.payloadRanges().size(), result.rangeRequestCount);
     EXPECT_EQ(result.downloadedThisRunBytes, result.remoteBytesToDownload);
-    EXPECT_EQ(namesBeside(harness), (std::vector<std::string>{"m.morlen", "m.morlen.install.lock"}));
+    EXPECT_EQ(namesBeside(harness), finished);
     EXPECT_THAT(VerifiedInstallTool::run({harness.output}).unexpectedEntries, IsEmpty());
   }
-}
-
-TEST(Install, TheMiniatureIsWhatTheFormatWants) {
-  InstallHarness harness(SyntheticCheckpoint::miniature(3));
-  RemoteStreamingRepackOptions options = harness.options();
-  options.requireKnownSource = true;
-  options.rangeChunkBytes = 67108864;
-  const RemoteStreamingRepackResult result = harness.install(options);
-  EXPECT_THAT(harness.predicted().differences(harness.output), IsEmpty());
-  EXPECT_EQ(result.plan.resident.entries.size(), 597U);
-  EXPECT_EQ(result.plan.excludedMultimodalTensorNames.size(), 358U);
-  EXPECT_EQ(harness.hub->connectionCount(), 2U) << "one connection to each host, kept for the whole install";
 }
 
 TEST(Install, ADamagedArtifactIsNoneThatTheFormatWants) {
@@ -118,10 +78,10 @@ TEST(Install, ADamagedArtifactIsNoneThatTheFormatWants) {
   harness.install(harness.options());
   const PredictedArtifact predicted = harness.predicted();
   ASSERT_THAT(predicted.differences(harness.output), IsEmpty());
-  std::string weights = testing::readFile(harness.output + "/model_weights.bin");
+  std::string weights = readFile(harness.output + "/model_weights.bin");
   weights[20000] = static_cast<char>(weights[20000] ^ 1);
-  testing::writeFile(harness.output + "/model_weights.bin", weights);
-  testing::writeFile(harness.output + "/packed_experts/extra", "x");
+  writeFile(harness.output + "/model_weights.bin", weights);
+  writeFile(harness.output + "/packed_experts/extra", "x");
   fs::remove(harness.output + "/tokenizer/tokenizer.json");
   fs::rename(harness.output + "/tokenizer/config.json", harness.directory / "config.json");
   fs::create_symlink(harness.directory / "config.json", harness.output + "/tokenizer/config.json");
@@ -152,7 +112,7 @@ TEST(Install, AResumeAsksOnlyForWhatIsMissing) {
                 ElementsAreArray(ranges.begin() + static_cast<std::ptrdiff_t>(index), ranges.end()));
     EXPECT_EQ(result.reusedBytes + result.downloadedThisRunBytes, result.remoteBytesToDownload);
     EXPECT_THAT(harness.predicted().differences(harness.output), IsEmpty());
-    EXPECT_EQ(namesBeside(harness), (std::vector<std::string>{"m.morlen", "m.morlen.install.lock"}));
+    EXPECT_EQ(namesBeside(harness), finished);
   }
 }
 
@@ -160,11 +120,17 @@ TEST(Install, OneFlippedByteCostsOneRange) {
   InstallHarness whole;
   const std::size_t rangeCount = whole.install(whole.options()).rangeRequestCount;
   InstallHarness harness;
-  const std::size_t finished = rangeCount - 2;
-  interrupt(harness, finished);
-  damageFinishedRange(harness);
+  interrupt(harness, rangeCount - 2);
+  // In a payload byte that a finished range has already put in its place.
+  const std::string path = harness.output + ".partial/model_weights.bin";
+  std::string content = readFile(path);
+  const std::string expected = harness.predicted().contents().at("model_weights.bin");
+  std::size_t offset = MorlenFormatV1::alignmentBytes;
+  while (content.at(offset) != expected.at(offset) || expected.at(offset) == 0) ++offset;
+  content[offset] = static_cast<char>(content[offset] ^ 1);
+  writeFile(path, content);
   harness.install(resuming(harness));
-  EXPECT_EQ(harness.payloadRanges().size(), rangeCount - finished + 1);
+  EXPECT_EQ(harness.payloadRanges().size(), 3U);
   EXPECT_THAT(harness.predicted().differences(harness.output), IsEmpty());
 }
 
@@ -172,20 +138,14 @@ TEST(Install, ATruncatedOutputStartsTheCopyOver) {
   InstallHarness harness;
   interrupt(harness, 4);
   fs::resize_file(harness.output + ".partial/packed_experts/layer_00.bin", 100);
-  testing::writeFile(harness.output + ".partial/vellicor-range-LEFTOVER.tmp", "left by a crash");
+  writeFile(harness.output + ".partial/vellicor-range-LEFTOVER.tmp", "left by a crash");
   const RemoteStreamingRepackResult result = harness.install(resuming(harness));
   EXPECT_EQ(result.reusedBytes, 0U);
   EXPECT_THAT(harness.predicted().differences(harness.output), IsEmpty());
 }
 
 TEST(Install, RefusalsLeaveEverythingAsItIs) {
-  struct Row {
-    const char* name;
-    /// Prepares the disk and the options.
-    std::function<void(InstallHarness&, RemoteStreamingRepackOptions&)> arrange;
-    /// With "OUT" for the output's path.
-    std::string error;
-  };
+  using Arrange = std::function<void(InstallHarness&, RemoteStreamingRepackOptions&)>;
   const auto interruptedWith = [](auto change) {
     return [change](InstallHarness& harness, RemoteStreamingRepackOptions& options) {
       interrupt(harness, 2);
@@ -193,35 +153,27 @@ TEST(Install, RefusalsLeaveEverythingAsItIs) {
       change(harness, options);
     };
   };
-  const std::string checkpoint = "OUT.resume.json";
-  const std::vector<Row> rows = {
-      {"an output that exists", [](auto& h, auto&) { testing::writeFile(h.output + "/precious", "x"); },
-       "configuration invalid: output directory already exists: OUT"},
-      {"an output that is a file", [](auto& h, auto&) { testing::writeFile(h.output, "x"); },
-       "unsafe installer path OUT: unexpected regular entry"},
-      {"a partial directory that is a link",
-       [](auto& h, auto&) { fs::create_directory_symlink(h.directory.path(), h.output + ".partial"); },
-       "unsafe installer path OUT.partial: unexpected symlink entry"},
+  const std::string incompatible = "install state is incompatible: saved download ";
+  const std::string apart =
+      "install state at OUT.partial is corrupt: partial directory and checkpoint must exist together";
+  // What prepares the disk and the options, and the error with "OUT" for the output's path.
+  const std::vector<std::tuple<std::string, Arrange, std::string>> rows = {
       {"a saved download, not resumed", interruptedWith([](auto&, auto& o) { o.resume = false; }),
-       "install state is incompatible: saved download exists; resume or discard it"},
-      {"nothing to resume", [](auto&, auto& o) { o.resume = true; },
-       "no resumable install state exists for " + checkpoint},
+       incompatible + "exists; resume or discard it"},
       {"a checkpoint without its directory",
-       interruptedWith([](auto& h, auto&) { fs::remove_all(h.output + ".partial"); }),
-       "install state at OUT.partial is corrupt: partial directory and checkpoint must exist together"},
+       interruptedWith([](auto& h, auto&) { fs::remove_all(h.output + ".partial"); }), apart},
       {"a directory without its checkpoint",
-       interruptedWith([](auto& h, auto&) { fs::remove(h.output + ".resume.json"); }),
-       "install state at OUT.partial is corrupt: partial directory and checkpoint must exist together"},
+       interruptedWith([](auto& h, auto&) { fs::remove(h.output + ".resume.json"); }), apart},
       {"another repository", interruptedWith([](auto&, auto& o) { o.repoID = "other/model"; }),
-       "install state is incompatible: saved download belongs to a different source"},
+       incompatible + "belongs to a different source"},
       {"another revision", interruptedWith([](auto& h, auto& o) { o.revision = h.checkpoint->commit(); }),
-       "install state is incompatible: saved download belongs to a different source"},
+       incompatible + "belongs to a different source"},
       {"another range size", interruptedWith([](auto&, auto& o) { o.rangeChunkBytes = 4097; }),
-       "install state is incompatible: saved download source or copy plan changed"},
+       incompatible + "source or copy plan changed"},
       {"a checkpoint that names another size", interruptedWith([](auto& h, auto&) {
          RemoteInstallCheckpoint saved = RemoteInstallCheckpoint::load(h.output + ".resume.json");
          saved.completedRanges[0].sourceBytes -= 1;
-         testing::writeFile(h.output + ".resume.json", saved.encoded());
+         writeFile(h.output + ".resume.json", saved.encoded());
        }),
        "install state at OUT.partial is corrupt: checkpoint contains an unknown range"},
       {"a range size of zero", [](auto&, auto& o) { o.rangeChunkBytes = 0; },
@@ -233,17 +185,17 @@ TEST(Install, RefusalsLeaveEverythingAsItIs) {
       {"negative attempts", [](auto&, auto& o) { o.rangeRetryAttempts = -1; },
        "configuration invalid: bad range retry attempts -1"},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
+  for (const auto& [name, arrange, expected] : rows) {
+    SCOPED_TRACE(name);
     InstallHarness harness;
     RemoteStreamingRepackOptions options = harness.options();
-    row.arrange(harness, options);
+    arrange(harness, options);
     std::map<std::string, std::string> before = readTree(harness.directory.path());
     std::string error = harness.installError(options);
     for (std::size_t at; (at = error.find(harness.output)) != std::string::npos;) {
       error.replace(at, harness.output.size(), "OUT");
     }
-    EXPECT_EQ(error, row.error);
+    EXPECT_EQ(error, expected);
     std::map<std::string, std::string> after = readTree(harness.directory.path());
     for (auto* tree : {&before, &after}) {
       std::erase_if(*tree, [](const auto& file) {
@@ -256,16 +208,7 @@ TEST(Install, RefusalsLeaveEverythingAsItIs) {
   }
 }
 
-TEST(Install, ASpaceThatIsShortIsNamedBeforeAnyPayload) {
-  InstallHarness harness;
-  RemoteStreamingRepackOptions options = harness.options();
-  options.minFreeReserveBytes = std::uint64_t{1} << 62;
-  EXPECT_THAT(harness.installError(options),
-              StartsWith("insufficient disk space for " + harness.directory.path() + ": required 461168"));
-  EXPECT_THAT(harness.payloadRanges(), IsEmpty());
-}
-
-TEST(Install, ADryRunLeavesOnlyTheLock) {
+TEST(Install, SpaceIsCheckedBeforeAnyPayload) {
   InstallHarness harness;
   RemoteStreamingRepackOptions options = harness.options();
   options.dryRunSpaceCheck = true;
@@ -274,36 +217,33 @@ TEST(Install, ADryRunLeavesOnlyTheLock) {
   EXPECT_GT(result.remoteBytesToDownload, 0U);
   EXPECT_EQ(result.downloadedThisRunBytes, 0U);
   EXPECT_EQ(namesBeside(harness), std::vector<std::string>{"m.morlen.install.lock"});
+  options.dryRunSpaceCheck = false;
+  options.minFreeReserveBytes = std::uint64_t{1} << 62;
+  EXPECT_THAT(harness.installError(options),
+              StartsWith("insufficient disk space for " + harness.directory.path() + ": required 461168"));
+  EXPECT_THAT(harness.payloadRanges(), IsEmpty());
 }
 
 TEST(Install, OverwriteKeepsTheOldArtifactUntilTheExchange) {
   InstallHarness harness;
-  testing::writeFile(harness.output + "/old", "old");
+  writeFile(harness.output + "/old", "old");
   RemoteStreamingRepackOptions options = harness.options();
   options.overwrite = true;
   harness.interruptAtRange(5);
   ASSERT_NE(harness.installError(options), "no error");
-  EXPECT_EQ(testing::readFile(harness.output + "/old"), "old");
+  RemoteStreamingRepacker::discardPartial(harness.output);
+  EXPECT_EQ(namesBeside(harness), finished);
+  EXPECT_EQ(errorText([&] { RemoteStreamingRepacker::discardPartial(harness.output); }),
+            "no resumable install state exists for " + harness.output + ".resume.json");
 
+  harness.interruptAtRange(5);
+  ASSERT_NE(harness.installError(options), "no error");
+  EXPECT_THAT(readTree(harness.output), ElementsAre(std::pair("old", "old")));
   harness.hub->setFaults(nullptr);
   options.resume = true;
   harness.install(options);
   EXPECT_THAT(harness.predicted().differences(harness.output), IsEmpty());
-  EXPECT_EQ(namesBeside(harness), (std::vector<std::string>{"m.morlen", "m.morlen.install.lock"}));
-}
-
-TEST(Install, DiscardRemovesWhatWasSavedAndNothingElse) {
-  InstallHarness harness;
-  testing::writeFile(harness.output + "/old", "old");
-  RemoteStreamingRepackOptions options = harness.options();
-  options.overwrite = true;
-  harness.interruptAtRange(2);
-  ASSERT_NE(harness.installError(options), "no error");
-  RemoteStreamingRepacker::discardPartial(harness.output);
-  EXPECT_EQ(namesBeside(harness), (std::vector<std::string>{"m.morlen", "m.morlen.install.lock"}));
-  EXPECT_EQ(readTree(harness.output).size(), 1U);
-  EXPECT_EQ(testing::errorText([&] { RemoteStreamingRepacker::discardPartial(harness.output); }),
-            "no resumable install state exists for " + harness.output + ".resume.json");
+  EXPECT_EQ(namesBeside(harness), finished);
 }
 
 TEST(Install, SidecarsAreRequiredOrSkipped) {
@@ -312,15 +252,14 @@ TEST(Install, SidecarsAreRequiredOrSkipped) {
   optional.checkpoint->setSmallFile("special_tokens_map.json", "{}");
   optional.install(optional.options());
   EXPECT_FALSE(fs::exists(optional.output + "/tokenizer/chat_template.jinja"));
-  EXPECT_EQ(testing::readFile(optional.output + "/tokenizer/special_tokens_map.json"), "{}");
+  EXPECT_EQ(readFile(optional.output + "/tokenizer/special_tokens_map.json"), "{}");
 
   InstallHarness required;
   required.checkpoint->setSmallFile("tokenizer_config.json", std::nullopt);
   EXPECT_EQ(required.installError(required.options()),
-            "remote HTTP 404: " + required.hub->baseURL() + "/" + testing::labRepoID + "/resolve/" +
+            "remote HTTP 404: " + required.hub->baseURL() + "/" + labRepoID + "/resolve/" +
                 required.checkpoint->commit() + "/tokenizer_config.json");
-  EXPECT_EQ(namesBeside(required),
-            (std::vector<std::string>{"m.morlen.install.lock", "m.morlen.partial", "m.morlen.resume.json"}));
+  EXPECT_EQ(namesBeside(required), resumable);
 }
 
 TEST(Install, TheTokenGoesToTheHubAndNowhereElse) {
@@ -332,8 +271,7 @@ TEST(Install, TheTokenGoesToTheHubAndNowhereElse) {
   options.token = "secret-token";
   options.copyAuditPath = harness.directory / "audit/audit.json";
   harness.install(options);
-  std::size_t toHub = 0;
-  std::size_t toStorage = 0;
+  std::size_t toHub = 0, toStorage = 0;
   for (const HubRequest& request : harness.hub->requests()) {
     EXPECT_EQ(request.authorization, request.host == "localhost" ? "Bearer secret-token" : "")
         << request.target;
@@ -345,19 +283,16 @@ TEST(Install, TheTokenGoesToTheHubAndNowhereElse) {
   for (const auto& [path, content] : readTree(harness.directory.path())) {
     EXPECT_EQ(content.find("secret-token"), std::string::npos) << path;
   }
-  EXPECT_THAT(testing::readFile(harness.directory / "audit/audit.json"),
-              HasSubstr("\"remote_range_requests\" : "));
+  EXPECT_THAT(readFile(harness.directory / "audit/audit.json"), HasSubstr("\"remote_range_requests\" : "));
 }
 
 TEST(Install, CancellingEndsAStalledTransferAtOnceAndLeavesAResumableState) {
   InstallHarness harness;
   std::stop_source stop;
   harness.hub->setFaults([&](const HubRequest& request) -> std::optional<HubFault> {
-    if (!request.isFinalHop || !testing::isPayload(*harness.checkpoint, request)) return std::nullopt;
+    if (!isPayload(*harness.checkpoint, request)) return std::nullopt;
     stop.request_stop();
-    HubFault fault;
-    fault.stallAfter = 10;
-    return fault;
+    return HubFault{.stallAfter = 10};
   });
   EXPECT_EQ(harness.installError(harness.options(), stop.get_token()), "cancelled");
   harness.hub->setFaults(nullptr);

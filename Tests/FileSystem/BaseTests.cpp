@@ -16,60 +16,21 @@ namespace {
 
 using namespace testing;
 
-TEST(RepackError, EveryCaseHasItsText) {
+/// Those that no other test compares to the letter.
+TEST(RepackError, TextsOfTheRarerErrors) {
   using E = RepackError;
   const std::vector<std::pair<E, std::string>> rows = {
-      {E::fileOpenFailed("f", 2), "open(f) failed: errno 2"},
-      {E::fileStatFailed("f", -2), "fstat(f) failed: errno -2"},
-      {E::ftruncateFailed("f", 2), "ftruncate(f) failed: errno 2"},
       {E::pwriteShort("f", 4096, 100, 5), "pwrite(f) short: expected 4096, wrote 100, errno 5"},
-      {E::preadShort("f", 4096, 100, 0), "pread(f) short: expected 4096, got 100, errno 0"},
-      {E::renameFailed("a", "b", 2), "rename(a -> b) failed: errno 2"},
-      {E::fsyncFailed("f", 5), "fsync(f) failed: errno 5"},
-      {E::installBusy("f"), "another installer holds f"},
-      {E::installPathUnsafe("f", "d"), "unsafe installer path f: d"},
-      {E::installStateMissing("f"), "no resumable install state exists for f"},
-      {E::installStateCorrupt("f", "d"), "install state at f is corrupt: d"},
-      {E::installStateIncompatible("d"), "install state is incompatible: d"},
-      {E::promotionUnsupported("f", 22), "atomic directory promotion is unsupported for f: errno 22"},
-      {E::safetensorsHeaderTooLarge("f", 9), "safetensors header at f size 9 exceeds bound"},
-      {E::safetensorsHeaderInvalid("f", "d"), "safetensors header at f invalid: d"},
-      {E::safetensorsUnknownDtype("f", "F8"), "safetensors at f has unsupported dtype F8"},
-      {E::safetensorsTensorOutOfRange("f", "t", 18446744073709551615U, 8),
-       "safetensors f: tensor t ends at 18446744073709551615, file size 8"},
-      {E::indexJsonInvalid("f", "d"), "index.json f invalid: d"},
-      {E::configJsonInvalid("f", "d"), "config.json f invalid: d"},
       {E::quantOverrideCountMismatch(30, 7, {"a", "b", "c", "d", "e", "f", "g"}),
        R"(config.json quantization overrides: expected 30, got 7; sample=["a", "b", "c", "d", "e"])"},
       {E::quantOverrideCountMismatch(30, 0, {}),
        "config.json quantization overrides: expected 30, got 0; sample=[]"},
       {E::missingTensor("t"), "expected tensor missing: t"},
-      {E::unknownTensorPrefix("t"), "unknown tensor prefix: t"},
-      {E::missingScalesCompanion("t"), "quantized tensor t missing .scales companion"},
-      {E::missingBiasesCompanion("t"), "quantized tensor t missing .biases companion"},
-      {E::shapeMismatch("t", "d"), "shape mismatch for t: d"},
-      {E::dtypeMismatch("t", "d"), "dtype mismatch for t: d"},
       {E::sourceFingerprintRejected("f", "abc"), "source fingerprint abc for f is not in known set"},
-      {E::remoteProtocolInvalid("d"), "remote protocol invalid: d"},
-      {E::remoteHTTPStatus("u", 404), "remote HTTP 404: u"},
-      {E::remoteHTTPResponse("u", 429, "7"), "remote HTTP 429: u, Retry-After 7"},
       {E::remoteHTTPResponse("u", 429, ""), "remote HTTP 429: u, Retry-After "},
-      {E::remoteHTTPResponse("u", -1, std::nullopt), "remote HTTP -1: u"},
-      {E::remoteBodyTruncated("f", 9, 8), "remote body for f was truncated: expected 9, received 8"},
-      {E::remoteBodyExceeded("f", 9, 10), "remote body for f exceeded 9 bytes at 10 bytes"},
-      {E::remoteRedirectRejected("u", "d"), "remote redirect rejected for u: d"},
-      {E::remoteRetryDelayExceeded("90000", 3600), "remote Retry-After 90000 exceeds 3600-second cap"},
-      {E::remoteFileTooLarge("f", 10, 9), "remote file f size 10 exceeds cap 9"},
       {E::diskSpaceInsufficient("f", 10, 9), "insufficient disk space for f: required 10, available 9"},
-      {E::scratchExceeded(10, 9), "resident index size 10 exceeds limit 9"},
-      {E::configurationInvalid("d"), "configuration invalid: d"},
   };
-  std::vector<bool> seen(std::variant_size_v<E::Payload>);
-  for (const auto& [error, text] : rows) {
-    EXPECT_EQ(error.what(), text);
-    seen[error.payload().index()] = true;
-  }
-  EXPECT_EQ(std::ranges::count(seen, true), 38);
+  for (const auto& [error, text] : rows) EXPECT_EQ(error.what(), text);
 }
 
 TEST(Sha256Stream, GivesThePublishedDigests) {

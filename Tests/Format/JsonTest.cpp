@@ -47,12 +47,6 @@ TEST(CanonicalJson, DoublesAreShortestAndReadBack) {
   }
 }
 
-TEST(CanonicalJson, DebugBuildsRefuseKeysOutOfOrder) {
-  CanonicalJson json(Layout::compact, Slashes::plain);
-  json.beginObject().member("b", true);
-  EXPECT_DEBUG_DEATH(json.key("a"), "lastKey");
-}
-
 TEST(JsonReading, IntegersAreExact) {
   struct Row {
     const char* text;

@@ -33,12 +33,7 @@ TEST(MorlenPackedExpertsLayoutV1, CrossValidation) {
   using L = MorlenPackedExpertsLayoutV1;
   const char* const dims = "manifest/layout: dimension mismatch";
   const char* const size = "manifest.files.packed_experts/layer_01.bin: missing or wrong layer size";
-  struct Row {
-    const char* name;
-    void (*mutate)(M&, L&);
-    std::string expected;
-  };
-  const Row rows[] = {
+  const std::tuple<const char*, void (*)(M&, L&), std::string> rows[] = {
       {"untouched", [](M&, L&) {}, "no error"},
       {"layers", [](M& m, L&) { m.numLayers = 3; }, dims},
       {"experts", [](M& m, L&) { m.expertsPerLayer = 3; }, dims},
@@ -48,12 +43,12 @@ TEST(MorlenPackedExpertsLayoutV1, CrossValidation) {
       {"missing", [](M& m, L&) { m.files.erase("packed_experts/layer_01.bin"); }, size},
       {"size", [](M& m, L&) { m.files["packed_experts/layer_01.bin"].size += 1; }, size},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
+  for (const auto& [name, mutate, expected] : rows) {
+    SCOPED_TRACE(name);
     M manifest = testing::sampleManifest();
     L layout = testing::sampleLayout();
-    row.mutate(manifest, layout);
-    EXPECT_EQ(errorText([&] { MorlenV1StructuralValidator::crossValidate(manifest, layout); }), row.expected);
+    mutate(manifest, layout);
+    EXPECT_EQ(errorText([&] { MorlenV1StructuralValidator::crossValidate(manifest, layout); }), expected);
   }
 }
 

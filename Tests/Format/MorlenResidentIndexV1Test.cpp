@@ -76,12 +76,7 @@ TEST(MorlenResidentIndexV1, RegionChecks) {
   const char* const truncated = "resident.index: truncated";
   const char* const cap = "resident.indexSize: exceeds v1 metadata cap";
   const char* const table = "resident.entryTable: arithmetic overflow";
-  struct Row {
-    const char* name;
-    void (*mutate)(R&);
-    std::string expected;
-  };
-  const Row rows[] = {
+  const std::tuple<const char*, void (*)(R&), std::string> rows[] = {
       {"above the cap", [](R& r) { r.header.indexSize = 16777217; }, cap},
       {"cap, bytes missing", [](R& r) { r.header.indexSize = 16777216; }, truncated},
       {"size 16383", [](R& r) { r.header.indexSize = 16383; }, truncated},
@@ -94,7 +89,7 @@ TEST(MorlenResidentIndexV1, RegionChecks) {
       {"table beyond", [](R& r) { r.header.entryCount = 228; }, "resident.entryTable: outside index"},
       {"table to the end",
        [](R& r) {
-         r = {{98304, 0, 1365}, std::vector<std::byte>(98304)};
+         r.header = {98304, 0, 1365}, r.bytes.resize(98304);
        },
        alpha + outsideTable},
       {"payload", [](R& r) { r.header.residentSize = ~16383ULL; }, "resident.payload: arithmetic overflow"},
@@ -122,11 +117,11 @@ TEST(MorlenResidentIndexV1, RegionChecks) {
       {"inner overlap", [](R& r) { r.put(alphaAt + 56, 16400, 8); },
        alpha + "biases: overlaps " + alpha + "weights"},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
+  for (const auto& [name, mutate, expected] : rows) {
+    SCOPED_TRACE(name);
     R region = sampleRegion();
-    row.mutate(region);
-    EXPECT_EQ(errorText([&] { region.decode(); }), row.expected);
+    mutate(region);
+    EXPECT_EQ(errorText([&] { region.decode(); }), expected);
   }
 }
 

@@ -9,11 +9,7 @@ namespace vellicor {
 namespace {
 
 TEST(ProgressLines, EveryEventIsOneCompactLine) {
-  struct Row {
-    ModelInstallProgress event;
-    std::string line;
-  };
-  const std::vector<Row> rows = {
+  const std::vector<std::pair<ModelInstallProgress, std::string>> rows = {
       {PlanningProgress{18446744073709551615U, 7},
        R"({"downloadBytes":18446744073709551615,"outputBytes":7,"phase":"planning"})"},
       {CheckingDiskProgress{{"/data", 10, 20}}, R"({"phase":"checkingDisk"})"},
@@ -25,7 +21,7 @@ TEST(ProgressLines, EveryEventIsOneCompactLine) {
       {DownloadingMetadataProgress{}, R"({"phase":"metadata"})"},
       {FinalizingProgress{}, R"({"phase":"finalizing"})"},
   };
-  for (const Row& row : rows) EXPECT_EQ(progressLine(row.event), "PROGRESS " + row.line + "\n");
+  for (const auto& [event, line] : rows) EXPECT_EQ(progressLine(event), "PROGRESS " + line + "\n");
 }
 
 }  // namespace

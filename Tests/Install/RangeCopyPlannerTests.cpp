@@ -4,6 +4,7 @@
 #include "Tests/Source/TinyModel.h"
 #include "Tests/Support/TemporaryDirectory.h"
 #include "VellicorLab/SupportedModelData.h"
+#include "VellicorLab/SyntheticCheckpoint.h"
 #include "VellicorRepackCore/Base/Sha256Stream.h"
 #include "VellicorRepackCore/Install/RangeCopyPlanner.h"
 
@@ -112,21 +113,10 @@ TEST(RangeCopyPlanner, FingerprintIdentifiesThePlanAndNotItsPlace) {
             invalid + "destination /x is outside partial output /elsewhere/deeper/q");
 }
 
-std::string supportedConfig() {
-  std::string overrides;
-  for (int layer = 0; layer < 30; ++layer)
-    overrides +=
-        fmt::format(R"(,"language_model.model.layers.{}.router.proj":{{"group_size":64,"bits":8}})", layer);
-  return R"({"quantization":{"group_size":64,"bits":4,"mode":"affine")" + overrides + R"(},"text_config":{
-    "hidden_size":2816,"num_hidden_layers":30,"intermediate_size":2112,"moe_intermediate_size":704,"num_experts":128,
-    "top_k_experts":8,"num_attention_heads":16,"num_key_value_heads":8,"num_global_key_value_heads":2,"head_dim":256,
-    "global_head_dim":512,"vocab_size":262144,"sliding_window":1024,"final_logit_softcapping":30.0}})";
-}
-
 TEST(SupportedModel, PlansToItsKnownFigures) {
   const TemporaryDirectory directory;
   writeFile(directory / "model.safetensors.index.json", SupportedModelData::indexJson());
-  writeFile(directory / "config.json", supportedConfig());
+  writeFile(directory / "config.json", contentOf(*SyntheticCheckpoint::fullSize(1)->file("config.json")));
   const auto meta = IndexLoader::load(directory.path());
   std::vector<Safetensors::Header> headers;
   for (const std::string_view header : SupportedModelData::shardHeaders()) {

@@ -1,10 +1,6 @@
-#include <semaphore>
-#include <thread>
-
 #include <fmt/format.h>
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
-#include "Tests/Support/Expect.h"
 #include "Tests/Support/TinyHub.h"
 #include "VellicorLab/HubAnswers.h"
 #include "VellicorLab/LocalHub.h"
@@ -12,13 +8,8 @@
 namespace vellicor::testing {
 namespace {
 
-using namespace std::string_literals;
-
 struct Exchange {
-  std::string name;
-  std::string method;
-  std::string url;
-  std::string headers;
+  std::string name, method, url, headers;
   int status;
   /// "-" stands for an absent header.
   std::string expected;
@@ -90,56 +81,6 @@ TEST(LocalHubTests, answersLikeTheHub) {
   EXPECT_EQ(tiny.hub->requests().size(), rows.size() + 1);
   EXPECT_EQ(TinyHub::get(transport, tiny.resolve("main/none")).body, "Entry not found");
   EXPECT_EQ(TinyHub::get(transport, cached, "Accept-Encoding: gzip").body, storedGzip("0123456789"));
-}
-
-TEST(LocalHubTests, logsEveryHopOfALongChainBehindAToken) {
-  const TinyHub tiny([](LocalHub::Options& options) {
-    options.requiredToken = "right";
-    options.storageRedirects = 1;
-  });
-  CurlTransport transport(tiny.options());
-  const std::string url = tiny.resolve("main/" + tiny.shard), range = "Range: bytes=5-8";
-  EXPECT_EQ(TinyHub::get(transport, url, range).head->status, 401);
-  EXPECT_EQ(TinyHub::get(transport, url, range + "; Authorization: Bearer wrong").head->status, 401);
-  tiny.hub->clearRequests();
-  Received received =
-      TinyHub::get(transport, url, range + "; Authorization: Bearer right; Accept-Encoding: identity");
-  while (received.head->status == 302) received = TinyHub::get(transport, received.header("location"), range);
-  EXPECT_EQ(received.body, tiny.bytes(tiny.shard, 5, 4));
-  std::string log;
-  for (const HubRequest& r : tiny.hub->requests()) {
-    EXPECT_EQ(r.file, tiny.shard);
-    log += fmt::format("{} {} {} {} {} [{}] [{}] {}\n", r.number, r.connection, r.host, r.method, r.range,
-                       r.authorization, r.acceptEncoding, r.isFinalHop);
-  }
-  EXPECT_EQ(log,
-            "0 0 localhost GET bytes=5-8 [Bearer right] [identity] false\n"
-            "1 1 127.0.0.1 GET bytes=5-8 [] [] false\n"
-            "2 1 127.0.0.1 GET bytes=5-8 [] [] true\n");
-}
-
-TEST(LocalHubTests, stopsWithConnectionsStalled) {
-  const std::vector<std::pair<HubFault, std::string>> rows = {
-      {{.stallAfter = 4}, "no error, 4 bytes"},
-      {{.stallBeforeHead = true}, "closed the connection without an answer"}};
-  for (const auto& [fault, expected] : rows) {
-    std::binary_semaphore reached(0);
-    TinyHub tiny;
-    const HttpRequest request{.url = *RemoteUrl::parse(tiny.redirected("config.json")), .headers = {}};
-    tiny.hub->setFaults([&, answer = fault](const HubRequest&) {
-      if (answer.stallBeforeHead) reached.release();
-      return answer;
-    });
-    CurlTransport transport(tiny.options());
-    Received received;
-    received.afterPiece = [&] { reached.release(); };
-    std::string outcome;
-    std::jthread client([&] { outcome = errorText([&] { transport.perform(request, {}, received, {}); }); });
-    reached.acquire();
-    tiny.hub.reset();
-    client.join();
-    EXPECT_THAT(fmt::format("{}, {} bytes", outcome, received.body.size()), ::testing::HasSubstr(expected));
-  }
 }
 
 }  // namespace

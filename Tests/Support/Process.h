@@ -6,6 +6,8 @@
 
 #include <sys/types.h>
 
+#include "Tests/Support/TemporaryDirectory.h"
+
 namespace vellicor::testing {
 
 /// How a child process ended.
@@ -29,13 +31,13 @@ class Process {
   Process& operator=(const Process&) = delete;
 
   void kill(int signal);
-  /// Reads to the end of both outputs and reaps the child.
+  /// Waits for the child's end and reaps it.
   ProcessResult wait();
 
  private:
   pid_t pid_ = -1;
-  int output_ = -1;
-  int errors_ = -1;
+  /// The files that stand for its standard streams.
+  TemporaryDirectory streams_;
 };
 
 /// Runs a command to its end.
