@@ -1,16 +1,15 @@
 #include "VellicorRepackCore/Planning/RepackPlanner.h"
 
 #include <algorithm>
-#include <charconv>
 #include <limits>
 #include <map>
-#include <tuple>
 #include <utility>
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
 #include "VellicorRepackCore/Base/Errors.h"
+#include "VellicorRepackCore/Planning/TensorNames.h"
 #include "VellicorRepackCore/Source/SourceFingerprint.h"
 
 namespace vellicor {
@@ -24,28 +23,11 @@ constexpr std::int64_t maximumRoutedExperts = 8192;
 
 constexpr std::uint64_t maximumU32 = std::numeric_limits<std::uint32_t>::max();
 
-constexpr std::string_view embedName = "language_model.model.embed_tokens.weight";
-constexpr std::string_view finalNormName = "language_model.model.norm.weight";
 constexpr std::string_view weightSuffix = ".weight";
-
-constexpr std::array<std::string_view, 3> excludedPrefixes = {"vision_tower.", "embed_vision.",
-                                                              "audio_tower."};
-
-struct Role {
-  std::string_view name;
-  std::string_view marker;
-};
-/// In blob order.
-constexpr std::array<Role, 3> roles = {
-    {{"gate", ".gate_proj."}, {"up", ".up_proj."}, {"down", ".down_proj."}}};
 
 using Registry = std::map<std::string_view, const SourceTensor*>;
 /// The routed weights of one layer, by role; nullptr where there is none.
-using RoutedBundle = std::array<const SourceTensor*, roles.size()>;
-
-bool contains(std::string_view text, std::string_view part) {
-  return text.find(part) != std::string_view::npos;
-}
+using RoutedBundle = std::array<const SourceTensor*, expertRoles.size()>;
 
 std::string child(const std::string& directory, std::string_view name) {
   return fmt::format("{}{}{}", directory, directory.ends_with('/') ? "" : "/", name);
@@ -65,64 +47,6 @@ Registry buildRegistry(const std::vector<Safetensors::Header>& shardHeaders) {
   return registry;
 }
 
-// ---- Names ----
-
-std::optional<std::int64_t> layerIndex(std::string_view name) {
-  constexpr std::string_view marker = ".layers.";
-  const auto found = name.find(marker);
-  if (found == std::string_view::npos) return std::nullopt;
-  const std::string_view rest = name.substr(found + marker.size());
-  const auto dot = rest.find('.');
-  if (dot == std::string_view::npos) return std::nullopt;
-  std::int64_t index = 0;
-  const char* fieldEnd = rest.data() + dot;
-  const auto [parsedEnd, error] = std::from_chars(rest.data(), fieldEnd, index);
-  if (error != std::errc() || parsedEnd != fieldEnd) return std::nullopt;
-  return index;
-}
-
-/// The rank of a tensor among those of its layer: the first rule that matches.
-int slotRank(std::string_view name) {
-  constexpr std::array<std::string_view, 12> containsRules = {
-      ".self_attn.q_proj.weight", ".self_attn.k_proj.weight",
-      ".self_attn.v_proj.weight", ".self_attn.o_proj.weight",
-      ".self_attn.q_norm.weight", ".self_attn.k_norm.weight",
-      ".router.proj.weight",      ".router.scale",
-      ".router.per_expert_scale", ".mlp.gate_proj.weight",
-      ".mlp.up_proj.weight",      ".mlp.down_proj.weight",
-  };
-  constexpr std::array<std::string_view, 8> endsWithRules = {
-      ".input_layernorm.weight",
-      ".post_attention_layernorm.weight",
-      ".pre_feedforward_layernorm.weight",
-      ".pre_feedforward_layernorm_2.weight",
-      ".post_feedforward_layernorm.weight",
-      ".post_feedforward_layernorm_1.weight",
-      ".post_feedforward_layernorm_2.weight",
-      ".layer_scalar",
-  };
-  int rank = 0;
-  for (const auto rule : containsRules) {
-    if (contains(name, rule)) return rank;
-    ++rank;
-  }
-  for (const auto rule : endsWithRules) {
-    if (name.ends_with(rule)) return rank;
-    ++rank;
-  }
-  return 100;
-}
-
-/// What resident tensors are sorted by: group, layer, slot, name.
-using ResidentKey = std::tuple<int, std::int64_t, int, std::string_view>;
-
-ResidentKey residentKey(std::string_view name) {
-  if (name == embedName) return {0, 0, 0, name};
-  if (name == finalNormName) return {3, 0, 0, name};
-  if (const auto layer = layerIndex(name)) return {1, *layer, slotRank(name), name};
-  return {2, 0, 0, name};
-}
-
 // ---- Classification ----
 
 struct Classified {
@@ -131,33 +55,11 @@ struct Classified {
   std::vector<std::string> excluded;
 };
 
-bool isExcluded(std::string_view name) {
-  return std::any_of(excludedPrefixes.begin(), excludedPrefixes.end(),
-                     [&](std::string_view prefix) { return name.starts_with(prefix); });
-}
-
-bool isCompanion(std::string_view name) { return name.ends_with(".scales") || name.ends_with(".biases"); }
-
-struct RoutedSlot {
-  std::int64_t layer;
-  std::size_t role;
-};
-
-std::optional<RoutedSlot> routedSlot(std::string_view name, std::int64_t numLayers) {
-  if (!contains(name, ".experts.switch_glu.")) return std::nullopt;
-  const auto role = std::find_if(roles.begin(), roles.end(),
-                                 [&](const Role& candidate) { return contains(name, candidate.marker); });
-  if (role == roles.end()) return std::nullopt;
-  const auto layer = layerIndex(name);
-  if (!layer || *layer < 0 || *layer >= numLayers) return std::nullopt;
-  return RoutedSlot{*layer, static_cast<std::size_t>(role - roles.begin())};
-}
-
 void addRouted(const RoutedSlot& slot, const SourceTensor& tensor, Classified& classified) {
   const SourceTensor*& place = classified.routed[slot.layer][slot.role];
   if (place != nullptr) {
     throw RepackError::configurationInvalid(
-        fmt::format("two routed-expert tensors for layer {} role {}", slot.layer, roles[slot.role].name));
+        fmt::format("two routed-expert tensors for layer {} role {}", slot.layer, expertRoles[slot.role]));
   }
   place = &tensor;
 }
@@ -166,7 +68,7 @@ void addRouted(const RoutedSlot& slot, const SourceTensor& tensor, Classified& c
 Classified classify(const Registry& registry, std::int64_t numLayers) {
   Classified classified;
   for (const auto& [name, tensor] : registry) {
-    if (isExcluded(name)) {
+    if (isExcludedMultimodal(name)) {
       classified.excluded.emplace_back(name);
     } else if (isCompanion(name)) {
       continue;
@@ -286,7 +188,7 @@ void checkStacked(const SourceTensor& weight, std::uint64_t experts) {
 LayerFilePlan planLayerFile(LayerFilePlan plan, const RoutedBundle& bundle, const Registry& registry,
                             const IndexLoader::SourceMetadata& meta) {
   const auto experts = static_cast<std::uint64_t>(plan.expertsPerLayer);
-  for (std::size_t role = 0; role < roles.size(); ++role) {
+  for (std::size_t role = 0; role < expertRoles.size(); ++role) {
     const SourceTensor& weight = *bundle[role];
     checkStacked(weight, experts);
     const auto [scales, biases, bits] = quantisedSource(weight, registry, meta);
@@ -295,7 +197,7 @@ LayerFilePlan planLayerFile(LayerFilePlan plan, const RoutedBundle& bundle, cons
       throw RepackError::shapeMismatch(
           weight.name, fmt::format("source bytes not evenly divisible by {} experts", experts));
     }
-    const std::string_view name = roles[role].name;
+    const std::string_view name = expertRoles[role];
     appendSlice(plan, name, "weights", weight,
                 unpackedShape(weight.name, shapeOfOneExpert(weight.name, weight), bits), bits);
     appendSlice(plan, name, "scales", scales, shapeOfOneExpert(weight.name, scales), std::nullopt);
@@ -308,9 +210,9 @@ LayerFilePlan planLayerFile(LayerFilePlan plan, const RoutedBundle& bundle, cons
 void requireComplete(std::int64_t layer, const RoutedBundle& bundle) {
   if (std::find(bundle.begin(), bundle.end(), nullptr) == bundle.end()) return;
   std::vector<std::string> present;
-  for (std::size_t role = 0; role < roles.size(); ++role) {
+  for (std::size_t role = 0; role < expertRoles.size(); ++role) {
     if (bundle[role] == nullptr) continue;
-    present.push_back(fmt::format("\"{}\": \"{}\"", roles[role].name, bundle[role]->name));
+    present.push_back(fmt::format("\"{}\": \"{}\"", expertRoles[role], bundle[role]->name));
   }
   throw RepackError::configurationInvalid(
       fmt::format("layer {} routed-expert bundle incomplete: [{}]", layer, fmt::join(present, ", ")));

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string_view>
+#include <tuple>
+
+namespace vellicor {
+
+// What the name of a source tensor says about it. Everything here looks at names alone.
+
+/// The projections of a routed expert, in blob order.
+inline constexpr std::array<std::string_view, 3> expertRoles = {"gate", "up", "down"};
+
+/// Which layer and which of `expertRoles` the stacked weight of a routed expert belongs to.
+struct RoutedSlot {
+  std::int64_t layer;
+  std::size_t role;
+};
+
+/// What resident tensors are sorted by: group, layer, slot, name. Refers to the name it was made from.
+using ResidentKey = std::tuple<int, std::int64_t, int, std::string_view>;
+
+/// Of the vision and audio parts, which no artifact holds.
+bool isExcludedMultimodal(std::string_view name);
+
+/// Scales or biases, which are found through their weight.
+bool isCompanion(std::string_view name);
+
+/// Nothing for a tensor that is no routed expert's, or of a layer beyond the model's.
+std::optional<RoutedSlot> routedSlot(std::string_view name, std::int64_t numLayers);
+
+/// The embedding first, then layer by layer, then the others, the final norm last.
+ResidentKey residentKey(std::string_view name);
+
+}  // namespace vellicor
