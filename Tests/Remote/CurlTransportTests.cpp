@@ -83,9 +83,9 @@ TEST(CurlTransportTests, turnsWhatTheServerDoesIntoAnswersAndErrors) {
 TEST(CurlTransportTests, slowAnswersMeetTheDeadlineOnly) {
   const TinyHub tiny;
   const std::string url = tiny.redirected(tiny.shard);
-  tiny.hub->setFaults([](const HubRequest&) { return HubFault{.closeAfter = 10, .trickle = 60ms}; });
+  tiny.hub->setFaults([](const HubRequest&) { return HubFault{.closeAfter = 12, .trickle = 200ms}; });
   CurlTransport transport(tiny.options());
-  EXPECT_EQ(outcomeOf(transport, url, {.idleTimeout = 500ms}), Outcome(std::nullopt, "206, 10 bytes"));
+  EXPECT_EQ(outcomeOf(transport, url, {.idleTimeout = 2s}), Outcome(std::nullopt, "206, 12 bytes"));
   EXPECT_EQ(outcomeOf(transport, url, {.deadline = std::chrono::steady_clock::now() + 100ms}),
             Outcome(Code::timedOut, "the exchange with HOST did not end within its time (URL)"));
 }
