@@ -91,6 +91,7 @@ LabCertificate LabCertificate::make(const std::vector<std::string>& names) {
   setName(certificate.get(), names.at(0));
 
   std::vector<std::string> alternatives;
+  alternatives.reserve(names.size());
   for (const std::string& name : names) alternatives.push_back(alternativeName(name));
   addExtension(certificate.get(), NID_subject_alt_name, fmt::format("{}", fmt::join(alternatives, ",")));
   // Its own authority, so that a client can be told to trust just this one.

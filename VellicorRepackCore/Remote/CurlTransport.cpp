@@ -124,7 +124,7 @@ List headerList(const HttpHeaders& headers) {
   if (!headers.get("User-Agent")) append("User-Agent: VellicorRepack/1.0");
   for (const auto& [name, value] : headers.fields()) {
     // libcurl spells a field without a value with a semicolon.
-    append(value.empty() ? name + ";" : name + ": " + value);
+    append(value.empty() ? name + ";" : fmt::format("{}: {}", name, value));
   }
   return list;
 }
@@ -401,7 +401,7 @@ void CurlTransport::perform(const HttpRequest& request, const HttpHopLimits& lim
     Hop hop(request, limits, observer, stop, impl_->options.maximumHeaderBytes);
     const std::optional<NetworkError> failure = impl_->attempt(hop);
     if (!failure) return;
-    if (!impl_->shouldWaitForNetwork(*failure, request, limits)) throw *failure;
+    if (!impl_->shouldWaitForNetwork(*failure, request, limits)) throw NetworkError(*failure);
     sleepUnlessCancelled(std::min<Clock::duration>(connectivityPollInterval, limits.deadline - Clock::now()),
                          stop);
     if (Clock::now() >= limits.deadline) {
