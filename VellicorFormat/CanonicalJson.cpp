@@ -104,6 +104,8 @@ CanonicalJson& CanonicalJson::value(double number) {
   assert(std::isfinite(number));
   beginValue();
   appendNumber(text_, number);
+  // "-0" would read back as the integer 0.
+  if (number == 0 && std::signbit(number)) text_ += ".0";
   return *this;
 }
 

@@ -30,8 +30,9 @@ class JsonDecodingError : public std::runtime_error {
 nlohmann::json parseJson(std::string_view text);
 
 inline constexpr std::size_t maximumJsonDepth = 512;
-/// Four times what the largest record of this system holds.
-inline constexpr std::size_t maximumJsonValues = 2000000;
+/// Five times what the largest record of this system holds. At up to 160 bytes each, the tree of a text stays
+/// below 256 MiB.
+inline constexpr std::size_t maximumJsonValues = 1500000;
 
 /// Typed access to the members of one JSON object; `where` names the object in messages ("" for the
 /// document). Every accessor throws `JsonDecodingError` when the member is missing or of another type.

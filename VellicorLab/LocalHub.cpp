@@ -47,6 +47,9 @@ using asio::ip::tcp;
 constexpr std::size_t pieceBytes = 262144;
 constexpr std::uint32_t maximumRequestHeadBytes = 65536;
 constexpr std::chrono::milliseconds acceptRetryDelay{50};
+const std::string endlessLine = "x-endless: " + std::string(1000, 'x');
+// Of application data under TLS 1.2 or later, as its header says; no key makes sense of the rest.
+const std::string corruptRecord = std::string("\x17\x03\x03\x00\x40", 5) + std::string(64, 'x');
 
 struct Connection {
   Connection(tcp::socket socket, asio::ssl::context& tls, std::uint64_t connectionNumber)
@@ -59,7 +62,7 @@ struct Connection {
   std::uint64_t number;
 };
 
-enum class Ending { none, close, drop, reset, stall };
+enum class Ending { none, close, drop, reset, corrupt, stall };
 
 // How much of a body goes out, and what happens then.
 struct BodyPlan {
@@ -119,10 +122,11 @@ HubAnswer faultyAnswer(HubAnswer answer, const HubFault& fault) {
 }
 
 BodyPlan bodyPlan(std::uint64_t available, const HubFault& fault) {
-  const std::array<std::pair<std::optional<std::uint64_t>, Ending>, 4> limits = {
+  const std::array<std::pair<std::optional<std::uint64_t>, Ending>, 5> limits = {
       {{fault.closeAfter, Ending::close},
        {fault.dropAfter, Ending::drop},
        {fault.resetAfter, Ending::reset},
+       {fault.corruptAfter, Ending::corrupt},
        {fault.stallAfter, Ending::stall}}};
   BodyPlan plan{.bytes = available, .ending = fault.http10 ? Ending::close : Ending::none};
   for (const auto& [limit, ending] : limits) {
@@ -239,12 +243,13 @@ struct LocalHub::Impl {
     const std::string head = headText(answer, fault);
     if (fault.stallBeforeHead) co_await end(connection, Ending::stall);
     if (fault.resetBeforeHead) co_return co_await end(connection, Ending::reset);
-    if (fault.endlessHeaders) co_await sendEndlessHeaders(connection, fault.preamble + head);
+    if (fault.endlessHeaders) co_await sendEndlessly(connection, fault.preamble + head, endlessLine + "\r\n");
+    if (fault.endlessHeaderLine) co_await sendEndlessly(connection, fault.preamble + head, endlessLine);
     co_await send(connection, fault.preamble);
     if (fault.closeBeforeHead) co_return co_await end(connection, Ending::close);
 
     co_await send(connection, head + "\r\n");
-    const BodyPlan plan = bodyPlan(hasBody ? answer.body.size + fault.extraBytes : 0, fault);
+    const BodyPlan plan = bodyPlan((hasBody ? answer.body.size : 0) + fault.extraBytes, fault);
     co_await sendBody(connection, answer, fault, plan.bytes);
     if (plan.ending != Ending::none) co_return co_await end(connection, plan.ending);
     if (hasBody && answer.chunked) co_await send(connection, "0\r\n\r\n");
@@ -265,6 +270,10 @@ struct LocalHub::Impl {
       case Ending::reset:
         connection.stream.next_layer().set_option(asio::socket_base::linger(true, 0));
         connection.stream.next_layer().close();
+        break;
+      case Ending::corrupt:
+        co_await asio::async_write(connection.stream.next_layer(), asio::buffer(corruptRecord),
+                                   use_awaitable);
         break;
       case Ending::stall:
         co_await waitUntil(connection, std::chrono::steady_clock::time_point::max());
@@ -308,11 +317,9 @@ struct LocalHub::Impl {
   }
 
   // Returns by the exception of the write that fails.
-  asio::awaitable<void> sendEndlessHeaders(Connection& connection, std::string text) {
-    while (true) {
-      co_await send(connection, text);
-      text = "x-endless: " + std::string(1000, 'x') + "\r\n";
-    }
+  asio::awaitable<void> sendEndlessly(Connection& connection, std::string text, std::string repeated) {
+    co_await send(connection, std::move(text));
+    while (true) co_await send(connection, repeated);
   }
 
   asio::awaitable<void> wait(Connection& connection, std::chrono::milliseconds duration) {

@@ -56,10 +56,12 @@ struct HubFault {
   bool resetBeforeHead = false;
   /// Close in good order instead of sending a head; `preamble` is sent.
   bool closeBeforeHead = false;
+  /// Send a TLS record whose bits were changed on the way after this many body bytes, then close.
+  std::optional<std::uint64_t> corruptAfter{};
   /// Send no more after this many body bytes, keeping the connection open until the hub is stopped.
   std::optional<std::uint64_t> stallAfter{};
   bool stallBeforeHead = false;
-  /// Body bytes appended beyond what is announced.
+  /// Body bytes appended beyond what is announced, an answer to HEAD included.
   std::uint64_t extraBytes = 0;
   /// Flips the lowest bit of the body byte at this position.
   std::optional<std::uint64_t> flipByte{};
@@ -67,6 +69,8 @@ struct HubFault {
   bool chunked = false;
   /// Sends header lines without end, until the client goes.
   bool endlessHeaders = false;
+  /// The same within one header line.
+  bool endlessHeaderLine = false;
   /// One body byte per this time.
   std::optional<std::chrono::milliseconds> trickle{};
   /// Announces HTTP/1.0 and closes after the body.

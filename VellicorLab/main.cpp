@@ -1,7 +1,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
-#include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <fstream>
@@ -10,7 +9,6 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -23,6 +21,7 @@
 #include "VellicorLab/LocalHub.h"
 #include "VellicorLab/PredictedArtifact.h"
 #include "VellicorLab/SyntheticCheckpoint.h"
+#include "VellicorLab/TemporaryDirectory.h"
 #include "VellicorRepack/Console.h"
 #include "VellicorRepack/Run.h"
 #include "VellicorRepackCore/Base/Environment.h"
@@ -31,32 +30,6 @@
 namespace vellicor {
 
 namespace {
-
-/// Where the hub's certificate goes: the file that was asked for, or one in a private directory that goes
-/// away with this object.
-class CertificatePlace {
- public:
-  explicit CertificatePlace(const std::string& wanted) : path_(wanted) {
-    if (!path_.empty()) return;
-    directory_ = (std::filesystem::temp_directory_path() / "vellicor-lab-XXXXXX").string();
-    if (::mkdtemp(directory_.data()) == nullptr) {
-      throw std::system_error(errno, std::generic_category(), directory_);
-    }
-    path_ = directory_ + "/ca.pem";
-  }
-  ~CertificatePlace() {
-    std::error_code ignored;
-    if (!directory_.empty()) std::filesystem::remove_all(directory_, ignored);
-  }
-  CertificatePlace(const CertificatePlace&) = delete;
-  CertificatePlace& operator=(const CertificatePlace&) = delete;
-
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-  std::string directory_;
-};
 
 /// Takes SIGINT and SIGTERM away from every thread started later, to be waited for instead.
 class StopSignals {
@@ -126,12 +99,13 @@ std::string readyLine(const LocalHub& hub) {
 
 int serve(const HubFlags& flags) {
   const StopSignals signals;
-  const CertificatePlace certificate(flags.caFile);
+  std::optional<TemporaryDirectory> certificatePlace;
+  if (flags.caFile.empty()) certificatePlace.emplace();
   std::ofstream log;
   LocalHub::Options options;
   options.repository = repositoryOf(flags);
   options.port = flags.port.value_or(0);
-  options.caFilePath = certificate.path();
+  options.caFilePath = certificatePlace ? *certificatePlace / "ca.pem" : flags.caFile;
   options.requiredToken = flags.token;
   options.bytesPerSecond = flags.bytesPerSecond.value_or(0);
   if (!flags.logFile.empty()) {
@@ -169,6 +143,7 @@ RemoteStreamingRepackOptions optionsOf(const InstallFlags& flags) {
 }
 
 int install(const InstallFlags& flags) {
+  ignoreWriteSignals();
   std::optional<RemoteStreamingRepackOptions> options;
   try {
     options = optionsOf(flags);

@@ -1,5 +1,6 @@
 #include "VellicorRepack/Run.h"
 
+#include <csignal>
 #include <exception>
 #include <filesystem>
 #include <optional>
@@ -68,6 +69,11 @@ struct ModeRunner {
 };
 
 }  // namespace
+
+void ignoreWriteSignals() {
+  std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
+}
 
 int run(const std::vector<std::string>& arguments) {
   std::optional<Mode> mode;

@@ -23,6 +23,7 @@ find_package(fmt 9 REQUIRED)
 find_package(nlohmann_json 3.11 REQUIRED)
 
 option(VELLICOR_SANITIZE "Build with the address and undefined-behaviour sanitizers" OFF)
+option(VELLICOR_FUZZ "Build the fuzzing programs instead of the tests; needs clang with libFuzzer" OFF)
 
 add_library(VellicorSettings INTERFACE)
 target_compile_features(VellicorSettings INTERFACE cxx_std_20)
@@ -53,6 +54,12 @@ if(VELLICOR_SANITIZE)
     # GCC's flow analysis misfires on instrumented code of the standard library.
     target_compile_options(VellicorSettings INTERFACE -Wno-maybe-uninitialized)
   endif()
+endif()
+if(VELLICOR_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    message(FATAL_ERROR "VELLICOR_FUZZ needs clang with libFuzzer, and this is ${CMAKE_CXX_COMPILER_ID}")
+  endif()
+  target_compile_options(VellicorSettings INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 
 # vellicor_library(<name> SOURCES <file>... [LINKS <target>...] [PRIVATE_LINKS <target>...])

@@ -4,7 +4,7 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
-#include "Tests/EndToEnd/InstallHarness.h"
+#include "VellicorTrials/InstallHarness.h"
 
 namespace vellicor {
 namespace {

@@ -3,10 +3,10 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
-#include "Tests/EndToEnd/InstallHarness.h"
 #include "Tests/Support/Expect.h"
 #include "VellicorRepackCore/Base/Errors.h"
 #include "VellicorRepackCore/Verification/VerifiedInstallTool.h"
+#include "VellicorTrials/InstallHarness.h"
 
 namespace vellicor {
 namespace {

@@ -7,11 +7,11 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
-#include "Tests/EndToEnd/InstallHarness.h"
-#include "Tests/Support/Process.h"
+#include "VellicorLab/ChildProcess.h"
 #include "VellicorRepackCore/FileSystem/InstallLock.h"
 #include "VellicorRepackCore/Install/RemoteInstallCheckpoint.h"
 #include "VellicorRepackCore/Install/SupportedModelSource.h"
+#include "VellicorTrials/InstallHarness.h"
 
 namespace vellicor {
 namespace {
@@ -22,8 +22,8 @@ using namespace testing;
 
 using Environment = std::vector<std::pair<std::string, std::string>>;
 
-const std::string installer = VELLICOR_BIN_DIR "/VellicorRepack";
-const std::string lab = VELLICOR_BIN_DIR "/VellicorLab";
+const std::string installer = programPath("VellicorRepack");
+const std::string lab = programPath("VellicorLab");
 
 constexpr const char* usage =
     "Usage:\n"
@@ -44,7 +44,7 @@ Environment against(const InstallHarness& harness) {
 ProcessResult runInstaller(std::vector<std::string> arguments, const Environment& environment = {},
                            const std::string& workingDirectory = "") {
   arguments.insert(arguments.begin(), installer);
-  return runProcess(arguments, environment, workingDirectory);
+  return runProcess(arguments, {.environment = environment, .workingDirectory = workingDirectory});
 }
 
 InstallHarness& miniatureHub() {
@@ -177,15 +177,6 @@ TEST(Program, AnotherInstallerHoldsTheOutput) {
   }
 }
 
-/// The lab's install of the harness's checkpoint in small ranges.
-std::vector<std::string> labInstall(const InstallHarness& harness, const std::string& more = "") {
-  std::istringstream words(fmt::format(
-      "{} install --base-url {} --ca-file {} --repo {} --revision main --output {} --range-chunk-bytes 4096 "
-      "--min-free-reserve-bytes 0 --retry-base-delay-ns 0 {}",
-      lab, harness.hub->baseURL(), harness.hub->caFile(), labRepoID, harness.output, more));
-  return {std::istream_iterator<std::string>(words), {}};
-}
-
 TEST(Program, AKillCostsTheRangeInFlightAndNoMore) {
   InstallHarness whole;
   whole.install(whole.options());
@@ -202,7 +193,7 @@ TEST(Program, AKillCostsTheRangeInFlightAndNoMore) {
       reached.release();
       return HubFault{.stallAfter = 100};
     });
-    Process process(labInstall(harness));
+    ChildProcess process(harness.command());
     reached.acquire();
     process.kill(SIGKILL);
     EXPECT_EQ(process.wait().status, 128 + SIGKILL);
@@ -210,7 +201,7 @@ TEST(Program, AKillCostsTheRangeInFlightAndNoMore) {
 
     harness.hub->setFaults(nullptr);
     harness.hub->clearRequests();
-    const ProcessResult resumed = runProcess(labInstall(harness, "--resume"));
+    const ProcessResult resumed = runProcess(harness.command({"--resume"}));
     EXPECT_EQ(resumed.status, 0) << resumed.errors;
     EXPECT_THAT(resumed.output, HasSubstr("Installed lab-owner/lab-model\n"));
     EXPECT_THAT(harness.payloadRanges(),
@@ -221,13 +212,13 @@ TEST(Program, AKillCostsTheRangeInFlightAndNoMore) {
 
 TEST(Program, TheLabSpeaksAsTheInstallerDoes) {
   InstallHarness harness;
-  const std::vector<std::tuple<std::string, int, std::string>> rows = {
-      {"--range-chunk-bytes -1", 1, "install failed: configuration invalid: bad range chunk bytes -1\n"},
-      {"--require-known-source", 1, "install failed: source fingerprint "},
-      {"--dry-run", 0, ""},
+  const std::vector<std::tuple<std::vector<std::string>, int, std::string>> rows = {
+      {{"--write-tile-bytes", "-1"}, 1, "install failed: configuration invalid: bad write tile bytes -1\n"},
+      {{"--require-known-source"}, 1, "install failed: source fingerprint "},
+      {{"--dry-run"}, 0, ""},
   };
   for (const auto& [more, status, errors] : rows) {
-    const ProcessResult result = runProcess(labInstall(harness, more));
+    const ProcessResult result = runProcess(harness.command(more));
     EXPECT_EQ(result.status, status);
     EXPECT_THAT(result.errors, StartsWith(errors));
     fs::remove_all(harness.output + ".partial");

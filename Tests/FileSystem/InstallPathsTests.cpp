@@ -5,7 +5,7 @@
 #include <gmock/gmock.h>
 
 #include "Tests/Support/Expect.h"
-#include "Tests/Support/TemporaryDirectory.h"
+#include "VellicorLab/TemporaryDirectory.h"
 #include "VellicorRepackCore/FileSystem/DiskSpaceChecker.h"
 #include "VellicorRepackCore/FileSystem/InstallLock.h"
 #include "VellicorRepackCore/FileSystem/RemoteInstallPaths.h"
@@ -79,6 +79,27 @@ TEST(InstallLock, IsHeldUntilItGoes) {
   }
   EXPECT_EQ(attempt(), "no error");
   EXPECT_EQ(Posix::entryKind(output + ".install.lock"), Posix::EntryKind::regular);
+}
+
+TEST(InstallLock, HoldsThePartialDirectoryItself) {
+  const TemporaryDirectory directory;
+  const std::string output = directory / "m", partial = output + ".partial";
+  InstallLock first = InstallLock::acquire(output);
+  first.holdPartialDirectory();
+  first.requirePartialDirectory();
+  fs::remove(output + ".install.lock");
+  EXPECT_EQ(errorText([&] { InstallLock::acquire(output); }),
+            fmt::format("another installer holds {}.install.lock", output));
+
+  fs::rename(partial, directory / "moved");
+  fs::create_directory(partial);
+  EXPECT_EQ(
+      errorText([&] { first.requirePartialDirectory(); }),
+      fmt::format("unsafe installer path {}: partial directory was replaced during the install", partial));
+  fs::remove(partial);
+  fs::create_directory_symlink(directory / "moved", partial);
+  EXPECT_EQ(errorText([&] { first.requirePartialDirectory(); }),
+            fmt::format("unsafe installer path {}: unexpected symlink entry", partial));
 }
 
 TEST(DiskSpaceChecker, MeasuresWhereTheOutputWillLand) {

@@ -5,7 +5,7 @@
 #include <sys/stat.h>
 
 #include "Tests/Support/Expect.h"
-#include "Tests/Support/TemporaryDirectory.h"
+#include "VellicorLab/TemporaryDirectory.h"
 #include "VellicorRepackCore/Base/Sha256Stream.h"
 #include "VellicorRepackCore/FileSystem/MorlenDirectoryAccess.h"
 

@@ -6,7 +6,7 @@
 #include <sys/stat.h>
 
 #include "Tests/Support/Expect.h"
-#include "Tests/Support/TemporaryDirectory.h"
+#include "VellicorLab/TemporaryDirectory.h"
 #include "VellicorRepackCore/FileSystem/Posix.h"
 
 namespace vellicor {
@@ -95,6 +95,34 @@ TEST_F(PosixTest, ADescriptorMatchesOnlyItsOwnRegularFile) {
   EXPECT_FALSE(Posix::descriptorMatchesPath(open.get(), link)) << "a link to the same file";
   writeFile(missing, "abc");
   EXPECT_FALSE(Posix::descriptorMatchesPath(open.get(), missing)) << "another file";
+}
+
+TEST_F(PosixTest, NothingIsReachedThroughALinkedDirectory) {
+  writeFile(folder + "/sub/entry", "abc");
+  const std::string linked = directory / "linked";
+  fs::create_directory_symlink(folder, linked);
+  const std::string entry = linked + "/sub/entry", other = linked + "/sub/other";
+  const std::vector<std::pair<std::function<void()>, std::string>> rows = {
+      {[&] { Posix::openReadNoFollow(entry); }, entry},
+      {[&] { Posix::openExistingRW(entry); }, entry},
+      {[&] { Posix::openCreateRWNoFollow(other); }, other},
+      {[&] { Posix::openCreateExclusive(other, 0600); }, other},
+      {[&] { Posix::openDirectory(linked + "/sub"); }, linked + "/sub"},
+      {[&] { Posix::readBoundedData(entry, 3); }, entry},
+      {[&] { Posix::unlink(entry); }, entry},
+      {[&] { Posix::removeTree(entry); }, entry},
+      {[&] { Posix::atomicWrite("new", other, linked + "/sub"); }, other + ".tmp"},
+  };
+  for (const auto& [action, path] : rows) {
+    EXPECT_EQ(errorText(action), fmt::format("open({}) failed: errno {}", path, ELOOP));
+  }
+  EXPECT_EQ(errorText([&] { Posix::rename(entry, directory / "x"); }),
+            fmt::format("rename({} -> {}) failed: errno {}", entry, directory / "x", ELOOP));
+  EXPECT_EQ(errorText([&] { Posix::rename(file, other); }),
+            fmt::format("rename({} -> {}) failed: errno {}", file, other, ELOOP));
+  EXPECT_EQ(readFile(folder + "/sub/entry"), "abc");
+  EXPECT_EQ(readFile(file), "abc");
+  EXPECT_EQ(std::distance(fs::directory_iterator(folder + "/sub"), fs::directory_iterator()), 1);
 }
 
 TEST_F(PosixTest, FollowsLinksWhereItIsToldTo) {

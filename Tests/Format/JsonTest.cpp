@@ -37,8 +37,9 @@ TEST(CanonicalJson, TextThatIsNotUtf8IsRefused) {
 }
 
 TEST(CanonicalJson, DoublesAreShortestAndReadBack) {
-  const std::pair<double, const char*> rows[] = {
-      {30, "30"}, {0.1, "0.1"}, {1e6, "1000000"}, {5e-324, "5e-324"}, {1.0 / 3, "0.3333333333333333"}};
+  const std::pair<double, const char*> rows[] = {{30, "30"},         {-0.0, "-0.0"},
+                                                 {0.1, "0.1"},       {1e6, "1000000"},
+                                                 {5e-324, "5e-324"}, {1.0 / 3, "0.3333333333333333"}};
   for (const auto& [number, expected] : rows) {
     CanonicalJson json(Layout::compact, Slashes::plain);
     const std::string text = std::move(json.value(number)).take();
@@ -88,7 +89,7 @@ TEST(JsonReading, HostileTextsEndAsTheCodecsOwnError) {
       {"empty", ""},
       {"NUL", std::string(3, '\0')},
       {"brackets", std::string(1 << 20, '[')},
-      {"millions of values", "[" + std::string(2000001, ',') + "]"},
+      {"millions of values", "[" + std::string(1500001, ',') + "]"},
       {"no object", "[]"},
       {"cut short", manifest.substr(0, manifest.size() / 2)},
       {"something behind", manifest + "x"},

@@ -2,7 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "Tests/Support/TemporaryDirectory.h"
+#include "VellicorLab/TemporaryDirectory.h"
 
 namespace vellicor::testing {
 

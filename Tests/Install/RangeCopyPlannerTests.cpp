@@ -2,9 +2,9 @@
 #include <gmock/gmock.h>
 
 #include "Tests/Source/TinyModel.h"
-#include "Tests/Support/TemporaryDirectory.h"
 #include "VellicorLab/SupportedModelData.h"
 #include "VellicorLab/SyntheticCheckpoint.h"
+#include "VellicorLab/TemporaryDirectory.h"
 #include "VellicorRepackCore/Base/Sha256Stream.h"
 #include "VellicorRepackCore/Install/RangeCopyPlanner.h"
 

@@ -10,9 +10,9 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "Tests/Support/TemporaryDirectory.h"
 #include "VellicorLab/FolderRepository.h"
 #include "VellicorLab/SyntheticCheckpoint.h"
+#include "VellicorLab/TemporaryDirectory.h"
 #include "VellicorRepackCore/Source/Safetensors.h"
 
 namespace vellicor {
@@ -73,9 +73,9 @@ TEST(SyntheticCheckpoint, ShardsAreCoveredExactlyUnalignedAndAsTheIndexSays) {
 }
 
 TEST(FolderRepository, ServesRegularFilesInsideItsFolderOnly) {
-  const testing::TemporaryDirectory directory;
-  testing::writeFile(directory / "outside.txt", "secret");
-  testing::writeFile(directory / "root/sub/a.safetensors", "0123456789");
+  const TemporaryDirectory directory;
+  writeFile(directory / "outside.txt", "secret");
+  writeFile(directory / "root/sub/a.safetensors", "0123456789");
   std::filesystem::create_symlink(directory / "outside.txt", directory / "root/link");
   const FolderRepository folder(directory / "root");
   EXPECT_EQ(contentOf(*folder.file("sub/a.safetensors")), "0123456789");

@@ -23,6 +23,7 @@ TEST(RemoteUrlTests, parsesAbsoluteUrls) {
       {"https://h:99999/", ""},
       {"https://h/a b", ""},
       {"https://user:secret@h/", ""},
+      {"https://%39/", ""},
       {std::string("https://h/a\0b", 13), ""},
   };
   for (const auto& [text, expected] : rows) {

@@ -10,7 +10,7 @@
 #include <gmock/gmock.h>
 
 #include "Tests/Support/Expect.h"
-#include "Tests/Support/TemporaryDirectory.h"
+#include "VellicorLab/TemporaryDirectory.h"
 #include "VellicorRepackCore/Base/Cancellation.h"
 #include "VellicorRepackCore/Base/Errors.h"
 #include "VellicorRepackCore/Remote/HuggingFaceRemote.h"

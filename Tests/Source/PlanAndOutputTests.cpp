@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "Tests/Source/TinyModel.h"
-#include "Tests/Support/TemporaryDirectory.h"
+#include "VellicorLab/TemporaryDirectory.h"
 #include "VellicorRepackCore/Output/MorlenJSON.h"
 #include "VellicorRepackCore/Output/MorlenLayoutValidator.h"
 #include "VellicorRepackCore/Output/ResidentWriter.h"

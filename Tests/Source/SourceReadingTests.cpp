@@ -1,7 +1,7 @@
 #include <gmock/gmock.h>
 
 #include "Tests/Source/TinyModel.h"
-#include "Tests/Support/TemporaryDirectory.h"
+#include "VellicorLab/TemporaryDirectory.h"
 
 namespace vellicor {
 namespace {

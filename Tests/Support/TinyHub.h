@@ -7,9 +7,9 @@
 
 #include <fmt/format.h>
 
-#include "Tests/Support/TemporaryDirectory.h"
 #include "VellicorLab/LocalHub.h"
 #include "VellicorLab/SyntheticCheckpoint.h"
+#include "VellicorLab/TemporaryDirectory.h"
 #include "VellicorRepackCore/Remote/CurlTransport.h"
 
 namespace vellicor::testing {

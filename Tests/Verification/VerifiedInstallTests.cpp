@@ -5,9 +5,9 @@
 #include <nlohmann/json.hpp>
 
 #include "Tests/Support/Expect.h"
-#include "Tests/Support/TemporaryDirectory.h"
 #include "VellicorFormat/MorlenManifestV1.h"
 #include "VellicorFormat/MorlenPackedExpertsLayoutV1.h"
+#include "VellicorLab/TemporaryDirectory.h"
 #include "VellicorRepackCore/Base/Sha256Stream.h"
 #include "VellicorRepackCore/FileSystem/Posix.h"
 #include "VellicorRepackCore/Verification/VerifiedInstallReceiptWriter.h"

@@ -9,11 +9,21 @@
 
 namespace vellicor {
 
+namespace {
+
+void requireUnreplaced(bool matches, const std::string& path) {
+  if (!matches) throw RepackError::installPathUnsafe(path, "lock path was replaced during acquisition");
+}
+
+}  // namespace
+
 InstallLock::InstallLock(RemoteInstallPaths paths, FileDescriptor descriptor)
     : paths_(std::move(paths)), descriptor_(std::move(descriptor)) {}
 
 InstallLock::~InstallLock() {
-  if (descriptor_) ::flock(descriptor_.get(), LOCK_UN);
+  for (const FileDescriptor* held : {&partialDirectory_, &descriptor_}) {
+    if (*held) ::flock(held->get(), LOCK_UN);
+  }
 }
 
 InstallLock InstallLock::acquire(const std::string& outputDirectory) {
@@ -30,10 +40,30 @@ InstallLock InstallLock::acquire(const std::string& outputDirectory) {
   // An installer that had the lock before may have changed what the paths are.
   InstallLock lock(std::move(paths), std::move(descriptor));
   lock.paths_.validateEntryTypes();
-  if (!Posix::descriptorMatchesPath(lock.descriptor_.get(), lock.paths_.lockFile)) {
-    throw RepackError::installPathUnsafe(lock.paths_.lockFile, "lock path was replaced during acquisition");
-  }
+  requireUnreplaced(Posix::descriptorMatchesPath(lock.descriptor_.get(), lock.paths_.lockFile),
+                    lock.paths_.lockFile);
+  if (Posix::entryKind(lock.paths_.partialDirectory) != Posix::EntryKind::absent) lock.holdPartialDirectory();
   return lock;
+}
+
+void InstallLock::holdPartialDirectory() {
+  if (partialDirectory_) return;
+  const std::string& path = paths_.partialDirectory;
+  Posix::mkdirP(path);
+  FileDescriptor directory = Posix::openDirectory(path);
+  const int result = retryInterrupted([&] { return ::flock(directory.get(), LOCK_EX | LOCK_NB); });
+  // Some network file systems lock no directories; any other failure is theirs.
+  if (result < 0 && errno == EWOULDBLOCK) throw RepackError::installBusy(paths_.lockFile);
+  partialDirectory_ = std::move(directory);
+  requireUnreplaced(Posix::descriptorMatchesPath(partialDirectory_.get(), path, Posix::EntryKind::directory),
+                    path);
+}
+
+void InstallLock::requirePartialDirectory() const {
+  paths_.validateEntryTypes();
+  const std::string& path = paths_.partialDirectory;
+  if (Posix::descriptorMatchesPath(partialDirectory_.get(), path, Posix::EntryKind::directory)) return;
+  throw RepackError::installPathUnsafe(path, "partial directory was replaced during the install");
 }
 
 }  // namespace vellicor

@@ -20,7 +20,9 @@
 #include <sys/mount.h>
 #include <sys/param.h>
 #else
+#include <linux/openat2.h>
 #include <sys/statvfs.h>
+#include <sys/syscall.h>
 #endif
 
 #include "VellicorRepackCore/FileSystem/RemovedUnlessKept.h"
@@ -43,6 +45,10 @@ struct FreeBlocks {
 
 #if defined(__APPLE__)
 
+int openDirectoryWithoutLinks(const char* path) {
+  return ::open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW_ANY | O_CLOEXEC);
+}
+
 int exchangePaths(const char* a, const char* b) { return ::renamex_np(a, b, RENAME_SWAP); }
 
 int syncToDevice(int fd) {
@@ -62,6 +68,17 @@ FreeBlocks freeBlocks(const std::string& path) {
 }
 
 #else
+
+int openDirectoryWithoutLinks(const char* path) {
+  constexpr int flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
+  struct open_how how {};
+  how.flags = flags;
+  how.resolve = RESOLVE_NO_SYMLINKS;
+  const long result = ::syscall(SYS_openat2, AT_FDCWD, path, &how, sizeof how);
+  // A kernel before 5.6, or a sandbox that has not heard of the call: then the last component alone.
+  const bool isUnknown = result < 0 && (errno == ENOSYS || errno == EPERM);
+  return isUnknown ? ::open(path, flags | O_NOFOLLOW) : static_cast<int>(result);
+}
 
 int exchangePaths(const char* a, const char* b) {
   return ::renameat2(AT_FDCWD, a, AT_FDCWD, b, RENAME_EXCHANGE);
@@ -87,6 +104,33 @@ FreeBlocks freeBlocks(const std::string& path) {
 FileDescriptor openPath(const std::string& path, int flags, unsigned mode = 0) {
   return FileDescriptor(checkedCall(RepackError::fileOpenFailed, path,
                                     [&] { return ::open(path.c_str(), flags | O_CLOEXEC, mode); }));
+}
+
+/// An entry as the directory that holds it, reached through no link, and its name in there.
+struct Entry {
+  template <typename MakeError>
+  Entry(const std::string& path, MakeError&& makeError)
+      : directory(
+            checkedCall(makeError, [&] { return openDirectoryWithoutLinks(directoryOf(path).c_str()); })),
+        name(lastPathComponent(path)) {
+    if (name.empty()) name = ".";
+  }
+
+  static std::string directoryOf(const std::string& path) {
+    const std::string parent = parentPath(path);
+    return parent.empty() ? "." : parent;
+  }
+
+  FileDescriptor directory;
+  std::string name;
+};
+
+FileDescriptor openWithoutLinks(const std::string& path, int flags, unsigned mode = 0) {
+  const auto openError = [&](std::int32_t code) { return RepackError::fileOpenFailed(path, code); };
+  const Entry entry(path, openError);
+  return FileDescriptor(checkedCall(openError, [&] {
+    return ::openat(entry.directory.get(), entry.name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC, mode);
+  }));
 }
 
 Posix::EntryKind kindOf(mode_t mode) {
@@ -174,26 +218,33 @@ std::string_view Posix::name(EntryKind kind) {
 
 FileDescriptor Posix::openRead(const std::string& path) { return openPath(path, O_RDONLY); }
 
-FileDescriptor Posix::openReadNoFollow(const std::string& path) {
-  return openPath(path, O_RDONLY | O_NOFOLLOW);
-}
+FileDescriptor Posix::openReadNoFollow(const std::string& path) { return openWithoutLinks(path, O_RDONLY); }
 
-FileDescriptor Posix::openExistingRW(const std::string& path) { return openPath(path, O_RDWR | O_NOFOLLOW); }
+FileDescriptor Posix::openExistingRW(const std::string& path) { return openWithoutLinks(path, O_RDWR); }
 
 FileDescriptor Posix::openCreateRW(const std::string& path) {
   return openPath(path, O_RDWR | O_CREAT | O_TRUNC, 0644);
 }
 
+FileDescriptor Posix::openCreateRWNoFollow(const std::string& path) {
+  return openWithoutLinks(path, O_RDWR | O_CREAT | O_TRUNC, 0644);
+}
+
 FileDescriptor Posix::openCreateExclusive(const std::string& path, unsigned mode) {
-  return openPath(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, mode);
+  return openWithoutLinks(path, O_WRONLY | O_CREAT | O_EXCL, mode);
 }
 
 FileDescriptor Posix::openDirectory(const std::string& path) {
-  return openPath(path, O_RDONLY | O_NOFOLLOW | O_DIRECTORY);
+  return openWithoutLinks(path, O_RDONLY | O_DIRECTORY);
 }
 
 FileDescriptor Posix::openLock(const std::string& path) {
-  return openPath(path, O_RDWR | O_CREAT | O_NOFOLLOW, 0600);
+  return openWithoutLinks(path, O_RDWR | O_CREAT, 0600);
+}
+
+FileDescriptor Posix::openParent(const std::string& path) {
+  return std::move(
+      Entry(path, [&](std::int32_t code) { return RepackError::fileOpenFailed(path, code); }).directory);
 }
 
 std::uint64_t Posix::fileSize(int fd, const std::string& path) {
@@ -211,11 +262,11 @@ Posix::EntryKind Posix::entryKind(const std::string& path) {
   throw RepackError::fileStatFailed(path, code);
 }
 
-bool Posix::descriptorMatchesPath(int fd, const std::string& path) {
+bool Posix::descriptorMatchesPath(int fd, const std::string& path, EntryKind kind) {
   const struct stat opened = fileStatus(fd, path);
   struct stat named {};
   checkedCall(RepackError::fileStatFailed, path, [&] { return ::lstat(path.c_str(), &named); });
-  return opened.st_dev == named.st_dev && opened.st_ino == named.st_ino && S_ISREG(named.st_mode);
+  return opened.st_dev == named.st_dev && opened.st_ino == named.st_ino && kindOf(named.st_mode) == kind;
 }
 
 std::string Posix::physicalPath(const std::string& path) {
@@ -231,8 +282,12 @@ std::string Posix::physicalPath(const std::string& path) {
 void Posix::mkdirP(const std::string& path) { std::filesystem::create_directories(path); }
 
 void Posix::rename(const std::string& from, const std::string& to) {
-  checkedCall([&](std::int32_t code) { return RepackError::renameFailed(from, to, code); },
-              [&] { return ::rename(from.c_str(), to.c_str()); });
+  const auto renameError = [&](std::int32_t code) { return RepackError::renameFailed(from, to, code); };
+  const Entry source(from, renameError), target(to, renameError);
+  checkedCall(renameError, [&] {
+    return ::renameat(source.directory.get(), source.name.c_str(), target.directory.get(),
+                      target.name.c_str());
+  });
 }
 
 void Posix::renameSwap(const std::string& a, const std::string& b) {
@@ -240,10 +295,14 @@ void Posix::renameSwap(const std::string& a, const std::string& b) {
 }
 
 void Posix::unlink(const std::string& path) {
+  openParent(path);
   checkedCall(RepackError::fileOpenFailed, path, [&] { return ::unlink(path.c_str()); });
 }
 
-void Posix::removeTree(const std::string& path) { std::filesystem::remove_all(path); }
+void Posix::removeTree(const std::string& path) {
+  openParent(path);
+  std::filesystem::remove_all(path);
+}
 
 void Posix::preadAll(int fd, const std::string& path, void* buffer, std::int64_t count,
                      std::uint64_t offset) {
@@ -281,8 +340,9 @@ void Posix::fsyncDirectory(const std::string& path) {
 
 std::string Posix::readBoundedData(const std::string& path, std::uint64_t maximumBytes, FinalLink finalLink) {
   // Without O_NONBLOCK, opening a named pipe would wait for a writer.
-  const int flags = O_RDONLY | O_NONBLOCK | (finalLink == FinalLink::refuse ? O_NOFOLLOW : 0);
-  const FileDescriptor file = openPath(path, flags);
+  constexpr int flags = O_RDONLY | O_NONBLOCK;
+  const FileDescriptor file =
+      finalLink == FinalLink::refuse ? openWithoutLinks(path, flags) : openPath(path, flags);
   requireRegularFile(file.get(), path);
   const std::uint64_t size = fileSize(file.get(), path);
   if (size > maximumBytes) {

@@ -42,39 +42,47 @@ class FileDescriptor {
 
 /// Checked wrappers over the POSIX file calls. Every failing call becomes one `RepackError` with the path and
 /// the errno read right after the call; EINTR is retried silently; transfers run until they are complete.
+/// An install's paths are physical, and whatever opens, creates, moves or removes one of its entries refuses
+/// a symbolic link anywhere on the way, unless it is said to follow links.
 struct Posix {
   enum class EntryKind { absent, regular, directory, symlink, other };
   /// The name of the case, for messages.
   static std::string_view name(EntryKind kind);
 
   // Opening. Each failure is `fileOpenFailed`.
+  /// Follows symbolic links.
   static FileDescriptor openRead(const std::string& path);
   static FileDescriptor openReadNoFollow(const std::string& path);
   static FileDescriptor openExistingRW(const std::string& path);
   /// Mode 0644; truncates an existing file and follows symbolic links.
   static FileDescriptor openCreateRW(const std::string& path);
+  /// The same without following any.
+  static FileDescriptor openCreateRWNoFollow(const std::string& path);
   /// Write-only, the file must not exist, never through a link, closed on exec.
   static FileDescriptor openCreateExclusive(const std::string& path, unsigned mode);
   static FileDescriptor openDirectory(const std::string& path);
   static FileDescriptor openLock(const std::string& path);
+  /// The directory that holds `path`, for calls relative to it; proves that no link leads there.
+  static FileDescriptor openParent(const std::string& path);
 
   // Metadata and names.
   static std::uint64_t fileSize(int fd, const std::string& path);
   /// Without following a final symbolic link.
   static EntryKind entryKind(const std::string& path);
-  /// Whether the path is a regular file and the very one that is open as `fd`.
-  static bool descriptorMatchesPath(int fd, const std::string& path);
+  /// Whether the path is a regular file, or an entry of another kind, and the very one that is open as `fd`.
+  static bool descriptorMatchesPath(int fd, const std::string& path, EntryKind kind = EntryKind::regular);
   /// The absolute path with every symbolic link resolved.
   static std::string physicalPath(const std::string& path);
-  /// Creates a directory and every missing parent. Throws the standard library's filesystem_error.
+  /// Creates a directory and every missing parent, following links. Throws the standard library's
+  /// filesystem_error.
   static void mkdirP(const std::string& path);
   static void rename(const std::string& from, const std::string& to);
   /// Atomically exchanges two directory entries. Throws `promotionUnsupported` naming `a`.
   static void renameSwap(const std::string& a, const std::string& b);
   /// Removes a file. Throws `fileOpenFailed`; a missing file is a failure like any other.
   static void unlink(const std::string& path);
-  /// Removes a file or a whole tree, without following links. A missing one is no error. Throws the standard
-  /// library's filesystem_error.
+  /// Removes a file or a whole tree, without following links. A missing one is no error. Throws
+  /// `fileOpenFailed` for a link on the way, otherwise the standard library's filesystem_error.
   static void removeTree(const std::string& path);
 
   // Transfers of exactly `count` bytes at `offset`. Throw `preadShort`, `pwriteShort`, or

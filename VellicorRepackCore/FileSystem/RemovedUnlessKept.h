@@ -3,20 +3,23 @@
 #include <string>
 #include <utility>
 
-#include <fcntl.h>
 #include <unistd.h>
+
+#include "VellicorRepackCore/FileSystem/Posix.h"
 
 namespace vellicor {
 
 /// Owns a temporary file's name and removes the file when the scope ends, unless it was kept. A failure to
-/// remove it is ignored.
+/// remove it is ignored. Replacing a directory on the way to it by a link redirects nothing.
 class RemovedUnlessKept {
  public:
-  explicit RemovedUnlessKept(std::string path) : RemovedUnlessKept(AT_FDCWD, std::move(path)) {}
-  /// `path` is relative to `directory`, a descriptor that outlives this object.
-  RemovedUnlessKept(int directory, std::string path) : directory_(directory), path_(std::move(path)) {}
+  /// Throws `fileOpenFailed` for a link on the way.
+  explicit RemovedUnlessKept(std::string path)
+      : parent_(Posix::openParent(path)), directory_(parent_.get()), path_(std::move(path)) {}
+  /// `name` is in `directory`, a descriptor that outlives this object.
+  RemovedUnlessKept(int directory, std::string name) : directory_(directory), path_(std::move(name)) {}
   ~RemovedUnlessKept() {
-    if (!kept_) ::unlinkat(directory_, path_.c_str(), 0);
+    if (!kept_) ::unlinkat(directory_, lastPathComponent(path_).c_str(), 0);
   }
   RemovedUnlessKept(const RemovedUnlessKept&) = delete;
   RemovedUnlessKept& operator=(const RemovedUnlessKept&) = delete;
@@ -25,6 +28,7 @@ class RemovedUnlessKept {
   void keep() noexcept { kept_ = true; }
 
  private:
+  FileDescriptor parent_;
   int directory_;
   std::string path_;
   bool kept_ = false;

@@ -134,7 +134,7 @@ void ArtifactRecorder::requireReadableLayout(const RepackPlan& plan) {
 void ArtifactRecorder::writeLayout() {
   const std::string layout = encodedLayout(plan_);
   const std::string file = path(layoutPath);
-  Posix::mkdirP(parentPath(file));
+  makeDirectory(parentPath(file));
   Posix::atomicWrite(layout, file, parentPath(file));
   MorlenLayoutValidator::validate(file, plan_, &audit_);
   recordOutputFile(layoutPath);
@@ -148,7 +148,7 @@ void ArtifactRecorder::copyRemoteMetadataSidecars(const RemoteSnapshot& snapshot
   const std::string config = joinPath(snapshot.metadataDirectory, IndexLoader::configFilename);
   if (Posix::entryKind(config) != Posix::EntryKind::absent) {
     const std::string relativePath = joinPath(sidecarDirectory, IndexLoader::configFilename);
-    Posix::mkdirP(directory);
+    makeDirectory(directory);
     Posix::removeTree(path(relativePath));
     Posix::atomicWrite(Posix::readBoundedData(config, RemoteSnapshotLoader::maximumConfigBytes),
                        path(relativePath), directory);
@@ -180,7 +180,13 @@ void ArtifactRecorder::removeStrayEntries() {
     entry.disable_recursion_pending();
     strays.push_back(entry->path());
   }
-  for (const std::filesystem::path& stray : strays) std::filesystem::remove_all(stray, ignored);
+  for (const std::filesystem::path& stray : strays) {
+    try {
+      Posix::removeTree(stray.string());
+    } catch (const std::exception&) {
+      continue;
+    }
+  }
 }
 
 void ArtifactRecorder::writeManifestAndReceipt(const RemoteSnapshot& snapshot, const std::string& repoID,
@@ -204,6 +210,17 @@ void ArtifactRecorder::writeManifestAndReceipt(const RemoteSnapshot& snapshot, c
       VerifiedInstallReceiptWriter::installToolVersion, audit_.outputFiles);
   MorlenDirectoryAccess(partialDirectory_)
       .atomicWrite(receipt, VerifiedInstallReceiptWriter::receiptFilename);
+}
+
+void ArtifactRecorder::requireInPlace() const {
+  for (const RepackAudit::OutputFile& output : audit_.outputFiles) {
+    Posix::openReadNoFollow(path(output.relativePath));
+  }
+}
+
+void ArtifactRecorder::makeDirectory(const std::string& directory) {
+  if (Posix::entryKind(directory) != Posix::EntryKind::directory) Posix::removeTree(directory);
+  Posix::mkdirP(directory);
 }
 
 void ArtifactRecorder::recordOutputFile(const std::string& relativePath) {

@@ -41,7 +41,12 @@ class ArtifactRecorder {
   void writeManifestAndReceipt(const RemoteSnapshot& snapshot, const std::string& repoID,
                                const std::string& finalDirectory);
 
+  /// Proves that every recorded output is still a file that no link leads to. Throws `fileOpenFailed`.
+  void requireInPlace() const;
+
  private:
+  /// A directory of the artifact. What stands in its place and is none is removed.
+  void makeDirectory(const std::string& directory);
   /// Hashes one file and appends it to the audit's outputs; the file is durable afterwards.
   void recordOutputFile(const std::string& relativePath);
   std::string path(const std::string& relativePath) const;

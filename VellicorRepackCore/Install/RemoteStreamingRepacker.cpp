@@ -87,9 +87,9 @@ bool beginsWith(int fd, const std::string& path, std::span<const std::byte> expe
 /// needs in a member; a failure anywhere leaves the disk as it is at that moment.
 class LockedInstall {
  public:
-  LockedInstall(const RemoteStreamingRepackOptions& options, const RemoteInstallPaths& paths,
-                RepackAudit& audit, const ModelInstallProgressCallback& progress, const std::stop_token& stop)
-      : options_(options), paths_(paths), audit_(audit), progress_(progress), stop_(stop) {}
+  LockedInstall(const RemoteStreamingRepackOptions& options, InstallLock& lock, RepackAudit& audit,
+                const ModelInstallProgressCallback& progress, const std::stop_token& stop)
+      : options_(options), lock_(lock), audit_(audit), progress_(progress), stop_(stop) {}
 
   RemoteStreamingRepackResult run() {
     throwIfCancelled(stop_);
@@ -133,6 +133,8 @@ class LockedInstall {
         .stop = stop_,
     };
     progress_(DownloadingMetadataProgress{});
+    remote.requireUsable();
+    lock_.holdPartialDirectory();
     const auto knownSource = options_.requireKnownSource ? RemoteSnapshotLoader::KnownSource::require
                                                          : RemoteSnapshotLoader::KnownSource::accept;
     snapshot_ = RemoteSnapshotLoader::load(remote, knownSource, paths_.metadataDirectory, &audit_);
@@ -174,11 +176,12 @@ class LockedInstall {
     writeCheckpoint();
   }
 
-  /// Whether the partial files are those of the plan: every one in its place, at its size, behind the plan's
-  /// own index.
+  /// Whether the partial files are those of the plan: every one in its place, in no linked directory, at its
+  /// size, behind the plan's own index.
   bool outputFilesMatch() const {
     for (const RemoteExpectedOutput& output : copies_.expectedOutputs) {
       const std::string path = joinPath(paths_.partialDirectory, output.relativePath);
+      if (Posix::entryKind(parentPath(path)) != EntryKind::directory) return false;
       if (Posix::entryKind(path) != EntryKind::regular) return false;
       if (Posix::fileSize(Posix::openReadNoFollow(path).get(), path) != output.size) return false;
     }
@@ -268,7 +271,7 @@ class LockedInstall {
     Posix::fsyncDirectory(paths_.partialDirectory);
     for (const LayerFilePlan& layer : plan_.layers) {
       if (layer.expertsPerLayer < 1) continue;
-      const FileDescriptor file = Posix::openCreateRW(layer.path);
+      const FileDescriptor file = Posix::openCreateRWNoFollow(layer.path);
       Posix::ftruncate(file.get(), layer.path,
                        morlenCheckedMultiply(static_cast<std::uint64_t>(layer.expertsPerLayer),
                                              layer.expertStride, "layer file size"));
@@ -305,8 +308,11 @@ class LockedInstall {
     recorder.removeStrayEntries();
     progress_(FinalizingProgress{});
     throwIfCancelled(stop_);
+    lock_.requirePartialDirectory();
     recorder.writeManifestAndReceipt(snapshot_, options_.repoID, paths_.finalDirectory);
     throwIfCancelled(stop_);
+    recorder.requireInPlace();
+    lock_.requirePartialDirectory();
   }
 
   void promote() {
@@ -343,7 +349,8 @@ class LockedInstall {
   void writeCheckpoint() const { checkpoint_.write(paths_.checkpointFile, paths_.parentDirectory); }
 
   const RemoteStreamingRepackOptions& options_;
-  const RemoteInstallPaths& paths_;
+  InstallLock& lock_;
+  const RemoteInstallPaths& paths_ = lock_.paths();
   RepackAudit& audit_;
   const ModelInstallProgressCallback& progress_;
   const std::stop_token& stop_;
@@ -374,9 +381,9 @@ RemoteStreamingRepacker::RemoteStreamingRepacker(RemoteStreamingRepackOptions op
 
 RemoteStreamingRepackResult RemoteStreamingRepacker::run(const ModelInstallProgressCallback& progress) {
   validateOptions(options_);
-  const InstallLock lock = InstallLock::acquire(options_.outputDir);
+  InstallLock lock = InstallLock::acquire(options_.outputDir);
   checkEntryState(lock.paths(), options_);
-  RemoteStreamingRepackResult result = LockedInstall(options_, lock.paths(), audit_, progress, stop_).run();
+  RemoteStreamingRepackResult result = LockedInstall(options_, lock, audit_, progress, stop_).run();
   if (result.dryRun) return result;
 
   audit_.wallTimeSeconds =

@@ -60,10 +60,11 @@ class BatchCopier {
     const std::set<std::string> touched = scatter(copy);
     throwIfCancelled(remote_.stop);
     for (const std::string& path : touched) Posix::fsync(destinations_.open(path), path);
-    batch_.commit(
-        {copy.id,
-         HTTPRangeSourceByteProvider::destinationDigest(copy, batch_.partialDirectory, tile_.bytes()),
-         copy.size, destinationByteCount(copy)});
+    const std::string digest =
+        HTTPRangeSourceByteProvider::destinationDigest(copy, batch_.partialDirectory, tile_.bytes());
+    // The digest has read what the path names; it must be what was written.
+    for (const std::string& path : touched) requireUnreplaced(path);
+    batch_.commit({copy.id, digest, copy.size, destinationByteCount(copy)});
     batch_.progress(downloaded_);
     removeTemporaryFile();
     throwIfCancelled(remote_.stop);
@@ -125,6 +126,11 @@ class BatchCopier {
       audit.byteCopyTiles += 1;
       moved += length;
     }
+  }
+
+  void requireUnreplaced(const std::string& path) {
+    if (Posix::descriptorMatchesPath(destinations_.open(path), path)) return;
+    throw RepackError::installPathUnsafe(path, "output file was replaced during the copy");
   }
 
   /// What stays behind is removed before the next download.

@@ -110,7 +110,7 @@ void ResidentWriter::writeIndex(const ResidentFilePlan& plan, int fd, RepackAudi
 
 FileDescriptor ResidentWriter::createAndWriteIndex(const ResidentFilePlan& plan, RepackAudit& audit) {
   Posix::mkdirP(parentPath(plan.path));
-  FileDescriptor file = Posix::openCreateRW(plan.path);
+  FileDescriptor file = Posix::openCreateRWNoFollow(plan.path);
   Posix::ftruncate(file.get(), plan.path,
                    morlenCheckedAdd(plan.indexSize, plan.residentSize, "resident file size"));
   writeIndex(plan, file.get(), audit);

@@ -332,6 +332,15 @@ void initializeLibrary() {
   if (result != CURLE_OK) throw NetworkError(Code::other, "libcurl could not be initialised");
 }
 
+// What comes first on a kept connection and is no HTTP may be the end of an earlier answer that was longer
+// than it said, or of one to HEAD that should have had no body.
+bool mayBeOfEarlierAnswer(CURL* easy, CURLcode code) {
+  long newConnections = 0;
+  curl_easy_getinfo(easy, CURLINFO_NUM_CONNECTS, &newConnections);
+  const bool isNoHttp = code == CURLE_UNSUPPORTED_PROTOCOL || code == CURLE_WEIRD_SERVER_REPLY;
+  return isNoHttp && newConnections == 0;
+}
+
 int pollMilliseconds(Seconds duration) {
   return static_cast<int>(std::ceil(std::min(duration, longestPoll).count() * 1000));
 }
@@ -348,7 +357,11 @@ struct CurlTransport::Impl {
     if (!options.hasNetwork) options.hasNetwork = hasNetworkInterface;
   }
 
-  std::optional<NetworkError> attempt(Hop& hop);
+  struct Failure {
+    NetworkError error;
+    bool mayBeOfEarlierAnswer = false;
+  };
+  std::optional<Failure> attempt(Hop& hop);
   CURLcode run(const Hop& hop);
   bool shouldWaitForNetwork(const NetworkError& failure, const HttpRequest& request,
                             const HttpHopLimits& limits) const;
@@ -359,14 +372,14 @@ struct CurlTransport::Impl {
 };
 
 // The failure that libcurl reports, if any.
-std::optional<NetworkError> CurlTransport::Impl::attempt(Hop& hop) {
+std::optional<CurlTransport::Impl::Failure> CurlTransport::Impl::attempt(Hop& hop) {
   const HandleRelease release(multi.get(), easy.get());
   hop.configure(easy.get(), options.caFile);
   if (curl_multi_add_handle(multi.get(), easy.get()) != CURLM_OK) throw std::bad_alloc();
   const CURLcode result = run(hop);
   const bool hasEnded = result == CURLE_OK || result == CURLE_PARTIAL_FILE;
   if (hasEnded && hop.isHeadDelivered()) return std::nullopt;
-  return hop.failure(easy.get(), result);
+  return Failure{hop.failure(easy.get(), result), mayBeOfEarlierAnswer(easy.get(), result)};
 }
 
 CURLcode CurlTransport::Impl::run(const Hop& hop) {
@@ -399,9 +412,11 @@ void CurlTransport::perform(const HttpRequest& request, const HttpHopLimits& lim
   const std::stop_callback wakeUp(stop, [this] { curl_multi_wakeup(impl_->multi.get()); });
   while (true) {
     Hop hop(request, limits, observer, stop, impl_->options.maximumHeaderBytes);
-    const std::optional<NetworkError> failure = impl_->attempt(hop);
+    const auto failure = impl_->attempt(hop);
     if (!failure) return;
-    if (!impl_->shouldWaitForNetwork(*failure, request, limits)) throw NetworkError(*failure);
+    // libcurl has closed the connection; the next one is new. The methods sent here may be sent twice.
+    if (failure->mayBeOfEarlierAnswer) continue;
+    if (!impl_->shouldWaitForNetwork(failure->error, request, limits)) throw NetworkError(failure->error);
     sleepUnlessCancelled(std::min<Clock::duration>(connectivityPollInterval, limits.deadline - Clock::now()),
                          stop);
     if (Clock::now() >= limits.deadline) {

@@ -10,6 +10,7 @@
 #include "VellicorRepackCore/FileSystem/Posix.h"
 #include "VellicorRepackCore/FileSystem/RemovedUnlessKept.h"
 #include "VellicorRepackCore/Remote/RemoteHeaders.h"
+#include "VellicorRepackCore/Source/IndexLoader.h"
 
 namespace vellicor {
 namespace {
@@ -75,8 +76,10 @@ std::uint64_t lastOfRange(const std::string& filename, const RemoteFileInfo& inf
   return last;
 }
 
-/// Moves a complete download into place, over a regular file or nothing.
+/// Moves a complete download into place, over a regular file or nothing. Not through a link: nothing is
+/// created where one leads.
 void installDownload(const std::string& temporaryPath, const std::string& outputPath) {
+  Posix::openParent(temporaryPath);
   Posix::mkdirP(parentPath(outputPath));
   const Posix::EntryKind kind = Posix::entryKind(outputPath);
   if (kind != Posix::EntryKind::absent && kind != Posix::EntryKind::regular) {
@@ -110,6 +113,11 @@ void HuggingFaceRemoteSource::applyHeaders(HttpRequest& request) const {
         "the access token contains characters that an Authorization header cannot carry");
   }
   if (request.url.host() == baseURL.host()) request.headers.set("Authorization", "Bearer " + *token);
+}
+
+void HuggingFaceRemoteSource::requireUsable() const {
+  HttpRequest request{.url = fileURL(IndexLoader::indexFilename), .headers = {}};
+  applyHeaders(request);
 }
 
 HttpRequest HuggingFaceRemoteSource::rangeRequest(const std::string& filename, std::uint64_t offset,

@@ -60,6 +60,9 @@ struct HuggingFaceRemoteSource {
   /// for a token that no header can carry.
   void applyHeaders(HttpRequest& request) const;
 
+  /// Refuses a repository id or a token that no request can carry, before anything is created for one.
+  void requireUsable() const;
+
   /// One metadata request, under the retry policy.
   RemoteFileInfo resolveFileInfo(const std::string& filename, RepackAudit* audit) const;
 

@@ -31,12 +31,6 @@ std::string readRange(const HuggingFaceRemoteSource& remote, const std::string& 
   return Posix::readWholeFile(file.path());
 }
 
-/// Refuses a repository id or a token that no request can carry before anything is created.
-void requireUsable(const HuggingFaceRemoteSource& remote) {
-  HttpRequest request{.url = remote.fileURL(IndexLoader::indexFilename), .headers = {}};
-  remote.applyHeaders(request);
-}
-
 Safetensors::Header loadShardHeader(const HuggingFaceRemoteSource& remote, const std::string& shard,
                                     const RemoteFileInfo& info, RepackAudit* audit) {
   constexpr std::uint64_t prefixBytes = Safetensors::lengthPrefixBytes;
@@ -70,7 +64,7 @@ RemoteSnapshot RemoteSnapshotLoader::load(const HuggingFaceRemoteSource& remote,
                                           const std::string& metadataDirectory, RepackAudit* audit) {
   const std::string indexName = IndexLoader::indexFilename;
   const std::string configName = IndexLoader::configFilename;
-  requireUsable(remote);
+  remote.requireUsable();
   Posix::mkdirP(metadataDirectory);
   const RemoteFileInfo indexInfo = remote.resolveFileInfo(indexName, audit);
   const HuggingFaceRemoteSource pinned = remote.pinned(indexInfo.resolvedCommit);

@@ -39,6 +39,11 @@ std::optional<std::string> partOf(CURLU* url, CURLUPart part) {
   return std::string(text);
 }
 
+std::optional<std::string> writtenOut(const std::string& text) {
+  const UrlHandle url = parsedUrl(text);
+  return url ? partOf(url.get(), CURLUPART_URL) : std::nullopt;
+}
+
 bool staysInSegment(unsigned char c) {
   const bool isAlphanumeric = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
   return isAlphanumeric || (c != 0 && std::string_view("-._~!$&'()*+,;=:@").find(static_cast<char>(c)) !=
@@ -67,6 +72,8 @@ std::optional<RemoteUrl> RemoteUrl::parse(std::string_view text) {
   const auto scheme = partOf(handle.get(), CURLUPART_SCHEME);
   const auto host = partOf(handle.get(), CURLUPART_HOST);
   if (!whole || !scheme || !host || host->empty()) return std::nullopt;
+  // Written out, an encoded host may read as another: "%39" is "9", and "9" is the address 0.0.0.9.
+  if (writtenOut(*whole) != whole) return std::nullopt;
   RemoteUrl url;
   url.text_ = *whole;
   url.scheme_ = *scheme;

@@ -121,7 +121,6 @@ Safetensors::Header Safetensors::parseHeaderBytes(const std::string& path, std::
   }
   const EntryReader reader(path, fileSize, headerSize);
   Header header;
-  header.tensors.reserve(document.size());
   for (const auto& [name, entry] : document.items()) {
     if (name == "__metadata__") continue;
     header.tensors.push_back(reader.read(name, entry));

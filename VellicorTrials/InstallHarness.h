@@ -8,19 +8,22 @@
 #include <string>
 #include <vector>
 
-#include "Tests/Support/TemporaryDirectory.h"
 #include "VellicorLab/LocalHub.h"
 #include "VellicorLab/PredictedArtifact.h"
 #include "VellicorLab/SyntheticCheckpoint.h"
+#include "VellicorLab/TemporaryDirectory.h"
 #include "VellicorRepackCore/Install/RemoteStreamingRepacker.h"
 #include "VellicorRepackCore/Reporting/ModelInstallProgress.h"
 
-namespace vellicor::testing {
+namespace vellicor {
 
 inline constexpr const char* labRepoID = "lab-owner/lab-model";
 
 /// Relative path to content of every regular file below a directory; empty for a directory that is not there.
 std::map<std::string, std::string> readTree(const std::string& directory);
+
+/// Where the build put a program of the project.
+std::string programPath(const std::string& name);
 
 /// A checkpoint of a few kilobytes, so that even one-byte ranges end soon.
 SyntheticCheckpoint::Shape tinyShape();
@@ -32,8 +35,11 @@ class InstallHarness {
                                                                                                         1),
                           std::function<void(LocalHub::Options&)> configure = nullptr);
 
-  /// Of an install without retry delays or disk reserve, in ranges of 4 KiB.
-  RemoteStreamingRepackOptions options();
+  /// Starts the hub, in the place of one that was there, on a free port.
+  void startHub();
+
+  /// Of an install without retry delays or disk reserve, in small ranges.
+  RemoteStreamingRepackOptions options() const;
 
   RemoteStreamingRepackResult install(const RemoteStreamingRepackOptions& options, std::stop_token stop = {});
   /// The error's text, or "no error".
@@ -42,6 +48,9 @@ class InstallHarness {
   /// Fails the install at the payload range number `index`, from 0, leaving the ranges before it in the
   /// checkpoint.
   void interruptAtRange(std::size_t index);
+
+  /// The command that has the lab run the same install in a process of its own, with further flags.
+  std::vector<std::string> command(const std::vector<std::string>& flags = {}) const;
 
   /// What the install must leave, to be compared with what it left.
   PredictedArtifact predicted() const { return PredictedArtifact(*checkpoint); }
@@ -53,11 +62,15 @@ class InstallHarness {
   std::shared_ptr<SyntheticCheckpoint> checkpoint;
   std::unique_ptr<LocalHub> hub;
   std::string output;
+  std::int64_t rangeChunkBytes = 4096;
   RepackAudit audit;
   std::vector<ModelInstallProgress> events;
+
+ private:
+  std::function<void(LocalHub::Options&)> configure_;
 };
 
 /// Whether a request fetches payload on its last hop: a ranged GET of a shard behind its header.
 bool isPayload(const SyntheticCheckpoint& checkpoint, const HubRequest& request);
 
-}  // namespace vellicor::testing
+}  // namespace vellicor

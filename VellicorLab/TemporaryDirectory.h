@@ -8,15 +8,15 @@
 #include <string>
 #include <string_view>
 
-namespace vellicor::testing {
+namespace vellicor {
 
-/// A directory of one test's own, removed with everything in it when the test ends.
+/// A private directory below `base`, TMPDIR or /tmp, removed with everything in it when the object goes.
 class TemporaryDirectory {
  public:
-  TemporaryDirectory() {
-    const char* base = std::getenv("TMPDIR");
-    std::string pattern =
-        std::string(base != nullptr && *base != 0 ? base : "/tmp") + "/vellicor-test-XXXXXX";
+  explicit TemporaryDirectory(const std::string& base = "") {
+    const char* variable = std::getenv("TMPDIR");
+    const std::string standard = variable != nullptr && *variable != 0 ? variable : "/tmp";
+    std::string pattern = (base.empty() ? standard : base) + "/vellicor-XXXXXX";
     if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed for " + pattern);
     path_ = std::filesystem::canonical(pattern).string();
   }
@@ -47,4 +47,4 @@ inline std::string readFile(const std::string& path) {
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-}  // namespace vellicor::testing
+}  // namespace vellicor

@@ -1,14 +1,15 @@
-#include "Tests/EndToEnd/InstallHarness.h"
+#include "VellicorTrials/InstallHarness.h"
 
 #include <atomic>
 #include <charconv>
 #include <cstdint>
 #include <filesystem>
 
-#include "Tests/Support/Expect.h"
+#include <fmt/format.h>
+
 #include "VellicorRepackCore/Install/SupportedModelSource.h"
 
-namespace vellicor::testing {
+namespace vellicor {
 
 namespace fs = std::filesystem;
 
@@ -46,6 +47,8 @@ std::uint64_t firstByte(const std::string& range) {
 
 }  // namespace
 
+std::string programPath(const std::string& name) { return VELLICOR_BIN_DIR "/" + name; }
+
 bool isPayload(const SyntheticCheckpoint& checkpoint, const HubRequest& request) {
   if (!request.isFinalHop || request.method != "GET" || !request.file.ends_with(".safetensors")) return false;
   return firstByte(request.range) >= checkpoint.payloadOffset(request.file);
@@ -53,22 +56,26 @@ bool isPayload(const SyntheticCheckpoint& checkpoint, const HubRequest& request)
 
 InstallHarness::InstallHarness(std::shared_ptr<SyntheticCheckpoint> source,
                                std::function<void(LocalHub::Options&)> configure)
-    : checkpoint(std::move(source)), output(directory / "m.morlen") {
+    : checkpoint(std::move(source)), output(directory / "m.morlen"), configure_(std::move(configure)) {
+  startHub();
+}
+
+void InstallHarness::startHub() {
   LocalHub::Options hubOptions;
   hubOptions.repository = checkpoint;
   hubOptions.caFilePath = directory / "ca.pem";
-  if (configure) configure(hubOptions);
+  if (configure_) configure_(hubOptions);
   hub = std::make_unique<LocalHub>(std::move(hubOptions));
 }
 
-RemoteStreamingRepackOptions InstallHarness::options() {
+RemoteStreamingRepackOptions InstallHarness::options() const {
   return {.repoID = labRepoID,
           .revision = "main",
           .outputDir = output,
           .token = std::nullopt,
           .requireKnownSource = false,
           .copyAuditPath = std::nullopt,
-          .rangeChunkBytes = 4096,
+          .rangeChunkBytes = rangeChunkBytes,
           .writeTileBytes = 1000,
           .minFreeReserveBytes = 0,
           .downloadSession = SupportedModelSource::downloadSession(hub->caFile()),
@@ -87,7 +94,38 @@ RemoteStreamingRepackResult InstallHarness::install(const RemoteStreamingRepackO
 }
 
 std::string InstallHarness::installError(const RemoteStreamingRepackOptions& options, std::stop_token stop) {
-  return errorText([&] { install(options, stop); });
+  try {
+    install(options, std::move(stop));
+  } catch (const std::exception& error) {
+    return error.what();
+  }
+  return "no error";
+}
+
+std::vector<std::string> InstallHarness::command(const std::vector<std::string>& flags) const {
+  const RemoteStreamingRepackOptions same = options();
+  std::vector<std::string> words = {programPath("VellicorLab"),
+                                    "install",
+                                    "--base-url",
+                                    hub->baseURL(),
+                                    "--ca-file",
+                                    hub->caFile(),
+                                    "--repo",
+                                    same.repoID,
+                                    "--revision",
+                                    same.revision,
+                                    "--output",
+                                    output,
+                                    "--range-chunk-bytes",
+                                    fmt::to_string(same.rangeChunkBytes),
+                                    "--min-free-reserve-bytes",
+                                    fmt::to_string(same.minFreeReserveBytes),
+                                    "--retry-attempts",
+                                    fmt::to_string(same.rangeRetryAttempts),
+                                    "--retry-base-delay-ns",
+                                    fmt::to_string(same.retryBaseDelayNs)};
+  words.insert(words.end(), flags.begin(), flags.end());
+  return words;
 }
 
 void InstallHarness::interruptAtRange(std::size_t index) {
@@ -106,4 +144,4 @@ std::vector<std::string> InstallHarness::payloadRanges() const {
   return ranges;
 }
 
-}  // namespace vellicor::testing
+}  // namespace vellicor

@@ -1,0 +1,98 @@
+#include "VellicorLab/ChildProcess.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <stdexcept>
+#include <string_view>
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char** environ;  // POSIX leaves the declaration to the program.
+
+namespace vellicor {
+
+namespace {
+
+constexpr std::array<std::string_view, 8> readVariables = {"HF_TOKEN",    "HF_ENDPOINT", "SSL_CERT_FILE",
+                                                           "https_proxy", "HTTPS_PROXY", "http_proxy",
+                                                           "all_proxy",   "ALL_PROXY"};
+
+std::vector<std::string> environmentWith(const std::vector<std::pair<std::string, std::string>>& added) {
+  std::vector<std::string> variables;
+  for (char** variable = environ; *variable != nullptr; ++variable) {
+    const std::string_view name =
+        std::string_view(*variable).substr(0, std::string_view(*variable).find('='));
+    const auto isAdded = [&](const auto& pair) { return pair.first == name; };
+    if (std::ranges::find(readVariables, name) != readVariables.end()) continue;
+    if (std::ranges::none_of(added, isAdded)) variables.emplace_back(*variable);
+  }
+  for (const auto& [name, value] : added) variables.push_back(name + "=" + value);
+  return variables;
+}
+
+/// A null-terminated list of pointers into `words`.
+std::vector<char*> pointersTo(std::vector<std::string>& words) {
+  std::vector<char*> pointers;
+  for (std::string& word : words) pointers.push_back(word.data());
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
+void redirect(int stream, const std::string& path, int flags) {
+  ::dup2(::open(path.c_str(), flags | O_CLOEXEC), stream);
+}
+
+}  // namespace
+
+ChildProcess::ChildProcess(const std::vector<std::string>& command, const ProcessSurroundings& surroundings) {
+  // Between fork and exec a child of a program with threads must not allocate: all is made ready before.
+  std::vector<std::string> words = command;
+  std::vector<std::string> variables = environmentWith(surroundings.environment);
+  const std::vector<char*> arguments = pointersTo(words);
+  const std::vector<char*> environment = pointersTo(variables);
+  const std::string input = streams_ / "input", output = streams_ / "output", errors = streams_ / "errors";
+
+  // They are there to be read even if the child is killed before it opens them.
+  for (const std::string& stream : {input, output, errors}) writeFile(stream, "");
+
+  pid_ = ::fork();
+  if (pid_ < 0) throw std::runtime_error("fork failed");
+  if (pid_ > 0) return;
+  redirect(STDIN_FILENO, input, O_RDONLY);
+  redirect(STDOUT_FILENO, output, O_WRONLY);
+  redirect(STDERR_FILENO, errors, O_WRONLY);
+  const std::string& directory = surroundings.workingDirectory;
+  if (!directory.empty() && ::chdir(directory.c_str()) != 0) ::_exit(126);
+  if (surroundings.beforeStart) surroundings.beforeStart();
+  ::execve(arguments[0], arguments.data(), environment.data());
+  ::_exit(127);
+}
+
+ChildProcess::~ChildProcess() {
+  if (pid_ < 0) return;
+  kill(SIGKILL);
+  ::waitpid(pid_, nullptr, 0);
+}
+
+void ChildProcess::kill(int signal) const { ::kill(pid_, signal); }
+
+ProcessResult ChildProcess::wait() {
+  int status = 0;
+  while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+  }
+  pid_ = -1;
+  return {.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
+          .output = readFile(streams_ / "output"),
+          .errors = readFile(streams_ / "errors")};
+}
+
+ProcessResult runProcess(const std::vector<std::string>& command, const ProcessSurroundings& surroundings) {
+  return ChildProcess(command, surroundings).wait();
+}
+
+}  // namespace vellicor

@@ -1,0 +1,131 @@
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <stdexcept>
+
+#include <fmt/format.h>
+
+#include "VellicorRepackCore/Base/Errors.h"
+#include "VellicorTrials/FileCallRecord.h"
+#include "VellicorTrials/Scenarios.h"
+#include "VellicorTrials/Trials.h"
+
+namespace vellicor {
+
+namespace {
+
+constexpr int killed = 128 + SIGKILL;
+
+struct Point {
+  FileCall call;
+  std::string action;
+
+  bool endsProcess() const { return action == "die" || action == "tear"; }
+  bool isFailure() const { return !endsProcess() && action != "short"; }
+};
+
+/// What the installer says when this call fails with this code.
+std::string textOf(const FileCall& call, std::int32_t code) {
+  const auto length = static_cast<std::int64_t>(call.length);
+  const std::string& name = call.name;
+  if (name == "open" || name == "flock" || name == "unlink") {
+    return RepackError::fileOpenFailed(call.path, code).description();
+  }
+  if (name == "stat" || name == "statvfs") return RepackError::fileStatFailed(call.path, code).description();
+  if (name == "pread") return RepackError::preadShort(call.path, length, 0, code).description();
+  if (name == "pwrite") return RepackError::pwriteShort(call.path, length, 0, code).description();
+  if (name == "ftruncate") return RepackError::ftruncateFailed(call.path, code).description();
+  if (name == "fsync") return RepackError::fsyncFailed(call.path, code).description();
+  if (name == "rename") return RepackError::renameFailed(call.path, call.otherPath, code).description();
+  if (name == "exchange") return RepackError::promotionUnsupported(call.path, code).description();
+  return "";
+}
+
+/// Whether the printed line ends in the installer's text for the call; in that of the operation on an entry
+/// whose directory could not be opened; or in the standard library's where a directory could not be made,
+/// listed or removed.
+bool isTextOf(const std::string& line, const std::string& operation, const FileCall& call,
+              std::int32_t code) {
+  if (!line.starts_with(operation + " failed: ")) return false;
+  const std::string own = textOf(call, code);
+  if (!own.empty() && line.ends_with(own + "\n")) return true;
+  const bool opens = call.name == "open";
+  if (opens && line.find(call.path + "/") != std::string::npos &&
+      line.ends_with(fmt::format(" failed: errno {}\n", code))) {
+    return true;
+  }
+  const bool isStandard = opens || call.name == "mkdir" || call.name == "remove" || call.name == "stat";
+  return isStandard && line.find("filesystem error: ") != std::string::npos;
+}
+
+void judge(ScenarioBench& bench, const ProcessResult& result, const Point& point, const FileCall& met) {
+  if (result.status == killed && point.endsProcess()) {
+    bench.count("ends of the process");
+  } else if (result.status == 0 && !point.endsProcess()) {
+    bench.judgeSuccess();
+    bench.count("failures that cost nothing");
+  } else if (result.status == 1 && point.isFailure()) {
+    const int code = std::stoi(point.action);
+    if (!isTextOf(result.errors, bench.scenario().spokenName(), met, code)) {
+      throw std::runtime_error("another text than " + textOf(met, code));
+    }
+    bench.count("failures reported in their own text");
+  } else {
+    throw std::runtime_error("unexpected end");
+  }
+  bench.judgeOutput();
+  bench.recover();
+}
+
+void tryPoint(ScenarioBench& bench, const Point& point, TrialReport& report) {
+  bench.reset();
+  const FileCallRun run = bench.run({.point = point.call.number, .action = point.action});
+  const auto met = std::ranges::find(run.calls, point.call.number, &FileCall::number);
+  const auto leak = std::ranges::find(run.calls, std::string("leak"), &FileCall::name);
+  try {
+    if (leak != run.calls.end()) throw std::runtime_error("left open: " + leak->path);
+    if (met == run.calls.end()) throw std::runtime_error("the call was not reached");
+    judge(bench, run.result, point, *met);
+    if (!point.endsProcess()) report.count("processes that ended with every descriptor closed");
+  } catch (const std::exception& error) {
+    report.fail(fmt::format("{}, {} at call {} {} {}: {} (status {}, {})", bench.scenario().name,
+                            point.action, point.call.number, point.call.name, point.call.path, error.what(),
+                            run.result.status, run.result.errors));
+  }
+}
+
+std::vector<std::string> actionsAt(const FileCall& call, const TrialOptions& options) {
+  std::vector<std::string> actions = {"die"};
+  for (const int code : {ENOSPC, EIO, EINTR, EDQUOT, EROFS}) actions.push_back(fmt::to_string(code));
+  const bool isTransfer = call.name == "pread" || call.name == "pwrite";
+  if (isTransfer) actions.emplace_back("short");
+  if (call.name == "pwrite") actions.emplace_back("tear");
+  if (options.full) return actions;
+  // The short form does one thing to each call: it ends the process or fails it, by turns.
+  const std::uint64_t turn = call.number + options.seed;
+  return {turn % 2 == 0 ? actions.front() : actions[1 + turn / 2 % (actions.size() - 1)]};
+}
+
+void tryScenario(const Scenario& scenario, const TrialOptions& options, TrialReport& report) {
+  const auto benches = benchesFor(scenario, report);
+  benches.front()->reset();
+  const FileCallRun untouched = benches.front()->run({});
+  if (untouched.result.status != 0) throw std::runtime_error("untouched: " + untouched.result.errors);
+  std::vector<Point> points;
+  for (const FileCall& call : untouched.calls) {
+    for (const std::string& action : actionsAt(call, options)) points.push_back({call, action});
+    benches.front()->count("calls");
+  }
+  forEachInParallel(points.size(), report, [&](std::size_t worker, std::size_t item) {
+    tryPoint(*benches[worker], points[item], report);
+  });
+  report.count("points in all", points.size());
+}
+
+}  // namespace
+
+void tryFailingCalls(const TrialOptions& options, TrialReport& report) {
+  for (const Scenario& scenario : allScenarios()) tryScenario(scenario, options, report);
+}
+
+}  // namespace vellicor

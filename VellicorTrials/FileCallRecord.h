@@ -1,0 +1,56 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "VellicorLab/ChildProcess.h"
+
+namespace vellicor {
+
+/// One file call of a program under trial. In the record each is a line of fields with tabs between them, in
+/// the order of these members, and behind the line the bytes that were written, where they are kept.
+struct FileCall {
+  /// From 1, in the order of the calls; 0 marks what is no call.
+  std::uint64_t number = 0;
+  /// The kind of call: "open", "stat", "statvfs", "pread", "pwrite", "ftruncate", "fsync", "flock", "mkdir",
+  /// "unlink", "remove" (a file or a directory), "rename", "exchange"; or "leak", a descriptor that was open
+  /// when the program ended.
+  std::string name{};
+  /// "ok", the errno, or the action at the point.
+  std::string result{};
+  std::string path{};
+  /// The second path of a rename or an exchange.
+  std::string otherPath{};
+  /// Of a transfer; the new size of a truncation.
+  std::int64_t offset = 0;
+  std::uint64_t length = 0;
+  /// Of an open.
+  int flags = 0;
+  std::string data{};
+};
+
+/// What the preloaded library is told to do.
+struct FileCallPlan {
+  /// Calls on entries below this directory count.
+  std::string root{};
+  /// The call to act at; 0 for none.
+  std::uint64_t point = 0;
+  /// "die", "tear", "short" or an errno.
+  std::string action{};
+  bool keepsData = false;
+};
+
+struct FileCallRun {
+  ProcessResult result;
+  std::vector<FileCall> calls;
+};
+
+/// Runs a command with its file calls counted and recorded. `recordPath` is overwritten.
+FileCallRun runWithFileCalls(const std::vector<std::string>& command, const FileCallPlan& plan,
+                             const std::string& recordPath);
+
+/// The calls that a record holds; throws `std::runtime_error` for one that is damaged.
+std::vector<FileCall> parseFileCalls(const std::string& record);
+
+}  // namespace vellicor
