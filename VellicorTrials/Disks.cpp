@@ -51,14 +51,13 @@ class VolumeBench {
     const std::size_t events = eventsOfAll();
     report_.count("progress events of an install", events);
     for (const std::size_t spare : {0U, 1U, 3U, 8U}) {
-      for (const std::size_t event : spread(events, 9, options)) tryFilledAt(event, spare);
+      for (const std::size_t event : spread(events, 5, options)) tryFilledAt(event, spare);
     }
     constexpr std::size_t pagesOfInstall = 48, entriesOfInstall = 24;
-    for (const std::size_t i : spread(pagesOfInstall, 16, options))
-      trySmall("size={}k,nr_inodes=4000", 4 * i);
-    for (const std::size_t i : spread(entriesOfInstall, 12, options)) trySmall("size=4m,nr_inodes={}", i);
+    for (const std::size_t i : spread(pagesOfInstall, 8, options)) trySmall("size={}k,nr_inodes=4000", 4 * i);
+    for (const std::size_t i : spread(entriesOfInstall, 6, options)) trySmall("size=4m,nr_inodes={}", i);
     tryReadOnly();
-    for (const std::size_t request : spread(metadataRequests_, 6, options)) tryReadOnlyAt(request);
+    for (const std::size_t request : spread(metadataRequests_, 3, options)) tryReadOnlyAt(request);
   }
 
  private:
@@ -252,7 +251,7 @@ std::vector<Limit> limitsToTry(const TrialOptions& options) {
     if (descriptors >= fewestDescriptors) limits.push_back({RLIMIT_NOFILE, descriptors});
   }
   std::vector<Limit> tried;
-  for (const std::size_t i : spread(limits.size(), 16, options)) tried.push_back(limits[i]);
+  for (const std::size_t i : spread(limits.size(), 8, options)) tried.push_back(limits[i]);
   return tried;
 }
 

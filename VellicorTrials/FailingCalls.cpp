@@ -101,9 +101,10 @@ std::vector<std::string> actionsAt(const FileCall& call, const TrialOptions& opt
   if (isTransfer) actions.emplace_back("short");
   if (call.name == "pwrite") actions.emplace_back("tear");
   if (options.full) return actions;
-  // The short form does one thing to each call: it ends the process or fails it, by turns.
+  // The short form does one thing to one call in eight: it ends the process or fails the call, by turns.
   const std::uint64_t turn = call.number + options.seed;
-  return {turn % 2 == 0 ? actions.front() : actions[1 + turn / 2 % (actions.size() - 1)]};
+  if (turn % 8 != 0) return {};
+  return {turn % 16 == 0 ? actions.front() : actions[1 + turn / 16 % (actions.size() - 1)]};
 }
 
 void tryScenario(const Scenario& scenario, const TrialOptions& options, TrialReport& report) {

@@ -19,7 +19,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t shortKills = 100;
+constexpr std::size_t shortKills = 50;
 constexpr std::size_t fullKills = 4000;
 
 /// One output after another, each installed under fire.

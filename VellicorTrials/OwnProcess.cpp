@@ -14,15 +14,29 @@ namespace vellicor {
 
 namespace fs = std::filesystem;
 
-std::uint64_t peakMemory() {
-#if defined(__APPLE__)
-  constexpr std::uint64_t unit = 1;
+namespace {
+
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool isSanitized = true;
+#elif defined(__has_feature)
+constexpr bool isSanitized = __has_feature(address_sanitizer);
 #else
-  constexpr std::uint64_t unit = 1024;
+constexpr bool isSanitized = false;
 #endif
+
+#if defined(__APPLE__)
+constexpr std::uint64_t memoryUnit = 1;
+#else
+constexpr std::uint64_t memoryUnit = 1024;
+#endif
+
+}  // namespace
+
+std::optional<std::uint64_t> peakMemory() {
+  if (isSanitized) return std::nullopt;
   rusage usage{};
   ::getrusage(RUSAGE_SELF, &usage);
-  return static_cast<std::uint64_t>(usage.ru_maxrss) * unit;
+  return static_cast<std::uint64_t>(usage.ru_maxrss) * memoryUnit;
 }
 
 std::size_t openDescriptors() {

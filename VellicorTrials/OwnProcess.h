@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -9,8 +10,9 @@
 
 namespace vellicor {
 
-/// The most memory that this process has held so far, in bytes.
-std::uint64_t peakMemory();
+/// The most memory that this process has held so far, in bytes; nothing under a sanitizer, which keeps what
+/// is freed.
+std::optional<std::uint64_t> peakMemory();
 
 /// How many descriptors this process has open.
 std::size_t openDescriptors();

@@ -28,7 +28,7 @@ constexpr NamedLoss losses[] = {{Loss::nothing, "nothing lost"},
 
 constexpr int randomStates = 6;
 /// The short form looks at one moment in so many.
-constexpr std::size_t shortStep = 7;
+constexpr std::size_t shortStep = 20;
 
 /// A disk after a power cut.
 struct CutState {

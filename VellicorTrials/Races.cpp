@@ -198,7 +198,7 @@ class RaceTrack {
 }  // namespace
 
 void tryRaces(const TrialOptions& options, TrialReport& report) {
-  const std::size_t rounds = options.full ? 60 : 4;
+  const std::size_t rounds = options.full ? 60 : 2;
   std::vector<std::unique_ptr<RaceTrack>> tracks;
   for (std::size_t i = 0; i < workerCount(); ++i) {
     tracks.push_back(std::make_unique<RaceTrack>(options.seed * 1000 + i, report));

@@ -52,13 +52,13 @@ Make redirectTo(std::string address) {
   };
 }
 
-Rule everywhere(WireExpectation expectation) {
+Rule everywhere(const WireExpectation& expectation) {
   return [=](const WirePlace&) { return expectation; };
 }
 
 /// By what is asked for, metadata or bytes, and whether the answer sends the client on or is the last.
-Rule byKind(WireExpectation metadataOnTheWay, WireExpectation metadata, WireExpectation bytesOnTheWay,
-            WireExpectation bytes) {
+Rule byKind(const WireExpectation& metadataOnTheWay, const WireExpectation& metadata,
+            const WireExpectation& bytesOnTheWay, const WireExpectation& bytes) {
   return [=](const WirePlace& place) {
     if (place.isMetadata()) return place.isAnswer() ? metadata : metadataOnTheWay;
     return place.isAnswer() ? bytes : bytesOnTheWay;
@@ -66,12 +66,12 @@ Rule byKind(WireExpectation metadataOnTheWay, WireExpectation metadata, WireExpe
 }
 
 /// What meets a body: metadata has none.
-Rule inBodies(WireExpectation onTheWay, WireExpectation bytes) {
-  return byKind(leftOut, leftOut, std::move(onTheWay), std::move(bytes));
+Rule inBodies(const WireExpectation& onTheWay, const WireExpectation& bytes) {
+  return byKind(leftOut, leftOut, onTheWay, bytes);
 }
 
 /// What only the last answer with bytes is judged by.
-Rule inBytes(WireExpectation bytes) { return byKind(harmless, harmless, harmless, std::move(bytes)); }
+Rule inBytes(const WireExpectation& bytes) { return byKind(harmless, harmless, harmless, bytes); }
 
 /// A redirect that metadata does not follow: it is the answer then, and lacks what metadata needs.
 WireExpectation missing(const WirePlace& place) {
@@ -80,7 +80,7 @@ WireExpectation missing(const WirePlace& place) {
                  (isPinned ? "missing remote size for {file}" : "missing full X-Repo-Commit for {file}"));
 }
 
-Rule unfollowed(WireExpectation bytes) {
+Rule unfollowed(const WireExpectation& bytes) {
   return [=](const WirePlace& place) { return place.isMetadata() ? missing(place) : bytes; };
 }
 

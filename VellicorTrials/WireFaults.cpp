@@ -421,7 +421,7 @@ std::vector<Cell> chosenCells(const std::vector<WireFault>& faults, const std::v
   report.count("places", places.size());
   if (met.size() != places.size()) report.fail("not every place meets a fault");
   // What takes long goes first, so that nobody waits for it at the end.
-  std::ranges::stable_partition(cells, [](const Cell& cell) { return cell.fault->isSlow; });
+  std::stable_partition(cells.begin(), cells.end(), [](const Cell& cell) { return cell.fault->isSlow; });
   return cells;
 }
 
@@ -429,9 +429,10 @@ std::vector<Cell> chosenCells(const std::vector<WireFault>& faults, const std::v
 void tryEndless(const std::vector<Cell>& cells, TrialReport& report) {
   Bench bench(report);
   bench.tryCancelling(bench.places().front(), Waiting::forHead);
-  const std::uint64_t before = peakMemory();
+  const std::optional<std::uint64_t> before = peakMemory();
   for (const Cell& cell : cells) bench.tryCell(cell);
-  const std::uint64_t more = peakMemory() - before;
+  if (!before) return;
+  const std::uint64_t more = *peakMemory() - *before;
   report.count("KiB more at the peak while something is sent without end", more / 1024);
   if (more > mostHeadMemory) report.fail("what is sent without end fills the memory");
 }
@@ -444,17 +445,19 @@ std::vector<Waiting> waysToWait(const WirePlace& place) {
 std::vector<Task> tasksOf(const std::vector<Cell>& cells, const std::vector<WirePlace>& places,
                           const TrialOptions& options) {
   std::vector<Task> tasks;
+  tasks.reserve(cells.size());
   for (const Cell& cell : cells) {
-    tasks.push_back([cell](Bench& bench) { bench.tryCell(cell); });
+    tasks.emplace_back([cell](Bench& bench) { bench.tryCell(cell); });
   }
   for (std::size_t i = 0; i < places.size(); ++i) {
     const WirePlace& place = places[i];
     const bool isTurn = options.full || (i + options.seed) % 3 == 0;
-    if (isTurn) tasks.push_back([&place](Bench& bench) { bench.tryHubGone(place); });
+    if (isTurn) tasks.emplace_back([&place](Bench& bench) { bench.tryHubGone(place); });
     const std::vector<Waiting> ways = waysToWait(place);
     for (std::size_t way = 0; way < ways.size(); ++way) {
       if (!options.full && way != (i + options.seed) % ways.size()) continue;
-      tasks.push_back([&place, waiting = ways[way]](Bench& bench) { bench.tryCancelling(place, waiting); });
+      tasks.emplace_back(
+          [&place, waiting = ways[way]](Bench& bench) { bench.tryCancelling(place, waiting); });
     }
   }
   return tasks;
@@ -466,10 +469,10 @@ void tryWireFaults(const TrialOptions& options, TrialReport& report) {
   const std::vector<WireFault> faults = allWireFaults();
   const std::vector<WirePlace> places = Bench(report).places();
   std::vector<Cell> cells = chosenCells(faults, places, options, report);
-  const auto others =
-      std::ranges::stable_partition(cells, [](const Cell& cell) { return cell.fault->isEndless; });
-  tryEndless({cells.begin(), others.begin()}, report);
-  const std::vector<Task> tasks = tasksOf({others.begin(), others.end()}, places, options);
+  const auto isEndless = [](const Cell& cell) { return cell.fault->isEndless; };
+  const auto others = std::stable_partition(cells.begin(), cells.end(), isEndless);
+  tryEndless({cells.begin(), others}, report);
+  const std::vector<Task> tasks = tasksOf({others, cells.end()}, places, options);
   const std::size_t before = openDescriptors();
   {
     std::vector<std::unique_ptr<Bench>> benches;

@@ -208,6 +208,31 @@ TEST(Install, RefusalsLeaveEverythingAsItIs) {
   }
 }
 
+/// What the hub answers for repositories, revisions and tokens that are not right, as a person sees it.
+TEST(Install, RefusalsOfTheHubAreNamed) {
+  const std::string lab = labRepoID;
+  const std::vector<std::tuple<std::string, std::string, std::string, std::string, int>> rows = {
+      {"missing repository", "nobody/nothing", "main", "good", 404},
+      {"unknown revision", lab, "v9", "good", 404},
+      {"bad token", lab, "main", "bad", 401},
+      {"an empty token is none", lab, "main", "", 401},
+  };
+  for (const auto& [name, repoID, revision, token, status] : rows) {
+    SCOPED_TRACE(name);
+    InstallHarness harness(SyntheticCheckpoint::custom({}, 1), [&](LocalHub::Options& options) {
+      options.requiredToken = "good";
+      options.repoID = lab;
+    });
+    RemoteStreamingRepackOptions options = harness.options();
+    options.repoID = repoID;
+    options.revision = revision;
+    options.token = token;
+    EXPECT_EQ(harness.installError(options),
+              fmt::format("remote HTTP {}: {}/{}/resolve/{}/model.safetensors.index.json", status,
+                          harness.hub->baseURL(), repoID, revision));
+  }
+}
+
 TEST(Install, SpaceIsCheckedBeforeAnyPayload) {
   InstallHarness harness;
   RemoteStreamingRepackOptions options = harness.options();
