@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -31,13 +32,14 @@ std::vector<std::string> environmentWith(const std::vector<std::pair<std::string
     if (std::ranges::find(readVariables, name) != readVariables.end()) continue;
     if (std::ranges::none_of(added, isAdded)) variables.emplace_back(*variable);
   }
-  for (const auto& [name, value] : added) variables.push_back(name + "=" + value);
+  for (const auto& [name, value] : added) variables.push_back(fmt::format("{}={}", name, value));
   return variables;
 }
 
 /// A null-terminated list of pointers into `words`.
 std::vector<char*> pointersTo(std::vector<std::string>& words) {
   std::vector<char*> pointers;
+  pointers.reserve(words.size() + 1);
   for (std::string& word : words) pointers.push_back(word.data());
   pointers.push_back(nullptr);
   return pointers;

@@ -85,11 +85,8 @@ class RaceTrack {
       judgeVerification(verify(), seen);
     }
     const ProcessResult result = ended.get();
-    // A verification may have put its receipt where the old artifact was being removed.
-    const bool isHeldUp = result.errors.find("cannot remove all") != std::string::npos;
-    if (result.status != 0 && !isHeldUp) throw std::runtime_error("the install: " + result.errors);
-    if (isHeldUp) report_.count("races: old artifacts that could not be removed whole");
-    recovery_->recover(isHeldUp ? Overwrite::yes : Overwrite::no);
+    if (result.status != 0) throw std::runtime_error("the install: " + result.errors);
+    recovery_->recover(Overwrite::no);
     seen.insert({before, verify().output});
     if (seen.size() != 2) report_.fail("a verification passed on neither the old nor the new artifact");
   }

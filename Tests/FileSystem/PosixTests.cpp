@@ -113,13 +113,18 @@ TEST_F(PosixTest, NothingIsReachedThroughALinkedDirectory) {
       {[&] { Posix::removeTree(entry); }, entry},
       {[&] { Posix::atomicWrite("new", other, linked + "/sub"); }, other + ".tmp"},
   };
+  // Going from component to component, a system calls a link no directory.
+  const auto isRefused = [](const std::string& operation) {
+    return ::testing::AnyOf(fmt::format("{} failed: errno {}", operation, ELOOP),
+                            fmt::format("{} failed: errno {}", operation, ENOTDIR));
+  };
   for (const auto& [action, path] : rows) {
-    EXPECT_EQ(errorText(action), fmt::format("open({}) failed: errno {}", path, ELOOP));
+    EXPECT_THAT(errorText(action), isRefused(fmt::format("open({})", path)));
   }
-  EXPECT_EQ(errorText([&] { Posix::rename(entry, directory / "x"); }),
-            fmt::format("rename({} -> {}) failed: errno {}", entry, directory / "x", ELOOP));
-  EXPECT_EQ(errorText([&] { Posix::rename(file, other); }),
-            fmt::format("rename({} -> {}) failed: errno {}", file, other, ELOOP));
+  EXPECT_THAT(errorText([&] { Posix::rename(entry, directory / "x"); }),
+              isRefused(fmt::format("rename({} -> {})", entry, directory / "x")));
+  EXPECT_THAT(errorText([&] { Posix::rename(file, other); }),
+              isRefused(fmt::format("rename({} -> {})", file, other)));
   EXPECT_EQ(readFile(folder + "/sub/entry"), "abc");
   EXPECT_EQ(readFile(file), "abc");
   EXPECT_EQ(std::distance(fs::directory_iterator(folder + "/sub"), fs::directory_iterator()), 1);

@@ -8,6 +8,7 @@
 #include <limits>
 #include <memory>
 #include <stdexcept>
+#include <system_error>
 #include <vector>
 
 #include <fcntl.h>
@@ -69,15 +70,28 @@ FreeBlocks freeBlocks(const std::string& path) {
 
 #else
 
+/// Component by component, for where the system cannot do it in one call.
+int openComponents(const std::string& path, int flags) {
+  FileDescriptor directory(::open(path.starts_with('/') ? "/" : ".", flags));
+  for (std::size_t start = 0; directory && start < path.size();) {
+    const std::size_t end = std::min(path.find('/', start), path.size());
+    const std::string name = path.substr(start, end - start);
+    start = end + 1;
+    if (!name.empty())
+      directory = FileDescriptor(::openat(directory.get(), name.c_str(), flags | O_NOFOLLOW));
+  }
+  return directory.release();
+}
+
 int openDirectoryWithoutLinks(const char* path) {
   constexpr int flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
   struct open_how how {};
   how.flags = flags;
   how.resolve = RESOLVE_NO_SYMLINKS;
   const long result = ::syscall(SYS_openat2, AT_FDCWD, path, &how, sizeof how);
-  // A kernel before 5.6, or a sandbox that has not heard of the call: then the last component alone.
+  // A kernel before 5.6, or a sandbox that has not heard of the call.
   const bool isUnknown = result < 0 && (errno == ENOSYS || errno == EPERM);
-  return isUnknown ? ::open(path, flags | O_NOFOLLOW) : static_cast<int>(result);
+  return isUnknown ? openComponents(path, flags) : static_cast<int>(result);
 }
 
 int exchangePaths(const char* a, const char* b) {
@@ -301,7 +315,16 @@ void Posix::unlink(const std::string& path) {
 
 void Posix::removeTree(const std::string& path) {
   openParent(path);
-  std::filesystem::remove_all(path);
+  // A verification may put its receipt into an artifact that is being removed: once more for what came in
+  // between.
+  for (int attemptsLeft = 5;; --attemptsLeft) {
+    try {
+      std::filesystem::remove_all(path);
+      return;
+    } catch (const std::filesystem::filesystem_error& error) {
+      if (error.code() != std::errc::directory_not_empty || attemptsLeft == 0) throw;
+    }
+  }
 }
 
 void Posix::preadAll(int fd, const std::string& path, void* buffer, std::int64_t count,
