@@ -19,6 +19,8 @@ template <typename... Cases>
 struct Overloaded : Cases... {
   using Cases::operator()...;
 };
+template <typename... Cases>
+Overloaded(Cases...) -> Overloaded<Cases...>;
 
 std::string torn(const std::string& data) { return data.substr(0, data.size() / 2); }
 
@@ -28,10 +30,11 @@ bool coin(std::mt19937_64& random) { return (random() & 1) != 0; }
 
 void materialize(const DiskTree& tree, const std::string& place) {
   for (const auto& [path, content] : tree) {
+    const fs::path entry = fs::path(place) / path;
     if (content) {
-      writeFile(place + "/" + path, *content);
+      writeFile(entry.string(), *content);
     } else {
-      fs::create_directory(place + "/" + path);
+      fs::create_directory(entry);
     }
   }
 }

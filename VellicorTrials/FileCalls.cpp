@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -72,7 +71,7 @@ struct State {
   }
 
   const std::string root = variable("VELLICOR_CALLS_ROOT");
-  const long point = std::atol(variable("VELLICOR_CALLS_POINT"));
+  const long point = std::strtol(variable("VELLICOR_CALLS_POINT"), nullptr, 10);
   const std::string action = variable("VELLICOR_CALLS_ACTION");
   const bool keepsData = *variable("VELLICOR_CALLS_DATA") != 0;
   long calls = 0;
@@ -121,7 +120,7 @@ auto through(Call call, Perform&& perform) -> decltype(perform(call.length)) {
   if (isPoint && !isCut) {
     record(call, s.action);
     if (s.action == "die") ::kill(::getpid(), SIGKILL);
-    errno = std::atoi(s.action.c_str());
+    errno = static_cast<int>(std::strtol(s.action.c_str(), nullptr, 10));
     return -1;
   }
   if (isCut) call.length /= 2;
@@ -149,21 +148,21 @@ int openAtThrough(const char* symbol, int directory, const char* path, int flags
       mode);
 }
 
-mode_t modeOf(int flags, va_list& rest) { return (flags & O_CREAT) != 0 ? va_arg(rest, mode_t) : 0; }
-
 }  // namespace
 
+// An optional argument is passed where a fixed one would be, so the functions below name it.
 // Each function stands for the C library's of the name behind it; that name, not a declaration from a header,
 // binds the program's calls to it.
 #define STANDS_FOR(symbol) __asm__(symbol)
 
 extern "C" {
 
-int trialOpen(const char* path, int flags, ...) STANDS_FOR("open");
-int trialOpen64(const char* path, int flags, ...) STANDS_FOR("open64");
-int trialOpenAt(int directory, const char* path, int flags, ...) STANDS_FOR("openat");
-int trialOpenAt64(int directory, const char* path, int flags, ...) STANDS_FOR("openat64");
-long trialSyscall(long number, ...) STANDS_FOR("syscall");
+int trialOpen(const char* path, int flags, mode_t mode) STANDS_FOR("open");
+int trialOpen64(const char* path, int flags, mode_t mode) STANDS_FOR("open64");
+int trialOpenAt(int directory, const char* path, int flags, mode_t mode) STANDS_FOR("openat");
+int trialOpenAt64(int directory, const char* path, int flags, mode_t mode) STANDS_FOR("openat64");
+long trialSyscall(long number, long first, const char* path, void* third, long fourth, long fifth, long sixth)
+    STANDS_FOR("syscall");
 int trialStat(const char* path, struct stat* status) STANDS_FOR("stat64");
 int trialStat32(const char* path, struct stat* status) STANDS_FOR("stat");
 int trialLstat(const char* path, struct stat* status) STANDS_FOR("lstat64");
@@ -187,51 +186,25 @@ int trialRenameAt(int fromDirectory, const char* from, int toDirectory, const ch
 int trialExchange(int fromDirectory, const char* from, int toDirectory, const char* to, unsigned flags)
     STANDS_FOR("renameat2");
 
-int trialOpen(const char* path, int flags, ...) {
-  va_list rest;
-  va_start(rest, flags);
-  const mode_t mode = modeOf(flags, rest);
-  va_end(rest);
-  return openThrough("open", path, flags, mode);
-}
+int trialOpen(const char* path, int flags, mode_t mode) { return openThrough("open", path, flags, mode); }
 
-int trialOpen64(const char* path, int flags, ...) {
-  va_list rest;
-  va_start(rest, flags);
-  const mode_t mode = modeOf(flags, rest);
-  va_end(rest);
-  return openThrough("open64", path, flags, mode);
-}
+int trialOpen64(const char* path, int flags, mode_t mode) { return openThrough("open64", path, flags, mode); }
 
-int trialOpenAt(int directory, const char* path, int flags, ...) {
-  va_list rest;
-  va_start(rest, flags);
-  const mode_t mode = modeOf(flags, rest);
-  va_end(rest);
+int trialOpenAt(int directory, const char* path, int flags, mode_t mode) {
   return openAtThrough("openat", directory, path, flags, mode);
 }
 
-int trialOpenAt64(int directory, const char* path, int flags, ...) {
-  va_list rest;
-  va_start(rest, flags);
-  const mode_t mode = modeOf(flags, rest);
-  va_end(rest);
+int trialOpenAt64(int directory, const char* path, int flags, mode_t mode) {
   return openAtThrough("openat64", directory, path, flags, mode);
 }
 
 /// Of the calls without a function of their own, the one that opens without following links.
-long trialSyscall(long number, ...) {
-  long arguments[6];
-  va_list rest;
-  va_start(rest, number);
-  for (long& argument : arguments) argument = va_arg(rest, long);
-  va_end(rest);
-  Call call{.name = "open", .path = ""};
-  if (number == SYS_openat2) {
-    call.path = pathAt(static_cast<int>(arguments[0]), reinterpret_cast<const char*>(arguments[1]));
-  }
-  return plain<long(long, ...)>("syscall", call, number, arguments[0], arguments[1], arguments[2],
-                                arguments[3], arguments[4], arguments[5]);
+long trialSyscall(long number, long first, const char* path, void* third, long fourth, long fifth,
+                  long sixth) {
+  const bool opens = number == SYS_openat2;
+  return plain<long(long, ...)>("syscall",
+                                {.name = "open", .path = opens ? pathAt(static_cast<int>(first), path) : ""},
+                                number, first, path, third, fourth, fifth, sixth);
 }
 
 int trialStat(const char* path, struct stat* status) {

@@ -57,7 +57,7 @@ std::vector<std::string> Recovery::recover(Overwrite overwrite) {
   const bool isFinished = says("output directory already exists: ");
   if ((isHalf || isFinished) && !leftovers().empty()) {
     RemoteStreamingRepacker::discardPartial(harness_.output);
-    steps.push_back("discard");
+    steps.emplace_back("discard");
   }
   const bool isThere = hasOutput() && (isFinished || wrongs().empty());
   if ((isMissing || isHalf) && !isThere) {
