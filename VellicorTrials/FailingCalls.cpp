@@ -101,10 +101,10 @@ std::vector<std::string> actionsAt(const FileCall& call, const TrialOptions& opt
   if (isTransfer) actions.emplace_back("short");
   if (call.name == "pwrite") actions.emplace_back("tear");
   if (options.full) return actions;
-  // The short form does one thing to one call in eight: it ends the process or fails the call, by turns.
+  // The short form does one thing to one call in twelve: it ends the process or fails the call, by turns.
   const std::uint64_t turn = call.number + options.seed;
-  if (turn % 8 != 0) return {};
-  return {turn % 16 == 0 ? actions.front() : actions[1 + turn / 16 % (actions.size() - 1)]};
+  if (turn % 12 != 0) return {};
+  return {turn % 24 == 0 ? actions.front() : actions[1 + turn / 24 % (actions.size() - 1)]};
 }
 
 void tryScenario(const Scenario& scenario, const TrialOptions& options, TrialReport& report) {
