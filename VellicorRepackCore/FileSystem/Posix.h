@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "VellicorRepackCore/Base/Errors.h"
+#include "VellicorRepackCore/FileSystem/PathText.h"
 
 namespace vellicor {
 
@@ -122,19 +123,5 @@ struct Posix {
   /// Bytes available to an unprivileged writer on the path's file system. Throws `fileStatFailed`.
   static std::uint64_t availableBytes(const std::string& path);
 };
-
-/// Absolute form of a path against the current directory, with "." and ".." components and a trailing slash
-/// removed lexically; symbolic links are not resolved.
-std::string standardizedPath(const std::string& path);
-
-/// `base` and `component` with a single "/" between them.
-std::string joinPath(std::string_view base, std::string_view component);
-
-/// The path without its last component, and the last component.
-std::string parentPath(std::string_view path);
-std::string lastPathComponent(std::string_view path);
-
-/// A random version 4 UUID (RFC 9562) in its 36-character upper-case text form.
-std::string randomUuid();
 
 }  // namespace vellicor
