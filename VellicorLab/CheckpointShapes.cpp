@@ -154,6 +154,12 @@ CheckpointDimensions CheckpointDimensions::miniature() {
   return small;
 }
 
+CheckpointDimensions CheckpointDimensions::medium() {
+  CheckpointDimensions fewer = fullSize();
+  fewer.experts = 10;
+  return fewer;
+}
+
 std::uint64_t NamedShape::byteCount() const {
   std::uint64_t bytes = dtype == "U32" ? 4 : 2;
   for (std::uint64_t dimension : shape) bytes *= dimension;

@@ -28,6 +28,8 @@ struct CheckpointDimensions {
   static CheckpointDimensions fullSize();
   /// As many layers, and all else small.
   static CheckpointDimensions miniature();
+  /// The same but for the number of experts: about 2 GiB, in pieces of the real sizes.
+  static CheckpointDimensions medium();
 
   bool isFullAttention(std::int64_t layer) const {
     return fullAttentionEvery != 0 && (layer + 1) % fullAttentionEvery == 0;

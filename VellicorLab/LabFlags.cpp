@@ -27,7 +27,7 @@ void addNumber(CLI::App& command, const std::string& name, std::optional<Number>
 
 void addCheckpoint(CLI::App& command, CheckpointFlags& flags) {
   command.add_option("--scale", flags.scale, "Size of the made-up checkpoint")
-      ->check(CLI::IsMember({"miniature", "full"}))
+      ->check(CLI::IsMember({"miniature", "medium", "full"}))
       ->capture_default_str();
   addNumber(command, "--seed", flags.seed, "Seed of the made-up payload [1]");
 }
@@ -72,6 +72,13 @@ CLI::App* addInstall(CLI::App& app, InstallFlags& flags) {
   install->add_flag("--resume", flags.resume, "Continue a saved download");
   install->add_flag("--dry-run", flags.dryRun, "Stop after the space check");
   return install;
+}
+
+CLI::App* addWrite(CLI::App& app, WriteFlags& flags) {
+  CLI::App* write = app.add_subcommand("write", "Write a checkpoint's files, for another server to serve");
+  addCheckpoint(*write, flags.checkpoint);
+  write->add_option("--output", flags.output, "The folder")->required();
+  return write;
 }
 
 CLI::App* addCheck(CLI::App& app, CheckFlags& flags) {

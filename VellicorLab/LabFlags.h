@@ -43,6 +43,11 @@ struct InstallFlags {
   bool dryRun = false;
 };
 
+struct WriteFlags {
+  CheckpointFlags checkpoint;
+  std::string output;
+};
+
 struct CheckFlags {
   CheckpointFlags checkpoint;
   std::string artifact;
@@ -51,6 +56,7 @@ struct CheckFlags {
 /// Add the lab's commands to its grammar; `flags` outlives the parsing.
 CLI::App* addHub(CLI::App& app, HubFlags& flags);
 CLI::App* addInstall(CLI::App& app, InstallFlags& flags);
+CLI::App* addWrite(CLI::App& app, WriteFlags& flags);
 CLI::App* addCheck(CLI::App& app, CheckFlags& flags);
 
 }  // namespace vellicor

@@ -229,9 +229,9 @@ std::vector<std::uint64_t> shrunk(std::vector<std::uint64_t> shape) {
   return shape;
 }
 
-std::vector<NamedShape> miniatureTensors(std::string_view realHeader) {
+std::vector<NamedShape> reshapedTensors(std::string_view realHeader, const CheckpointDimensions& dimensions) {
   std::map<std::string, NamedShape> language;
-  for (NamedShape& tensor : languageTensors(CheckpointDimensions::miniature())) {
+  for (NamedShape& tensor : languageTensors(dimensions)) {
     language.emplace(tensor.name, tensor);
   }
   std::vector<NamedShape> tensors;
@@ -319,14 +319,22 @@ SyntheticCheckpoint::SyntheticCheckpoint(std::string commit, std::string index, 
 }
 
 std::shared_ptr<SyntheticCheckpoint> SyntheticCheckpoint::miniature(std::uint64_t seed) {
-  std::shared_ptr<SyntheticCheckpoint> checkpoint(
-      new SyntheticCheckpoint(supportedCommit, std::string(SupportedModelData::indexJson()),
-                              configJson(CheckpointDimensions::miniature()),
-                              std::make_shared<TokenizerFile>(smallTokenizerEntries, seed)));
+  return reshaped(CheckpointDimensions::miniature(), seed);
+}
+
+std::shared_ptr<SyntheticCheckpoint> SyntheticCheckpoint::medium(std::uint64_t seed) {
+  return reshaped(CheckpointDimensions::medium(), seed);
+}
+
+std::shared_ptr<SyntheticCheckpoint> SyntheticCheckpoint::reshaped(const CheckpointDimensions& dimensions,
+                                                                   std::uint64_t seed) {
+  std::shared_ptr<SyntheticCheckpoint> checkpoint(new SyntheticCheckpoint(
+      supportedCommit, std::string(SupportedModelData::indexJson()), configJson(dimensions),
+      std::make_shared<TokenizerFile>(smallTokenizerEntries, seed)));
   const auto headers = SupportedModelData::shardHeaders();
   for (std::size_t i = 0; i < headers.size(); ++i) {
     const std::string name = shardName(i, headers.size());
-    MadeShard shard = makeShard(miniatureTensors(headers[i]), seed, name);
+    MadeShard shard = makeShard(reshapedTensors(headers[i], dimensions), seed, name);
     checkpoint->addShard(name, std::move(shard.header), shard.payloadBytes, seed);
   }
   return checkpoint;

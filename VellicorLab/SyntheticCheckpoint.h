@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "VellicorLab/CheckpointShapes.h"
 #include "VellicorLab/HubRepository.h"
 
 namespace vellicor {
@@ -31,6 +32,8 @@ class SyntheticCheckpoint final : public HubRepository {
  public:
   /// The supported checkpoint's names and its exact index file with small shapes: a few megabytes in all.
   static std::shared_ptr<SyntheticCheckpoint> miniature(std::uint64_t seed);
+  /// The same with few experts of the real shapes: about 2 GiB.
+  static std::shared_ptr<SyntheticCheckpoint> medium(std::uint64_t seed);
   /// The supported checkpoint's exact index file and headers.
   static std::shared_ptr<SyntheticCheckpoint> fullSize(std::uint64_t seed);
 
@@ -86,6 +89,10 @@ class SyntheticCheckpoint final : public HubRepository {
   SyntheticCheckpoint(std::string commit, std::string index, std::string config,
                       std::shared_ptr<const HubFile> tokenizer);
 
+  /// The supported checkpoint's names and index with these dimensions; what is not of the language model is
+  /// small.
+  static std::shared_ptr<SyntheticCheckpoint> reshaped(const CheckpointDimensions& dimensions,
+                                                       std::uint64_t seed);
   void addShard(const std::string& name, std::string header, std::uint64_t payloadBytes, std::uint64_t seed);
 
   std::string commit_;

@@ -62,7 +62,9 @@ class StopSignals {
 
 std::shared_ptr<const SyntheticCheckpoint> checkpointOf(const CheckpointFlags& flags) {
   const std::uint64_t seed = flags.seed.value_or(1);
-  return flags.scale == "full" ? SyntheticCheckpoint::fullSize(seed) : SyntheticCheckpoint::miniature(seed);
+  if (flags.scale == "full") return SyntheticCheckpoint::fullSize(seed);
+  if (flags.scale == "medium") return SyntheticCheckpoint::medium(seed);
+  return SyntheticCheckpoint::miniature(seed);
 }
 
 std::shared_ptr<const HubRepository> repositoryOf(const HubFlags& flags) {
@@ -153,6 +155,44 @@ int install(const InstallFlags& flags) {
   return runInstall(*options, options->repoID);
 }
 
+/// Writes a file of any size in pieces.
+void writeFile(const HubFile& file, const std::string& path) {
+  constexpr std::size_t pieceBytes = 1048576;
+  const FileDescriptor output = Posix::openCreateRW(path);
+  std::vector<std::byte> piece(pieceBytes);
+  for (std::uint64_t done = 0; done < file.size();) {
+    const auto part = std::span(piece).first(std::min<std::uint64_t>(pieceBytes, file.size() - done));
+    file.read(done, part);
+    Posix::pwriteAll(output.get(), path, part.data(), static_cast<std::int64_t>(part.size()), done);
+    done += part.size();
+  }
+}
+
+/// What a server must say of a file besides its bytes.
+std::string identityLine(const SyntheticCheckpoint& checkpoint, const std::string& name) {
+  const auto file = checkpoint.file(name);
+  const std::string xetHash = file->xetHash().value_or("");
+  CanonicalJson json(CanonicalJson::Layout::compact, CanonicalJson::Slashes::plain);
+  json.beginObject()
+      .member("commit", std::string_view(checkpoint.commit()))
+      .member("contentTag", std::string_view(file->contentTag()))
+      .member("file", std::string_view(name))
+      .member("size", file->size())
+      .member("xetHash", std::string_view(xetHash))
+      .endObject();
+  return std::move(json).take() + "\n";
+}
+
+int write(const WriteFlags& flags) {
+  const auto checkpoint = checkpointOf(flags.checkpoint);
+  Posix::mkdirP(flags.output);
+  for (const std::string& name : checkpoint->fileNames()) {
+    writeFile(*checkpoint->file(name), joinPath(flags.output, name));
+    writeToConsole(ConsoleStream::standardOutput, identityLine(*checkpoint, name));
+  }
+  return ExitStatus::success;
+}
+
 int check(const CheckFlags& flags) {
   const PredictedArtifact artifact(*checkpointOf(flags.checkpoint));
   const std::vector<std::string> differences = artifact.differences(flags.artifact);
@@ -172,9 +212,11 @@ int runLab(int argumentCount, char** arguments) {
   app.require_subcommand(1);
   HubFlags hubFlags;
   InstallFlags installFlags;
+  WriteFlags writeFlags;
   CheckFlags checkFlags;
   const CLI::App* hubCommand = addHub(app, hubFlags);
   const CLI::App* installCommand = addInstall(app, installFlags);
+  const CLI::App* writeCommand = addWrite(app, writeFlags);
   addCheck(app, checkFlags);
   try {
     app.parse(argumentCount, arguments);
@@ -183,6 +225,7 @@ int runLab(int argumentCount, char** arguments) {
   }
   if (hubCommand->parsed()) return serve(hubFlags);
   if (installCommand->parsed()) return install(installFlags);
+  if (writeCommand->parsed()) return write(writeFlags);
   return check(checkFlags);
 }
 

@@ -7,6 +7,7 @@
 #include <limits>
 #include <memory>
 #include <system_error>
+#include <thread>
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -17,6 +18,8 @@
 #include <sys/param.h>
 #else
 #include <linux/openat2.h>
+#include <sched.h>
+#include <sys/mman.h>
 #include <sys/statvfs.h>
 #include <sys/syscall.h>
 #endif
@@ -56,6 +59,12 @@ int syncToDevice(int fd) {
 void requestUncachedReads(int fd) { ::fcntl(fd, F_NOCACHE, 1); }
 
 void dropPages(int, off_t, off_t) {}
+
+bool arePagesCached(int, off_t, off_t) { return false; }
+
+int usableProcessors() { return 0; }
+
+void writeBack(int, off_t, off_t) {}
 
 FreeBlocks freeBlocks(const std::string& path) {
   struct statfs status {};
@@ -99,6 +108,32 @@ void requestUncachedReads(int) {}
 
 void dropPages(int fd, off_t offset, off_t length) {
   ::posix_fadvise(fd, offset, length, POSIX_FADV_DONTNEED);
+}
+
+bool arePagesCached(int fd, off_t offset, off_t length) {
+  // Reading ahead and dropping go by larger pieces than this.
+  constexpr off_t sampleStep = 524288;
+  struct stat status {};
+  // Of a file that is another's the system says that every page is cached.
+  if (::fstat(fd, &status) != 0 || status.st_uid != ::geteuid() || offset >= status.st_size) return false;
+  const off_t end = std::min(length, status.st_size - offset);
+  void* const range = ::mmap(nullptr, static_cast<std::size_t>(end), PROT_READ, MAP_SHARED, fd, offset);
+  if (range == MAP_FAILED) return false;
+  unsigned char state = 1;
+  for (off_t at = 0; at < end && (state & 1) != 0; at += sampleStep) {
+    if (::mincore(static_cast<char*>(range) + at, 1, &state) != 0) state = 0;
+  }
+  ::munmap(range, static_cast<std::size_t>(end));
+  return (state & 1) != 0;
+}
+
+int usableProcessors() {
+  cpu_set_t processors;
+  return ::sched_getaffinity(0, sizeof processors, &processors) == 0 ? CPU_COUNT(&processors) : 0;
+}
+
+void writeBack(int fd, off_t offset, off_t length) {
+  ::sync_file_range(fd, offset, length, SYNC_FILE_RANGE_WRITE);
 }
 
 FreeBlocks freeBlocks(const std::string& path) {
@@ -398,6 +433,20 @@ void Posix::bypassPageCache(int fd) noexcept { requestUncachedReads(fd); }
 
 void Posix::dropCachedPages(int fd, std::uint64_t offset, std::uint64_t length) noexcept {
   dropPages(fd, static_cast<off_t>(offset), static_cast<off_t>(length));
+}
+
+bool Posix::isCached(int fd, std::uint64_t offset, std::uint64_t length) noexcept {
+  return arePagesCached(fd, static_cast<off_t>(offset), static_cast<off_t>(length));
+}
+
+std::size_t Posix::availableProcessors() noexcept {
+  const int usable = usableProcessors();
+  const unsigned count = usable > 0 ? static_cast<unsigned>(usable) : std::thread::hardware_concurrency();
+  return std::max(count, 1U);
+}
+
+void Posix::startWriteBack(int fd, std::uint64_t offset, std::uint64_t length) noexcept {
+  writeBack(fd, static_cast<off_t>(offset), static_cast<off_t>(length));
 }
 
 std::uint64_t Posix::availableBytes(const std::string& path) {

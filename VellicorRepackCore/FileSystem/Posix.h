@@ -119,7 +119,16 @@ struct Posix {
   /// such request.
   static void bypassPageCache(int fd) noexcept;
   /// Where `bypassPageCache` is a no-op: drops the cached pages of [offset, offset + length) behind a reader.
+  /// A piece of the cache that lies only partly in the range stays, so ranges should be of some MiB.
   static void dropCachedPages(int fd, std::uint64_t offset, std::uint64_t length) noexcept;
+  /// Whether the range, as far as the file goes, is in the page cache, judged by a sample of its pages;
+  /// `offset` is a multiple of the page size. False where the system does not tell.
+  static bool isCached(int fd, std::uint64_t offset, std::uint64_t length) noexcept;
+  /// How many processors this process may run on, at least 1; the C library's count may leave out a mask.
+  static std::size_t availableProcessors() noexcept;
+  /// Starts writing what was written in [offset, offset + length) to the device, without waiting and without
+  /// any promise, so that a later `fsync` has less to wait for; a no-op where it cannot be asked for.
+  static void startWriteBack(int fd, std::uint64_t offset, std::uint64_t length) noexcept;
   /// Bytes available to an unprivileged writer on the path's file system. Throws `fileStatFailed`.
   static std::uint64_t availableBytes(const std::string& path);
 };

@@ -53,7 +53,7 @@ class BatchCopier {
     throwIfCancelled(remote_.stop);
     const auto info = files_.find(copy.shardID);
     if (info == files_.end()) {
-      throw RepackError::configurationInvalid("missing remote info for " + copy.shardID);
+      throw RepackError::configurationInvalid("missing remote info for " + copy.shardID.text());
     }
     Posix::removeTree(batch_.temporaryPath);
     account(download(copy, info->second));
@@ -72,13 +72,13 @@ class BatchCopier {
 
   RemoteRangeTransferResult download(const CoalescedRangeCopy& copy, const RemoteFileInfo& info) {
     return withRemoteRetries(
-        remote_.retryPolicy, "downloadRangeToTempFile:" + copy.shardID, &batch_.audit,
+        remote_.retryPolicy, "downloadRangeToTempFile:" + copy.shardID.text(), &batch_.audit,
         remote_.retryEnvironment, remote_.stop, [&] {
           batch_.progress(downloaded_);
           const std::uint64_t last = morlenCheckedAdd(copy.sourceOffset, copy.size, copy.id) - 1;
           if (last >= info.size) {
             throw RepackError::remoteProtocolInvalid(
-                fmt::format("range {}-{} exceeds {}", copy.sourceOffset, last, copy.shardID));
+                fmt::format("range {}-{} exceeds {}", copy.sourceOffset, last, copy.shardID.text()));
           }
           const HttpRequest request = remote_.rangeRequest(copy.shardID, copy.sourceOffset, last);
           Posix::mkdirP(remote_.tempDirectory);
@@ -107,6 +107,7 @@ class BatchCopier {
       const int fd = destinations_.open(destination.destinationPath);
       touched.insert(destination.destinationPath);
       moveTiles(source.get(), destination.sourceOffset - copy.sourceOffset, fd, destination);
+      Posix::startWriteBack(fd, destination.destinationOffset, destination.size);
     }
     return touched;
   }
@@ -179,13 +180,17 @@ std::string HTTPRangeSourceByteProvider::destinationDigest(const CoalescedRangeC
   digest.append("Vellicor.RemoteRangeDestination.v1");
   digest.append(copy.id);
   digest.append(std::uint64_t{copy.destinations.size()});
+  // The destinations are sorted by path.
+  FileDescriptor file;
+  const std::string* openPath = nullptr;
   for (const RangeCopy& destination : copy.destinations) {
     const std::string& path = destination.destinationPath;
     digest.append(RangeCopyPlanner::normalizedRelativePath(path, partialDirectory));
     digest.append(destination.destinationOffset);
     digest.append(destination.sourceOffset - copy.sourceOffset);
     digest.append(destination.size);
-    const FileDescriptor file = Posix::openReadNoFollow(path);
+    if (openPath == nullptr || *openPath != path) file = Posix::openReadNoFollow(path);
+    openPath = &path;
     for (std::uint64_t done = 0; done < destination.size;) {
       const std::uint64_t length = std::min<std::uint64_t>(scratch.size(), destination.size - done);
       Posix::preadAll(file.get(), path, scratch.data(), static_cast<std::int64_t>(length),
