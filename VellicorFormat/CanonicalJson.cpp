@@ -34,10 +34,14 @@ char shortEscape(char c) {
   }
 }
 
-template <typename Number>
-void appendNumber(std::string& text, Number number) {
-  fmt::format_to(std::back_inserter(text), "{}", number);
+template <typename Integer>
+void appendInteger(std::string& text, Integer number) {
+  const fmt::format_int digits(number);
+  text.append(digits.data(), digits.size());
 }
+
+/// Whether a string may hold the character as it is, whatever becomes of its slashes.
+bool isPlain(char c) { return static_cast<unsigned char>(c) >= 0x20 && c != '"' && c != '\\' && c != '/'; }
 
 }  // namespace
 
@@ -90,20 +94,20 @@ CanonicalJson& CanonicalJson::value(bool flag) {
 
 CanonicalJson& CanonicalJson::value(std::uint64_t number) {
   beginValue();
-  appendNumber(text_, number);
+  appendInteger(text_, number);
   return *this;
 }
 
 CanonicalJson& CanonicalJson::value(std::int64_t number) {
   beginValue();
-  appendNumber(text_, number);
+  appendInteger(text_, number);
   return *this;
 }
 
 CanonicalJson& CanonicalJson::value(double number) {
   assert(std::isfinite(number));
   beginValue();
-  appendNumber(text_, number);
+  fmt::format_to(std::back_inserter(text_), "{}", number);
   // "-0" would read back as the integer 0.
   if (number == 0 && std::signbit(number)) text_ += ".0";
   return *this;
@@ -146,6 +150,7 @@ void CanonicalJson::appendString(std::string_view text) {
   std::size_t copied = 0;
   for (std::size_t i = 0; i < text.size(); ++i) {
     const char c = text[i];
+    if (isPlain(c)) continue;
     const bool escapesSlash = c == '/' && slashes_ == Slashes::escaped;
     const char letter = escapesSlash ? '/' : shortEscape(c);
     const bool isControl = static_cast<unsigned char>(c) < 0x20;

@@ -23,9 +23,7 @@ void checkProportions(std::string_view text) {
     } else if (c == '"') {
       inString = true;
     } else if (c == '[' || c == '{') {
-      if (++depth > maximumJsonDepth) {
-        throw JsonDecodingError(fmt::format("JSON nested deeper than {} levels", maximumJsonDepth));
-      }
+      if (++depth > maximumJsonDepth) throw jsonTooDeep();
       ++values;
     } else if (c == ',') {
       ++values;
@@ -45,21 +43,26 @@ std::optional<Integer> exactDouble(double value, double below, double above) {
   return static_cast<Integer>(value);
 }
 
-/// The parser quotes the whole token at which it stopped, which may be megabytes long.
-std::string shortened(std::string_view text) {
-  constexpr std::size_t enough = 400;
-  if (text.size() <= enough) return std::string(text);
-  return repairedUtf8(text.substr(0, enough)) + "...";
+}  // namespace
+
+JsonDecodingError jsonTooDeep() {
+  return JsonDecodingError(fmt::format("JSON nested deeper than {} levels", maximumJsonDepth));
 }
 
-}  // namespace
+JsonDecodingError jsonMalformed(const nlohmann::json::exception& error) {
+  constexpr std::size_t enough = 400;
+  // The parser quotes the whole token at which it stopped.
+  const std::string_view text = error.what();
+  if (text.size() <= enough) return JsonDecodingError(error.what());
+  return JsonDecodingError(repairedUtf8(text.substr(0, enough)) + "...");
+}
 
 nlohmann::json parseJson(std::string_view text) {
   checkProportions(text);
   try {
     return nlohmann::json::parse(text);
   } catch (const nlohmann::json::exception& error) {
-    throw JsonDecodingError(shortened(error.what()));
+    throw jsonMalformed(error);
   }
 }
 

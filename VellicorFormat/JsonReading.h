@@ -30,6 +30,11 @@ class JsonDecodingError : public std::runtime_error {
 nlohmann::json parseJson(std::string_view text);
 
 inline constexpr std::size_t maximumJsonDepth = 512;
+/// What is thrown for deeper texts.
+JsonDecodingError jsonTooDeep();
+/// The parser's own words for malformed text, without the megabytes that it may quote.
+JsonDecodingError jsonMalformed(const nlohmann::json::exception& error);
+
 /// Five times what the largest record of this system holds. At up to 160 bytes each, the tree of a text stays
 /// below 256 MiB.
 inline constexpr std::size_t maximumJsonValues = 1500000;

@@ -1,6 +1,7 @@
 #include "VellicorFormat/MorlenPackedExpertsLayoutV1.h"
 
 #include <algorithm>
+#include <array>
 #include <limits>
 #include <set>
 #include <utility>
@@ -9,62 +10,36 @@
 
 #include "VellicorFormat/ByteRanges.h"
 #include "VellicorFormat/CanonicalJson.h"
-#include "VellicorFormat/JsonReading.h"
+#include "VellicorFormat/JsonStreaming.h"
 
 namespace vellicor {
-namespace {
-
 // Reading.
 
-MorlenSubTensorV1 readSubTensor(const JsonObject& json) {
-  MorlenSubTensorV1 tensor{.offset = json.unsignedInteger("offset"),
-                           .size = json.unsignedInteger("size"),
-                           .dtype = json.string("dtype"),
-                           .shape = {},
-                           .bits = json.optionalInteger("bits")};
-  for (const std::int64_t dimension : json.integerArray("shape")) {
-    if (!std::in_range<std::uint32_t>(dimension))
-      throw JsonDecodingError(json.path("shape") + ": expected 32-bit dimensions");
-    tensor.shape.push_back(static_cast<std::uint32_t>(dimension));
-  }
-  return tensor;
-}
+template <>
+constexpr auto jsonTable<MorlenSubTensorV1> =
+    std::array{jsonMember<&MorlenSubTensorV1::offset>("offset"), jsonMember<&MorlenSubTensorV1::size>("size"),
+               jsonMember<&MorlenSubTensorV1::dtype>("dtype"), jsonMember<&MorlenSubTensorV1::bits>("bits"),
+               jsonMember<&MorlenSubTensorV1::shape>("shape")};
 
-MorlenExpertV1 readExpert(const JsonObject& json) {
-  MorlenExpertV1 expert{.expert = json.optionalInteger("expert"),
-                        .physicalRank = json.optionalInteger("physicalRank"),
-                        .offset = json.unsignedInteger("offset"),
-                        .size = json.unsignedInteger("size"),
-                        .tensors = {}};
-  const JsonObject tensors = json.object("tensors");
-  for (const auto& [name, value] : tensors.json().items())
-    expert.tensors.emplace(name, readSubTensor(JsonObject(value, tensors.path(name))));
-  return expert;
-}
+template <>
+constexpr auto jsonTable<MorlenExpertV1> = std::array{
+    jsonMember<&MorlenExpertV1::expert>("expert"), jsonMember<&MorlenExpertV1::physicalRank>("physicalRank"),
+    jsonMember<&MorlenExpertV1::offset>("offset"), jsonMember<&MorlenExpertV1::size>("size"),
+    jsonMember<&MorlenExpertV1::tensors>("tensors")};
 
-/// The records of an array of objects.
-template <typename Read>
-auto readArray(const JsonObject& json, std::string_view key, Read read) {
-  const nlohmann::json& values = json.array(key);
-  std::vector<decltype(read(json))> records;
-  records.reserve(values.size());
-  for (std::size_t i = 0; i < values.size(); ++i)
-    records.push_back(read(JsonObject(values[i], fmt::format("{}[{}]", json.path(key), i))));
-  return records;
-}
+template <>
+constexpr auto jsonTable<MorlenLayerV1> =
+    std::array{jsonMember<&MorlenLayerV1::layer>("layer"), jsonMember<&MorlenLayerV1::file>("file"),
+               jsonMember<&MorlenLayerV1::experts>("experts")};
 
-MorlenLayerV1 readLayer(const JsonObject& json) {
-  return {.layer = json.integer("layer"),
-          .file = json.string("file"),
-          .experts = readArray(json, "experts", readExpert)};
-}
+template <>
+constexpr auto jsonTable<MorlenPackedExpertsLayoutV1> =
+    std::array{jsonMember<&MorlenPackedExpertsLayoutV1::expertStride>("expertStride"),
+               jsonMember<&MorlenPackedExpertsLayoutV1::numLayers>("numLayers"),
+               jsonMember<&MorlenPackedExpertsLayoutV1::expertsPerLayer>("expertsPerLayer"),
+               jsonMember<&MorlenPackedExpertsLayoutV1::layers>("layers")};
 
-MorlenPackedExpertsLayoutV1 readLayout(const JsonObject& json) {
-  return {.expertStride = json.unsignedInteger("expertStride"),
-          .numLayers = json.integer("numLayers"),
-          .expertsPerLayer = json.integer("expertsPerLayer"),
-          .layers = readArray(json, "layers", readLayer)};
-}
+namespace {
 
 // Writing: every object's keys in ascending byte order.
 
@@ -183,10 +158,8 @@ void validateFile(const MorlenLayerV1& layer, std::set<std::string>& keys) {
 }  // namespace
 
 MorlenPackedExpertsLayoutV1 MorlenPackedExpertsLayoutCodec::decode(std::string_view json) {
-  MorlenPackedExpertsLayoutV1 layout = asFormatRecord("packed_experts/layout.json", [json] {
-    const nlohmann::json document = parseJson(json);
-    return readLayout(JsonObject(document, ""));
-  });
+  MorlenPackedExpertsLayoutV1 layout = asFormatRecord(
+      "packed_experts/layout.json", [json] { return readJson<MorlenPackedExpertsLayoutV1>(json); });
   MorlenV1StructuralValidator::validate(layout);
   return layout;
 }

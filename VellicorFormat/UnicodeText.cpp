@@ -124,6 +124,7 @@ std::string lowercased(std::string_view text) {
 }
 
 bool isWellFormedUtf8(std::string_view text) {
+  if (isAscii(text)) return true;
   while (!text.empty()) {
     const Utf8Piece piece = firstPiece(text);
     if (!piece.isWellFormed) return false;

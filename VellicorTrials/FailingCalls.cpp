@@ -16,9 +16,13 @@ namespace {
 
 constexpr int killed = 128 + SIGKILL;
 
+using Processors = FileCallPlan::Processors;
+
 struct Point {
   FileCall call;
   std::string action;
+  /// On all of them, threads take turns differently in each run: the point is a number of that run's calls.
+  Processors processors = Processors::one;
 
   bool endsProcess() const { return action == "die" || action == "tear"; }
   bool isFailure() const { return !endsProcess() && action != "short"; }
@@ -79,14 +83,19 @@ void judge(ScenarioBench& bench, const ProcessResult& result, const Point& point
 
 void tryPoint(ScenarioBench& bench, const Point& point, TrialReport& report) {
   bench.reset();
-  const FileCallRun run = bench.run({.point = point.call.number, .action = point.action});
+  const FileCallRun run =
+      bench.run({.point = point.call.number, .action = point.action, .processors = point.processors});
   const auto met = std::ranges::find(run.calls, point.call.number, &FileCall::number);
   const auto leak = std::ranges::find(run.calls, std::string("leak"), &FileCall::name);
   try {
     if (leak != run.calls.end()) throw std::runtime_error("left open: " + leak->path);
     if (met == run.calls.end()) throw std::runtime_error("the call was not reached");
+    if (point.processors == Processors::one && met->name != point.call.name) {
+      throw std::runtime_error("not the call of the untouched run but " + met->name);
+    }
     judge(bench, run.result, point, *met);
     if (!point.endsProcess()) report.count("processes that ended with every descriptor closed");
+    if (point.processors == Processors::all) bench.count("on all processors");
   } catch (const std::exception& error) {
     report.fail(fmt::format("{}, {} at call {} {} {}: {} (status {}, {})", bench.scenario().name,
                             point.action, point.call.number, point.call.name, point.call.path, error.what(),
@@ -112,9 +121,12 @@ void tryScenario(const Scenario& scenario, const TrialOptions& options, TrialRep
   benches.front()->reset();
   const FileCallRun untouched = benches.front()->run({});
   if (untouched.result.status != 0) throw std::runtime_error("untouched: " + untouched.result.errors);
+  // A verification is all hashing; of an install it is a small part.
+  const bool triesThreads = scenario.operation == Scenario::Operation::verify || options.full;
   std::vector<Point> points;
   for (const FileCall& call : untouched.calls) {
     for (const std::string& action : actionsAt(call, options)) points.push_back({call, action});
+    if (triesThreads) points.push_back({call, fmt::to_string(EIO), Processors::all});
     benches.front()->count("calls");
   }
   forEachInParallel(points.size(), report, [&](std::size_t worker, std::size_t item) {

@@ -5,6 +5,8 @@
 #include <stdexcept>
 
 #include <fmt/format.h>
+#include <sched.h>
+#include <unistd.h>
 
 namespace vellicor {
 
@@ -22,6 +24,15 @@ std::array<std::string, fieldCount> fieldsOf(const std::string& line) {
     start = end + 1;
   }
   return fields;
+}
+
+/// Confines the calling process to the processor that it is on.
+void stayOnOneProcessor() {
+  const int processor = ::sched_getcpu();
+  cpu_set_t only;
+  CPU_ZERO(&only);
+  if (processor >= 0) CPU_SET(static_cast<std::size_t>(processor), &only);
+  if (::sched_setaffinity(0, sizeof only, &only) != 0) ::_exit(126);
 }
 
 }  // namespace
@@ -63,7 +74,9 @@ FileCallRun runWithFileCalls(const std::vector<std::string>& command, const File
       {"VELLICOR_CALLS_POINT", fmt::to_string(plan.point)},
       {"VELLICOR_CALLS_ACTION", plan.action}};
   if (plan.keepsData) environment.emplace_back("VELLICOR_CALLS_DATA", "1");
-  ProcessResult result = runProcess(command, {.environment = environment});
+  const bool isConfined = plan.processors == FileCallPlan::Processors::one;
+  ProcessResult result = runProcess(
+      command, {.environment = environment, .beforeStart = isConfined ? stayOnOneProcessor : nullptr});
   return {.result = std::move(result), .calls = parseFileCalls(readFile(recordPath))};
 }
 

@@ -32,6 +32,8 @@ struct FileCall {
 
 /// What the preloaded library is told to do.
 struct FileCallPlan {
+  enum class Processors { one, all };
+
   /// Calls on entries below this directory count.
   std::string root{};
   /// The call to act at; 0 for none.
@@ -39,6 +41,8 @@ struct FileCallPlan {
   /// "die", "tear", "short" or an errno.
   std::string action{};
   bool keepsData = false;
+  /// On one processor the program works without helpers, and its calls have the same numbers in every run.
+  Processors processors = Processors::one;
 };
 
 struct FileCallRun {

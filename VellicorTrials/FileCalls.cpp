@@ -7,6 +7,7 @@
 //   errno VELLICOR_CALLS_DATA    when set, the record holds the bytes that were written
 // FileCallRecord.h reads the record and describes its lines.
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -74,7 +75,7 @@ struct State {
   const long point = std::strtol(variable("VELLICOR_CALLS_POINT"), nullptr, 10);
   const std::string action = variable("VELLICOR_CALLS_ACTION");
   const bool keepsData = *variable("VELLICOR_CALLS_DATA") != 0;
-  long calls = 0;
+  std::atomic<long> calls = 0;
   int record = -1;
   bool inherited[mostDescriptors];
 };
@@ -96,9 +97,10 @@ struct Call {
   const void* data = nullptr;
 };
 
-void record(const Call& call, const std::string& result) {
-  std::string line = std::to_string(state().calls) + "\t" + call.name + "\t" + result + "\t" + call.path +
-                     "\t" + call.otherPath + "\t" + std::to_string(call.offset) + "\t" +
+/// In one write, so that threads do not mix.
+void record(long number, const Call& call, const std::string& result) {
+  std::string line = std::to_string(number) + "\t" + call.name + "\t" + result + "\t" + call.path + "\t" +
+                     call.otherPath + "\t" + std::to_string(call.offset) + "\t" +
                      std::to_string(call.length) + "\t" + std::to_string(call.flags) + "\n";
   if (call.data != nullptr && state().keepsData)
     line.append(static_cast<const char*>(call.data), call.length);
@@ -114,11 +116,11 @@ auto through(Call call, Perform&& perform) -> decltype(perform(call.length)) {
   const bool counts = !s.root.empty() && (call.path.starts_with(s.root + "/") || call.path == s.root);
   errno = before;
   if (!counts) return perform(call.length);
-  ++s.calls;
-  const bool isPoint = s.calls == s.point;
+  const long number = ++s.calls;
+  const bool isPoint = number == s.point;
   const bool isCut = isPoint && (s.action == "short" || s.action == "tear");
   if (isPoint && !isCut) {
-    record(call, s.action);
+    record(number, call, s.action);
     if (s.action == "die") ::kill(::getpid(), SIGKILL);
     errno = static_cast<int>(std::strtol(s.action.c_str(), nullptr, 10));
     return -1;
@@ -126,7 +128,7 @@ auto through(Call call, Perform&& perform) -> decltype(perform(call.length)) {
   if (isCut) call.length /= 2;
   const auto result = perform(call.length);
   const int code = errno;
-  record(call, isCut ? s.action : result < 0 ? std::to_string(code) : "ok");
+  record(number, call, isCut ? s.action : result < 0 ? std::to_string(code) : "ok");
   if (isPoint && s.action == "tear") ::kill(::getpid(), SIGKILL);
   errno = code;
   return result;

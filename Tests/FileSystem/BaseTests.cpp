@@ -1,14 +1,19 @@
 #include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <semaphore>
+#include <stdexcept>
 #include <stop_token>
 #include <thread>
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include "Tests/Support/Expect.h"
 #include "VellicorRepackCore/Base/BoundedScratch.h"
 #include "VellicorRepackCore/Base/Cancellation.h"
 #include "VellicorRepackCore/Base/Errors.h"
+#include "VellicorRepackCore/Base/OrderedWork.h"
 #include "VellicorRepackCore/Base/Sha256Stream.h"
 
 namespace vellicor {
@@ -68,6 +73,84 @@ TEST(Cancellation, EndsAWaitAtOnce) {
   const std::jthread canceller([&] { source.request_stop(); });
   EXPECT_EQ(errorText([&] { sleepUnlessCancelled(std::chrono::hours(1), source.get_token()); }), "cancelled");
   EXPECT_EQ(errorText([&] { throwIfCancelled(source.get_token()); }), "cancelled");
+}
+
+TEST(OrderedWork, ShowsTheFirstFailureInOrderAndNothingBehindIt) {
+  constexpr std::size_t count = 50, failing = 40, blocking = 35;
+  for (const std::size_t workers : {1U, 2U, 8U, 99U}) {
+    std::vector<int> done(count);
+    std::atomic<bool> isAlone = true;
+    std::binary_semaphore laterFailed(0);
+    const auto caller = std::this_thread::get_id();
+    OrderedWork work(count, workers, {}, [&](std::size_t item, const std::stop_token&) {
+      if (std::this_thread::get_id() != caller) isAlone = false;
+      // The later failure comes first, where there is somebody to have it.
+      if (item == blocking && workers > 1) laterFailed.acquire();
+      if (item == blocking + 1) laterFailed.release();
+      if (item == blocking + 1 || item == failing) throw std::invalid_argument(fmt::format("item {}", item));
+      ++done[item];
+    });
+    for (std::size_t item = 0; item <= blocking; ++item) {
+      work.next();
+      EXPECT_EQ(done[item], 1) << item << " of " << workers;
+    }
+    EXPECT_EQ(errorText([&] { work.next(); }), "item 36");
+    EXPECT_EQ(isAlone, workers == 1);
+  }
+}
+
+TEST(OrderedWork, GoesAheadOfALongItemWithinItsBound) {
+  constexpr std::size_t count = 100, ahead = 2 * OrderedWork::lookAheadPerWorker;
+  std::counting_semaphore<count> begun(0), firstMayEnd(0);
+  std::atomic<std::size_t> handedOver = 0, beyond = 0;
+  OrderedWork work(count, 2, {}, [&](std::size_t item, const std::stop_token&) {
+    if (item >= handedOver + ahead) ++beyond;
+    begun.release();
+    if (item == 0) firstMayEnd.acquire();
+  });
+  for (std::size_t i = 0; i < ahead; ++i) begun.acquire();
+  firstMayEnd.release();
+  while (handedOver < count) {
+    ++handedOver;
+    work.next();
+  }
+  EXPECT_EQ(beyond, 0U);
+}
+
+TEST(OrderedWork, EndsWithWhoeverStopsIt) {
+  for (const bool isCancelled : {true, false}) {
+    for (const std::size_t workers : {1U, 3U}) {
+      std::stop_source source;
+      std::atomic<int> begun = 0, ended = 0;
+      const auto waitForStop = [&](std::size_t item, const std::stop_token& stop) {
+        ++begun;
+        const std::string text = item == 0 ? "no error" : errorText([&] {
+          if (isCancelled) source.request_stop();
+          sleepUnlessCancelled(std::chrono::hours(1), stop);
+        });
+        ++ended;
+        if (text != "no error") throw CancellationError();
+      };
+      {
+        OrderedWork work(20, workers, source.get_token(), waitForStop);
+        if (isCancelled) {
+          EXPECT_EQ(errorText([&] {
+                      while (true) work.next();
+                    }),
+                    "cancelled");
+        } else {
+          work.next();
+        }
+      }
+      EXPECT_EQ(begun, ended);
+      EXPECT_LE(begun, 4);
+      if (!isCancelled) continue;
+      begun = 0;
+      OrderedWork late(20, workers, source.get_token(), waitForStop);
+      EXPECT_EQ(errorText([&] { late.next(); }), "cancelled");
+      EXPECT_EQ(begun, 0);
+    }
+  }
 }
 
 }  // namespace

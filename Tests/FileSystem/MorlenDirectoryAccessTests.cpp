@@ -8,6 +8,7 @@
 #include "VellicorLab/TemporaryDirectory.h"
 #include "VellicorRepackCore/Base/Sha256Stream.h"
 #include "VellicorRepackCore/FileSystem/MorlenDirectoryAccess.h"
+#include "VellicorRepackCore/FileSystem/PageCacheTrail.h"
 
 namespace vellicor {
 namespace {
@@ -82,6 +83,28 @@ TEST_F(MorlenDirectoryAccessTest, ReadsAndHashesWholeFiles) {
   EXPECT_EQ(access.hash("big.bin", Access::PageCache::bypass), hashData(big));
   EXPECT_EQ(errorText([&] { access.hash(-1, "a.bin", Access::PageCache::bypass); }),
             "pread(" + root + "/a.bin) short: expected 65536, got 0, errno 9");
+}
+
+TEST_F(MorlenDirectoryAccessTest, HashingLeavesThePageCacheAsItWas) {
+  constexpr std::uint64_t step = PageCacheTrail::stepBytes, size = 3 * step + 5;
+  writeFile(root + "/big.bin", std::string(size, 'x'));
+  const Access access(root);
+  const FileDescriptor file = access.openFile("big.bin");
+  Posix::fsync(file.get(), "big.bin");
+  const bool isTold = Posix::isCached(file.get(), 0, size);
+  Posix::dropCachedPages(file.get(), 0, size);
+  if (!isTold || Posix::isCached(file.get(), 0, size)) GTEST_SKIP() << "no such cache here";
+  std::string middle(step, '\0');
+  Posix::preadAll(file.get(), "big.bin", middle.data(), step, step);
+  Posix::dropCachedPages(file.get(), 2 * step, size);
+
+  access.hash(file.get(), "big.bin", Access::PageCache::bypass);
+  const std::vector<std::pair<std::uint64_t, bool>> rows = {{0, false}, {1, true}, {2, false}, {3, false}};
+  for (const auto& [number, isCached] : rows) {
+    EXPECT_EQ(Posix::isCached(file.get(), number * step, step), isCached) << number;
+  }
+  access.hash(file.get(), "big.bin", Access::PageCache::use);
+  EXPECT_TRUE(Posix::isCached(file.get(), 0, size));
 }
 
 TEST_F(MorlenDirectoryAccessTest, ListsTheTreeWithinItsBounds) {

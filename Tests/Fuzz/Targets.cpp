@@ -142,6 +142,11 @@ void fuzzManifest(Bytes bytes) {
 void fuzzLayout(Bytes bytes) {
   using Codec = MorlenPackedExpertsLayoutCodec;
   requireStable<MorlenFormatError>(bytes, Codec::decode, Codec::encode);
+  constexpr std::size_t smallTree = 65536;
+  if (bytes.size() > smallTree || unlessRefused<JsonDecodingError>([&] { return parseJson(textOf(bytes)); }))
+    return;
+  require(!unlessRefused<MorlenFormatError>([&] { return Codec::decode(textOf(bytes)); }),
+          "what is no JSON was decoded");
 }
 
 void fuzzResident(Bytes bytes) {

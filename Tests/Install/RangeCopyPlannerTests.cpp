@@ -43,7 +43,7 @@ TEST(RangeCopyPlanner, CutsAndGroupsCopiesIntoRequests) {
     std::string requests;
     const std::string error = errorText([&] {
       for (const auto& request : RangeCopyPlanner::coalesce(row.copies, row.chunk))
-        requests += fmt::format("{}:{}[{}+{}]{} ", std::stoi(request.id.substr(6)), request.shardID,
+        requests += fmt::format("{}:{}[{}+{}]{} ", std::stoi(request.id.substr(6)), request.shardID.text(),
                                 request.sourceOffset, request.size, request.destinations.size());
     });
     EXPECT_EQ(error == "no error" ? requests : error, row.requests);

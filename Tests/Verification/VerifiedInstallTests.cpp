@@ -162,6 +162,38 @@ TEST(VerifiedInstallTool, NamesTheFirstMismatchAndLeavesTheReceiptAlone) {
   }
 }
 
+TEST(VerifiedInstallTool, ReportsTheFirstOfSeveralWrongFilesHoweverManyAreReadAtOnce) {
+  const TemporaryDirectory directory;
+  const std::string root = directory / "m.morlen";
+  for (const std::size_t workers : {1U, 2U, 8U}) {
+    fs::remove_all(root);
+    Artifact artifact(root);
+    // The one that takes longest to be found wrong comes first.
+    const std::string longName = "a_long.bin", content(std::size_t{16} << 20, 'l');
+    artifact.list(longName, content);
+    artifact.writeManifest();
+    artifact.write(longName, std::string(content.size(), 'm'));
+    fs::remove(artifact.root + weightsName);
+    artifact.write(layerName, "short");
+    artifact.write("tokenizer/tokenizer.json", "[]");
+    const std::string invalid = "configuration invalid: ";
+    const std::vector<std::tuple<std::string, std::string, std::string>> rows = {
+        {longName, content, invalid + "a_long.bin SHA mismatch"},
+        {weightsName, "weights", "fstat(" + root + "/model_weights.bin) failed: errno 2"},
+        {layerName, std::string(32768, 'e'),
+         invalid + "packed_experts/layer_00.bin size 5 != manifest 32768"},
+        {"tokenizer/tokenizer.json", "{}", invalid + "tokenizer/tokenizer.json SHA mismatch"}};
+    const auto verify = [&] { VerifiedInstallTool::run({.inputMorlen = root, .workers = workers}); };
+    for (const auto& [path, right, expected] : rows) {
+      EXPECT_EQ(errorText(verify), expected) << workers;
+      EXPECT_FALSE(fs::exists(artifact.receipt));
+      artifact.write(path, right);
+    }
+    EXPECT_EQ(errorText(verify), "no error") << workers;
+    EXPECT_TRUE(fs::exists(artifact.receipt));
+  }
+}
+
 TEST(VerifiedInstallReceiptWriter, NamesTheSourceWhenItIsKnown) {
   const json receipt = json::parse(
       VerifiedInstallReceiptWriter::encode("/x/../out\xff", "ab", 7, "owner/name", "main", "tool", {}));

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <memory>
+#include <optional>
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -12,7 +13,9 @@
 
 #include "VellicorFormat/MorlenFormatV1.h"
 #include "VellicorRepackCore/Base/BoundedScratch.h"
+#include "VellicorRepackCore/Base/Cancellation.h"
 #include "VellicorRepackCore/Base/Sha256Stream.h"
+#include "VellicorRepackCore/FileSystem/PageCacheTrail.h"
 #include "VellicorRepackCore/FileSystem/RemovedUnlessKept.h"
 #include "VellicorRepackCore/FileSystem/SystemCall.h"
 
@@ -21,8 +24,6 @@ namespace vellicor {
 namespace {
 
 constexpr int directoryFlags = O_RDONLY | O_NOFOLLOW | O_DIRECTORY | O_CLOEXEC;
-/// Cached pages are dropped in steps of this size: rarely enough to cost nothing, often enough to matter.
-constexpr std::uint64_t dropStepBytes = 8388608;
 
 struct CloseStream {
   void operator()(DIR* stream) const noexcept { ::closedir(stream); }
@@ -137,30 +138,27 @@ std::string MorlenDirectoryAccess::hash(const std::string& relativePath, PageCac
   return hash(openFile(relativePath).get(), relativePath, cache);
 }
 
-std::string MorlenDirectoryAccess::hash(int fd, const std::string& relativePath, PageCache cache) const {
+std::string MorlenDirectoryAccess::hash(int fd, const std::string& relativePath, PageCache cache,
+                                        const std::stop_token& stop) const {
   const auto readError = [&](std::int32_t code) {
     return RepackError::preadShort(fullPath(relativePath), hashChunkBytes, 0, code);
   };
-  if (cache == PageCache::bypass) Posix::bypassPageCache(fd);
+  std::optional<PageCacheTrail> trail;
+  if (cache == PageCache::bypass) trail.emplace(fd, PageCacheTrail::Drops::ownPages);
 
   AlignedBuffer chunk(hashChunkBytes);
   Sha256Stream stream;
   std::uint64_t position = 0;
-  std::uint64_t dropped = 0;
-  const auto dropBehind = [&](std::uint64_t leastBytes) {
-    if (cache == PageCache::use || position - dropped < leastBytes) return;
-    Posix::dropCachedPages(fd, dropped, position - dropped);
-    dropped = position;
-  };
   for (;;) {
+    throwIfCancelled(stop);
     const ssize_t count = checkedCall(
         readError, [&] { return ::pread(fd, chunk.data(), chunk.size(), static_cast<off_t>(position)); });
     if (count == 0) break;
     stream.update(chunk.bytes().first(static_cast<std::size_t>(count)));
     position += static_cast<std::uint64_t>(count);
-    dropBehind(dropStepBytes);
+    if (trail) trail->advanceTo(position);
   }
-  dropBehind(1);
+  if (trail) trail->finishAt(position);
   return stream.finalizeHexString();
 }
 

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <stop_token>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -20,6 +21,7 @@ class MorlenDirectoryAccess {
   static constexpr std::size_t defaultMaxEntries = 100000;
   static constexpr std::size_t hashChunkBytes = 65536;
 
+  /// Bypassing it leaves it as it was: what had been read before stays, nothing else does.
   enum class PageCache { use, bypass };
 
   /// Opens the directory; a final symbolic link to a directory is followed, once.
@@ -39,7 +41,9 @@ class MorlenDirectoryAccess {
 
   /// SHA-256 of the whole file as it is now, in lower-case hexadecimal.
   std::string hash(const std::string& relativePath, PageCache cache) const;
-  std::string hash(int fd, const std::string& relativePath, PageCache cache) const;
+  /// A stop is looked at before every chunk and throws `CancellationError`.
+  std::string hash(int fd, const std::string& relativePath, PageCache cache,
+                   const std::stop_token& stop = {}) const;
 
   /// Every entry of the tree as a relative path, sorted ascending. A top-level directory named "tokenizer" is
   /// listed and not entered. Throws `configurationInvalid` beyond the bounds.

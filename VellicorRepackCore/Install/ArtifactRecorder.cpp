@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <exception>
 #include <filesystem>
 #include <map>
 #include <set>
@@ -11,10 +12,13 @@
 
 #include <fmt/format.h>
 
+#include "VellicorRepackCore/Base/BoundedScratch.h"
 #include "VellicorRepackCore/Base/Cancellation.h"
 #include "VellicorRepackCore/Base/Errors.h"
+#include "VellicorRepackCore/Base/OrderedWork.h"
 #include "VellicorRepackCore/Base/Sha256Stream.h"
 #include "VellicorRepackCore/FileSystem/MorlenDirectoryAccess.h"
+#include "VellicorRepackCore/FileSystem/PageCacheTrail.h"
 #include "VellicorRepackCore/FileSystem/Posix.h"
 #include "VellicorRepackCore/Output/MorlenJSON.h"
 #include "VellicorRepackCore/Output/MorlenLayoutValidator.h"
@@ -99,6 +103,37 @@ std::map<std::string, std::int64_t> manifestBitWidths(const RepackPlan& plan) {
   return widths;
 }
 
+/// What is known of an output so far.
+struct HashedOutput {
+  std::uint64_t size = 0;
+  std::string sha256;
+  std::uint64_t chunks = 0;
+  std::int64_t scratchBytes = 0;
+};
+
+void hashOutput(const std::string& file, const std::stop_token& stop, HashedOutput& output) {
+  const FileDescriptor fd = Posix::openReadNoFollow(file);
+  // The manifest will name this file, so its bytes are on the disk before its digest is recorded.
+  Posix::fsync(fd.get(), file);
+  output.size = Posix::fileSize(fd.get(), file);
+  PageCacheTrail trail(fd.get(), PageCacheTrail::Drops::allPages);
+  AlignedBuffer buffer(hashChunkBytes);
+  output.scratchBytes = hashChunkBytes;
+
+  Sha256Stream digest;
+  for (std::uint64_t done = 0; done < output.size;) {
+    throwIfCancelled(stop);
+    const std::uint64_t length = std::min<std::uint64_t>(buffer.size(), output.size - done);
+    Posix::preadAll(fd.get(), file, buffer.data(), static_cast<std::int64_t>(length), done);
+    digest.update(buffer.bytes().first(static_cast<std::size_t>(length)));
+    output.chunks += 1;
+    done += length;
+    trail.advanceTo(done);
+  }
+  trail.finishAt(output.size);
+  output.sha256 = digest.finalizeHexString();
+}
+
 }  // namespace
 
 ArtifactRecorder::ArtifactRecorder(std::string partialDirectory, const RepackPlan& plan, RepackAudit& audit,
@@ -107,20 +142,19 @@ ArtifactRecorder::ArtifactRecorder(std::string partialDirectory, const RepackPla
       plan_(plan),
       audit_(audit),
       progress_(progress),
-      stop_(std::move(stop)),
-      hashBuffer_(hashChunkBytes) {}
+      stop_(std::move(stop)) {}
 
 std::string ArtifactRecorder::path(const std::string& relativePath) const {
   return joinPath(partialDirectory_, relativePath);
 }
 
 void ArtifactRecorder::recordPayload() {
-  recordOutputFile("model_weights.bin");
+  std::vector<std::string> relativePaths = {"model_weights.bin"};
   for (const LayerFilePlan& layer : plan_.layers) {
     if (layer.expertsPerLayer < 1) continue;
-    throwIfCancelled(stop_);
-    recordOutputFile("packed_experts/" + lastPathComponent(layer.path));
+    relativePaths.push_back("packed_experts/" + lastPathComponent(layer.path));
   }
+  recordOutputFiles(relativePaths);
 }
 
 void ArtifactRecorder::requireReadableLayout(const RepackPlan& plan) {
@@ -223,28 +257,22 @@ void ArtifactRecorder::makeDirectory(const std::string& directory) {
   Posix::mkdirP(directory);
 }
 
-void ArtifactRecorder::recordOutputFile(const std::string& relativePath) {
-  progress_(HashingOutputProgress{relativePath});
-  throwIfCancelled(stop_);
-  const std::string file = path(relativePath);
-  const FileDescriptor fd = Posix::openReadNoFollow(file);
-  // The manifest will name this file, so its bytes are on the disk before its digest is recorded.
-  Posix::fsync(fd.get(), file);
-  const std::uint64_t size = Posix::fileSize(fd.get(), file);
-  Posix::bypassPageCache(fd.get());
-  audit_.largestScratchBytes = std::max(audit_.largestScratchBytes, std::int64_t{hashChunkBytes});
-
-  Sha256Stream digest;
-  for (std::uint64_t done = 0; done < size;) {
+void ArtifactRecorder::recordOutputFiles(const std::vector<std::string>& relativePaths) {
+  std::vector<HashedOutput> hashed(relativePaths.size());
+  OrderedWork work(relativePaths.size(), Posix::availableProcessors(), stop_,
+                   [&](std::size_t item, const std::stop_token& stop) {
+                     hashOutput(path(relativePaths[item]), stop, hashed[item]);
+                   });
+  for (std::size_t item = 0; item < relativePaths.size(); ++item) {
+    if (item > 0) throwIfCancelled(stop_);
+    progress_(HashingOutputProgress{relativePaths[item]});
     throwIfCancelled(stop_);
-    const std::uint64_t length = std::min<std::uint64_t>(hashBuffer_.size(), size - done);
-    Posix::preadAll(fd.get(), file, hashBuffer_.data(), static_cast<std::int64_t>(length), done);
-    digest.update(hashBuffer_.bytes().first(static_cast<std::size_t>(length)));
-    Posix::dropCachedPages(fd.get(), done, length);
-    audit_.byteCopyTiles += 1;
-    done += length;
+    const std::exception_ptr failure = failureOf([&] { work.next(); });
+    audit_.largestScratchBytes = std::max(audit_.largestScratchBytes, hashed[item].scratchBytes);
+    audit_.byteCopyTiles += hashed[item].chunks;
+    if (failure) std::rethrow_exception(failure);
+    audit_.outputFiles.push_back({relativePaths[item], hashed[item].size, std::move(hashed[item].sha256)});
   }
-  audit_.outputFiles.push_back({relativePath, size, digest.finalizeHexString()});
 }
 
 }  // namespace vellicor

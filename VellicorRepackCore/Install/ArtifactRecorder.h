@@ -1,10 +1,9 @@
 #pragma once
 
-#include <cstdint>
 #include <stop_token>
 #include <string>
+#include <vector>
 
-#include "VellicorRepackCore/Base/BoundedScratch.h"
 #include "VellicorRepackCore/Planning/RepackPlanner.h"
 #include "VellicorRepackCore/Remote/RemoteSnapshotLoader.h"
 #include "VellicorRepackCore/Reporting/ModelInstallProgress.h"
@@ -14,7 +13,8 @@ namespace vellicor {
 
 /// Completes a partial directory whose payload is in place: hashes every output, writes the layout, fetches
 /// the sidecars, clears away what is not of the artifact, and writes manifest and receipt. Everything that it
-/// returns from is durable. Used by one install on one thread.
+/// returns from is durable. Used by one install on one thread; only the hashing of the payload has others
+/// help.
 class ArtifactRecorder {
  public:
   ArtifactRecorder(std::string partialDirectory, const RepackPlan& plan, RepackAudit& audit,
@@ -47,8 +47,10 @@ class ArtifactRecorder {
  private:
   /// A directory of the artifact. What stands in its place and is none is removed.
   void makeDirectory(const std::string& directory);
-  /// Hashes one file and appends it to the audit's outputs; the file is durable afterwards.
-  void recordOutputFile(const std::string& relativePath);
+  /// Hashes files, some of them side by side, and appends them to the audit's outputs in this order; they are
+  /// durable afterwards. Looks for a stop before each but the first.
+  void recordOutputFiles(const std::vector<std::string>& relativePaths);
+  void recordOutputFile(const std::string& relativePath) { recordOutputFiles({relativePath}); }
   std::string path(const std::string& relativePath) const;
 
   std::string partialDirectory_;
@@ -56,7 +58,6 @@ class ArtifactRecorder {
   RepackAudit& audit_;
   const ModelInstallProgressCallback& progress_;
   std::stop_token stop_;
-  AlignedBuffer hashBuffer_;
 };
 
 }  // namespace vellicor

@@ -31,13 +31,21 @@ class RelativePaths {
   explicit RelativePaths(std::string_view root) : root_(root) {}
 
   const std::string& of(std::string_view path) {
-    const auto known = byPath_.find(path);
-    if (known != byPath_.end()) return known->second;
-    return byPath_.emplace(path, RangeCopyPlanner::normalizedRelativePath(path, root_)).first->second;
+    // Mostly it is the very text of the copy before.
+    if (path.data() != last_.data() || path.size() != last_.size()) {
+      auto known = byPath_.find(path);
+      if (known == byPath_.end())
+        known = byPath_.emplace(path, RangeCopyPlanner::normalizedRelativePath(path, root_)).first;
+      last_ = path;
+      lastRelative_ = &known->second;
+    }
+    return *lastRelative_;
   }
 
  private:
   std::string_view root_;
+  std::string_view last_;
+  const std::string* lastRelative_ = nullptr;
   std::unordered_map<std::string_view, std::string> byPath_;
 };
 
@@ -52,8 +60,9 @@ void requireCanonicalRelative(const std::string& path) {
 // ---- Generating ----
 
 void appendResidentCopies(const ResidentFilePlan& resident, std::vector<RangeCopy>& copies) {
+  const SharedText path = resident.path;
   const auto append = [&](const SourceTensor& source, std::uint64_t size, std::uint64_t destinationOffset) {
-    copies.push_back({source.shardPath, source.absoluteOffset, size, resident.path, destinationOffset});
+    copies.push_back({source.shardPath, source.absoluteOffset, size, path, destinationOffset});
   };
   for (const ResidentEntry& entry : resident.entries) {
     append(entry.sourceWeight, entry.sizeBytes, entry.fileOffset);
@@ -68,6 +77,7 @@ std::uint64_t strided(std::uint64_t base, std::uint64_t count, std::uint64_t ste
 }
 
 void appendLayerCopies(const LayerFilePlan& layer, std::vector<RangeCopy>& copies) {
+  const SharedText path = layer.path;
   for (std::int64_t number = 0; number < layer.expertsPerLayer; ++number) {
     const auto expert = static_cast<std::uint64_t>(number);
     for (const PerExpertTensorSlice& slice : layer.subTensors) {
@@ -75,7 +85,7 @@ void appendLayerCopies(const LayerFilePlan& layer, std::vector<RangeCopy>& copie
       copies.push_back(
           {source.shardPath,
            strided(source.absoluteOffset, expert, slice.sourceOffsetPerExpert, "expert source offset"),
-           slice.sizeInExpertBlob, layer.path,
+           slice.sizeInExpertBlob, path,
            strided(slice.offsetInExpertBlob, expert, layer.expertStride, "expert destination offset")});
     }
   }
@@ -201,12 +211,12 @@ void checkIntervals(std::string_view relativePath, std::vector<const RangeCopy*>
 
 void appendCopy(const CoalescedRangeCopy& copy, RelativePaths& relativePaths, FingerprintWriter& writer) {
   writer.append(copy.id);
-  writer.append(canonicalComposition(copy.shardID));
+  writer.append(canonicalComposition(copy.shardID.text()));
   writer.append(copy.sourceOffset);
   writer.append(copy.size);
   writer.append(std::uint64_t{copy.destinations.size()});
   for (const RangeCopy& destination : copy.destinations) {
-    writer.append(relativePaths.of(destination.destinationPath));
+    writer.append(relativePaths.of(destination.destinationPath.text()));
     writer.append(destination.destinationOffset);
     writer.append(destination.sourceOffset - copy.sourceOffset);
     writer.append(destination.size);
@@ -230,7 +240,7 @@ void RangeCopyPlanner::validateDestinationIntervals(const std::vector<RangeCopy>
                                                     const std::string& outputRoot) {
   RelativePaths relativePaths(outputRoot);
   std::map<std::string_view, std::vector<const RangeCopy*>> byFile;
-  for (const RangeCopy& copy : copies) byFile[relativePaths.of(copy.destinationPath)].push_back(&copy);
+  for (const RangeCopy& copy : copies) byFile[relativePaths.of(copy.destinationPath.text())].push_back(&copy);
   for (auto& [relativePath, ofFile] : byFile) checkIntervals(relativePath, std::move(ofFile));
 }
 

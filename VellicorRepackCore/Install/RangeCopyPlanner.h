@@ -13,12 +13,12 @@ namespace vellicor {
 /// One scalar copy: `size` bytes of a shard into an output file.
 struct RangeCopy {
   /// The shard's file name in the snapshot.
-  std::string shardID;
+  SharedText shardID;
   std::uint64_t sourceOffset = 0;
   /// May be 0.
   std::uint64_t size = 0;
   /// Inside the partial output directory.
-  std::string destinationPath;
+  SharedText destinationPath;
   std::uint64_t destinationOffset = 0;
   bool operator==(const RangeCopy&) const = default;
 };
@@ -27,7 +27,7 @@ struct RangeCopy {
 struct CoalescedRangeCopy {
   /// "range-%08d" of the position in the plan.
   std::string id;
-  std::string shardID;
+  SharedText shardID;
   std::uint64_t sourceOffset = 0;
   std::uint64_t size = 0;
   /// Sorted by destination path, destination offset, source offset; each lies inside the requested range.

@@ -1,6 +1,6 @@
 #include "VellicorRepackCore/Output/MorlenLayoutValidator.h"
 
-#include <algorithm>
+#include <unordered_map>
 
 #include <fmt/format.h>
 
@@ -24,13 +24,19 @@ MorlenPackedExpertsLayoutV1 readLayout(const std::string& path) {
   }
 }
 
-void checkLayer(const MorlenLayerV1& layer, std::uint64_t expertStride, const RepackPlan& plan) {
-  const auto planned =
-      std::find_if(plan.layers.begin(), plan.layers.end(),
-                   [&](const LayerFilePlan& candidate) { return candidate.layerIndex == layer.layer; });
-  if (planned == plan.layers.end()) throw failed("malformed layer");
+using PlannedLayers = std::unordered_map<std::int64_t, const LayerFilePlan*>;
+
+PlannedLayers layersByIndex(const RepackPlan& plan) {
+  PlannedLayers layers;
+  for (const LayerFilePlan& layer : plan.layers) layers.emplace(layer.layerIndex, &layer);
+  return layers;
+}
+
+void checkLayer(const MorlenLayerV1& layer, std::uint64_t expertStride, const PlannedLayers& plannedLayers) {
+  const auto planned = plannedLayers.find(layer.layer);
+  if (planned == plannedLayers.end()) throw failed("malformed layer");
   const auto experts = static_cast<std::int64_t>(layer.experts.size());
-  if (experts != planned->expertsPerLayer || expertStride != planned->expertStride) {
+  if (experts != planned->second->expertsPerLayer || expertStride != planned->second->expertStride) {
     throw failed(fmt::format("plan mismatch in layer {}", layer.layer));
   }
 }
@@ -39,9 +45,10 @@ void checkLayer(const MorlenLayerV1& layer, std::uint64_t expertStride, const Re
 
 void MorlenLayoutValidator::validate(const std::string& path, const RepackPlan& plan, RepackAudit* audit) {
   const MorlenPackedExpertsLayoutV1 layout = readLayout(path);
+  const PlannedLayers plannedLayers = layersByIndex(plan);
   std::int64_t experts = 0;
   for (const MorlenLayerV1& layer : layout.layers) {
-    checkLayer(layer, layout.expertStride, plan);
+    checkLayer(layer, layout.expertStride, plannedLayers);
     experts += static_cast<std::int64_t>(layer.experts.size());
   }
   if (layout.layers.size() != plan.layers.size()) throw failed("layer count mismatch");

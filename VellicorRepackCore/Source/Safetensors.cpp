@@ -34,13 +34,16 @@ std::optional<std::uint64_t> elementCount(const std::vector<std::uint64_t>& shap
 class EntryReader {
  public:
   EntryReader(const std::string& path, std::uint64_t fileSize, std::uint64_t headerBytes)
-      : path_(path), fileSize_(fileSize), dataStart_(Safetensors::lengthPrefixBytes + headerBytes) {}
+      : path_(path),
+        shardPath_(path),
+        fileSize_(fileSize),
+        dataStart_(Safetensors::lengthPrefixBytes + headerBytes) {}
 
   SourceTensor read(const std::string& name, const nlohmann::json& entry) const {
     if (!entry.is_object()) throw invalid(name, "is not a dict");
     SourceTensor tensor;
     tensor.name = name;
-    tensor.shardPath = path_;
+    tensor.shardPath = shardPath_;
     tensor.dtype = readDtype(name, entry);
     tensor.shape = readShape(name, entry);
     readRange(name, entry, tensor);
@@ -102,6 +105,7 @@ class EntryReader {
   }
 
   const std::string& path_;
+  SharedText shardPath_;
   std::uint64_t fileSize_;
   std::uint64_t dataStart_;
 };

@@ -6,6 +6,8 @@
 #include <string_view>
 #include <vector>
 
+#include "VellicorRepackCore/Source/SharedText.h"
+
 namespace vellicor {
 
 /// One tensor of one source shard.
@@ -20,7 +22,7 @@ struct SourceTensor {
   static std::uint64_t elementBytes(Dtype dtype);
 
   std::string name;
-  std::string shardPath;
+  SharedText shardPath;
   Dtype dtype = Dtype::u32;
   std::vector<std::uint64_t> shape;
   /// Offset of the first byte in the shard file.

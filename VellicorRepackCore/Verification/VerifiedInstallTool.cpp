@@ -5,6 +5,7 @@
 #include <map>
 #include <optional>
 #include <set>
+#include <stop_token>
 #include <string_view>
 #include <utility>
 
@@ -15,6 +16,7 @@
 #include "VellicorFormat/MorlenPackedExpertsLayoutV1.h"
 #include "VellicorFormat/UnicodeText.h"
 #include "VellicorRepackCore/Base/Errors.h"
+#include "VellicorRepackCore/Base/OrderedWork.h"
 #include "VellicorRepackCore/Base/Sha256Stream.h"
 #include "VellicorRepackCore/FileSystem/MorlenDirectoryAccess.h"
 #include "VellicorRepackCore/FileSystem/Posix.h"
@@ -71,11 +73,11 @@ void checkDigest(const std::string& path, const std::string& sha256, const Morle
 
 /// Sizes and hashes one listed file through a single descriptor; a wrong size is refused before the reading.
 OutputFile verifyFile(const MorlenDirectoryAccess& directory, const std::string& path,
-                      const MorlenManifestFileV1& entry) {
+                      const MorlenManifestFileV1& entry, const std::stop_token& stop) {
   const FileDescriptor file = directory.openFile(path);
   const std::uint64_t size = directory.fileSize(file.get(), path);
   checkSize(path, size, entry);
-  std::string sha256 = directory.hash(file.get(), path, MorlenDirectoryAccess::PageCache::bypass);
+  std::string sha256 = directory.hash(file.get(), path, MorlenDirectoryAccess::PageCache::bypass, stop);
   checkDigest(path, sha256, entry);
   return {.relativePath = path, .size = size, .sha256 = std::move(sha256)};
 }
@@ -121,18 +123,22 @@ OutputFile verifyLayout(const MorlenDirectoryAccess& directory, const MorlenMani
   return std::move(file.record);
 }
 
-/// Every file that the manifest lists, in ascending order of paths.
+/// Every file that the manifest lists, in ascending order of paths; some are read side by side.
 std::vector<OutputFile> verifyListedFiles(const MorlenDirectoryAccess& directory,
                                           const MorlenManifestV1& manifest, const OutputFile& layout,
-                                          std::uint64_t& bytesVerified) {
+                                          std::size_t workers, std::uint64_t& bytesVerified) {
   std::vector<OutputFile> verified;
-  for (const auto& [path, entry] : manifest.files) {
-    verified.push_back(path == layoutPath ? layout : verifyFile(directory, path, entry));
-    const std::uint64_t size = verified.back().size;
-    if (size > std::numeric_limits<std::uint64_t>::max() - bytesVerified) {
+  for (const auto& [path, entry] : manifest.files) verified.push_back({path, entry.size, {}});
+  OrderedWork work(verified.size(), workers, {}, [&](std::size_t item, const std::stop_token& stop) {
+    const std::string& path = verified[item].relativePath;
+    verified[item] = path == layoutPath ? layout : verifyFile(directory, path, manifest.files.at(path), stop);
+  });
+  for (const OutputFile& file : verified) {
+    work.next();
+    if (file.size > std::numeric_limits<std::uint64_t>::max() - bytesVerified) {
       refuse("verified byte count exceeds UInt64");
     }
-    bytesVerified += size;
+    bytesVerified += file.size;
   }
   return verified;
 }
@@ -170,7 +176,9 @@ VerifyInstallResult VerifiedInstallTool::run(const VerifyInstallOptions& options
   const OutputFile layout = verifyLayout(directory, manifest);
   VerifyInstallResult result;
   result.bytesVerified = manifestFile.record.size;
-  const std::vector<OutputFile> files = verifyListedFiles(directory, manifest, layout, result.bytesVerified);
+  const std::vector<OutputFile> files =
+      verifyListedFiles(directory, manifest, layout, options.workers.value_or(Posix::availableProcessors()),
+                        result.bytesVerified);
   result.receiptPath = joinPath(directory.rootPath(), receiptName);
   result.fileCount = static_cast<std::int64_t>(files.size()) + 1;
   result.unexpectedEntries = unexpectedEntries(directory, manifest);

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -9,6 +11,8 @@ namespace vellicor {
 struct VerifyInstallOptions {
   /// The artifact directory, as given.
   std::string inputMorlen;
+  /// How many files are hashed side by side; as many as there are processors when not given.
+  std::optional<std::size_t> workers{};
 };
 
 struct VerifyInstallResult {

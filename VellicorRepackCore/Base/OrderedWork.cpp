@@ -1,0 +1,73 @@
+#include "VellicorRepackCore/Base/OrderedWork.h"
+
+#include <algorithm>
+#include <system_error>
+#include <utility>
+
+#include "VellicorRepackCore/Base/Cancellation.h"
+#include "VellicorRepackCore/Base/Errors.h"
+
+namespace vellicor {
+
+OrderedWork::OrderedWork(std::size_t count, std::size_t workers, const std::stop_token& stop, Work work)
+    : work_(std::move(work)),
+      forwarding_(stop, [this] { stop_.request_stop(); }),
+      items_(count),
+      end_(count),
+      lookAhead_(lookAheadPerWorker) {
+  startThreads(std::min({workers, count, maximumWorkers}));
+}
+
+OrderedWork::~OrderedWork() {
+  stop_.request_stop();
+  threads_.clear();
+}
+
+void OrderedWork::startThreads(std::size_t workers) {
+  if (workers < 2) return;
+  lookAhead_ = workers * lookAheadPerWorker;
+  threads_.reserve(workers);
+  try {
+    while (threads_.size() < workers) threads_.emplace_back([this] { runItems(); });
+  } catch (const std::system_error&) {
+    // The system has no thread to spare: those that it gave will do.
+    return;
+  }
+}
+
+void OrderedWork::runItems() {
+  const std::stop_token stop = stop_.get_token();
+  const auto hasRoom = [this] { return begun_ >= end_ || begun_ - handedOver_ < lookAhead_; };
+  std::unique_lock lock(mutex_);
+  for (;;) {
+    roomMade_.wait(lock, stop, hasRoom);
+    if (stop.stop_requested() || begun_ >= end_) return;
+    const std::size_t item = begun_++;
+    lock.unlock();
+    std::exception_ptr failure = failureOf([&] { work_(item, stop); });
+    lock.lock();
+    if (failure) end_ = std::min(end_, item);
+    items_[item] = {.isDone = true, .failure = std::move(failure)};
+    itemDone_.notify_one();
+  }
+}
+
+void OrderedWork::waitFor(std::size_t item) {
+  std::unique_lock lock(mutex_);
+  const auto isDone = [&] { return items_[item].isDone; };
+  itemDone_.wait(lock, stop_.get_token(), isDone);
+  if (item >= begun_) throw CancellationError();
+  // One that has begun is still at work on what is the caller's.
+  itemDone_.wait(lock, isDone);
+  ++handedOver_;
+  roomMade_.notify_one();
+  if (items_[item].failure) std::rethrow_exception(std::exchange(items_[item].failure, nullptr));
+}
+
+void OrderedWork::next() {
+  if (!threads_.empty()) return waitFor(handedOver_);
+  throwIfCancelled(stop_.get_token());
+  work_(handedOver_++, stop_.get_token());
+}
+
+}  // namespace vellicor

@@ -1,0 +1,83 @@
+#include "VellicorRepackCore/FileSystem/ArtifactRecords.h"
+
+#include <cstddef>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "VellicorFormat/UnicodeText.h"
+#include "VellicorRepackCore/Base/Sha256Stream.h"
+
+namespace vellicor {
+
+namespace {
+
+[[noreturn]] void refuse(std::string detail) { throw RepackError::configurationInvalid(std::move(detail)); }
+
+/// Reads a record whole and notes what was read.
+std::string readRecord(const MorlenDirectoryAccess& directory, const std::string& path,
+                       std::uint64_t maximumBytes, MorlenManifestFileV1& record) {
+  const FileDescriptor file = directory.openFile(path);
+  Posix::bypassPageCache(file.get());
+  std::string content = directory.readMetadata(file.get(), path, maximumBytes);
+  record = {.size = content.size(), .sha256 = hashData(content)};
+  return content;
+}
+
+void checkLayerFile(const MorlenManifestV1& manifest, const MorlenLayerV1& layer,
+                    std::uint64_t expectedSize) {
+  const std::string path = "packed_experts/" + layer.file;
+  const auto entry = manifest.files.find(path);
+  if (entry == manifest.files.end()) refuse("manifest missing " + path);
+  if (entry->second.size != expectedSize) {
+    refuse(fmt::format("{} manifest size {} != {}", path, entry->second.size, expectedSize));
+  }
+  for (std::size_t position = 0; position < layer.experts.size(); ++position) {
+    const MorlenExpertV1& expert = layer.experts[position];
+    if (expert.offset > expectedSize || expert.size > expectedSize - expert.offset) {
+      const std::int64_t id = expert.expert.value_or(static_cast<std::int64_t>(position));
+      refuse(fmt::format("{} expert {} range exceeds file size", path, id));
+    }
+  }
+}
+
+void checkLayout(const MorlenManifestV1& manifest, const MorlenPackedExpertsLayoutV1& layout) {
+  // Both have passed their own validation, so the count is positive.
+  const std::uint64_t layerFileSize = withFormatErrors("packed expert layout does not match manifest", [&] {
+    MorlenV1StructuralValidator::crossValidate(manifest, layout);
+    return morlenCheckedMultiply(static_cast<std::uint64_t>(layout.expertsPerLayer), layout.expertStride,
+                                 "layout.layerSize");
+  });
+  for (const MorlenLayerV1& layer : layout.layers) checkLayerFile(manifest, layer, layerFileSize);
+}
+
+}  // namespace
+
+ArtifactRecords ArtifactRecords::read(const MorlenDirectoryAccess& directory) {
+  ArtifactRecords records;
+  const std::string manifest =
+      readRecord(directory, manifestName, maximumManifestBytes, records.manifestFile);
+  records.manifest =
+      withFormatErrors("manifest.json invalid", [&] { return MorlenManifestCodec::decode(manifest); });
+
+  const auto listed = records.manifest.files.find(layoutPath);
+  if (listed == records.manifest.files.end()) refuse(std::string("manifest missing ") + layoutPath);
+  const std::string layout = readRecord(directory, layoutPath, maximumLayoutBytes, records.layoutFile);
+  records.layout = withFormatErrors("packed_experts/layout.json invalid",
+                                    [&] { return MorlenPackedExpertsLayoutCodec::decode(layout); });
+  checkLayout(records.manifest, records.layout);
+  requireListedSize(layoutPath, records.layoutFile.size, listed->second);
+  requireListedDigest(layoutPath, records.layoutFile.sha256, listed->second);
+  return records;
+}
+
+void requireListedSize(const std::string& path, std::uint64_t size, const MorlenManifestFileV1& listed) {
+  if (size != listed.size) refuse(fmt::format("{} size {} != manifest {}", path, size, listed.size));
+}
+
+void requireListedDigest(const std::string& path, const std::string& sha256,
+                         const MorlenManifestFileV1& listed) {
+  if (sha256 != lowercased(listed.sha256)) refuse(path + " SHA mismatch");
+}
+
+}  // namespace vellicor
