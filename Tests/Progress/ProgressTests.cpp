@@ -1,0 +1,319 @@
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include "VellicorProgress/Advice.h"
+#include "VellicorProgress/ProgressLine.h"
+#include "VellicorProgress/ProgressMeter.h"
+#include "VellicorProgress/Screen.h"
+#include "VellicorProgress/Viewer.h"
+
+namespace vellicor {
+namespace {
+
+using namespace std::chrono_literals;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+const ProgressTime start = ProgressTime() + seconds(1000);
+
+/// A reader that writes down what it hands on: events as "<index>", other text as it is.
+class Reading {
+ public:
+  void feed(std::string_view bytes) { reader_.feed(bytes, receiver_); }
+  std::string inPieces(std::string_view stream, std::size_t pieceBytes) {
+    for (std::size_t at = 0; at < stream.size(); at += pieceBytes) feed(stream.substr(at, pieceBytes));
+    reader_.finish(receiver_);
+    return seen;
+  }
+  std::string seen;
+
+ private:
+  ProgressLineReader reader_;
+  ProgressLineReader::Receiver receiver_{
+      .event = [this](const auto& event) { seen += "<" + std::to_string(event.index()) + ">"; },
+      .other = [this](std::string_view bytes) { seen += bytes; }};
+};
+
+const std::string metadataLine = "PROGRESS {\"phase\":\"metadata\"}\n";
+
+TEST(ProgressLine, IsDecodedWholeOrHandedOnUntouched) {
+  using namespace std::string_literals;
+  std::vector<std::pair<std::string, std::string>> rows = {
+      {metadataLine +
+           "PROGRESS {\"downloadBytes\":1,\"outputBytes\":2,\"phase\":\"planning\"}\n"
+           "PROGRESS {\"phase\":\"checkingDisk\"}\nPROGRESS {\"outputBytes\":3,\"phase\":\"reserving\"}\n"
+           "PROGRESS { \"totalBytes\": 9, \"reusedBytes\":0,\"downloadedBytes\":1,\"phase\":\"copying\"}\r\n"
+           "PROGRESS {\"file\":\"a\\/b\",\"phase\":\"hashing\"}\nPROGRESS {\"phase\":\"finalizing\"}",
+       "<5><0><1><2><3><4><6>"},
+      {"a\nPROG\n" + metadataLine + "\n\nb\n" + metadataLine + "end", "a\nPROG\n<5>\n\nb\n<5>end"}};
+  for (const std::string& untouched :
+       {"\0\xFF\r\033[2J\nPROGRESS \0"s, " " + metadataLine, "PROGRESS {\"phase\":\"dancing\"}\n"s,
+        "PROGRESS {\"phase\":\"hashing\"}\n"s, "PROGRESS {\"outputBytes\":-3,\"phase\":\"reserving\"}\n"s,
+        "PROGRESS {\"phase\":\"metad"s}) {
+    rows.emplace_back(untouched, untouched);
+  }
+  for (const auto& [stream, seen] : rows) {
+    for (const std::size_t pieceBytes : {std::size_t{1}, std::size_t{7}, stream.size()}) {
+      EXPECT_EQ(Reading().inPieces(stream, pieceBytes), seen) << "in pieces of " << pieceBytes;
+    }
+  }
+}
+
+TEST(ProgressLine, HoldsBackNoMoreThanItMust) {
+  Reading reading;
+  reading.feed("Continue? ");
+  EXPECT_EQ(reading.seen, "Continue? ") << "an unfinished line is shown at once";
+  const std::string endless = "PROGRESS \"" + std::string(ProgressLineReader::maximumHeldBytes, 'x');
+  reading.feed("\n" + endless);
+  EXPECT_EQ(reading.seen, "Continue? \n" + endless);
+  reading.feed("\n" + metadataLine);
+  EXPECT_TRUE(reading.seen.ends_with("x\n<5>"));
+}
+
+CopyingPayloadProgress copied(std::uint64_t reused, std::uint64_t downloaded, std::uint64_t total = 10000) {
+  return {reused, downloaded, total};
+}
+
+TEST(ProgressMeter, CountsReusedBytesAsDoneAndFetchedOnesAsRate) {
+  using Events = std::vector<std::pair<milliseconds, CopyingPayloadProgress>>;
+  const Events window = {{0s, copied(0, 0)}, {10s, copied(0, 5000)}, {20s, copied(0, 6000)}};
+  const Events again = {
+      {0s, copied(0, 0)}, {1s, copied(0, 2000)}, {2s, copied(0, 1000)}, {4s, copied(0, 3000)}};
+  const std::vector<std::tuple<std::string, Events, milliseconds, std::string>> rows = {
+      {"no rate in the first second", {{0s, copied(0, 0)}, {900ms, copied(0, 900)}}, 900ms, "9%"},
+      {"fetched", {{0s, copied(0, 0)}, {2s, copied(0, 1000)}}, 2s, "10% 500/s 18s"},
+      {"reused bytes are done at once",
+       {{0s, copied(6000, 0)}, {2s, copied(6000, 1000)}},
+       2s,
+       "70% 500/s 6s"},
+      {"the last ten seconds only", window, 20s, "60% 100/s 40s"},
+      {"nothing comes any more", {{0s, copied(0, 0)}, {2s, copied(0, 4000)}}, 13s, "40% 0/s"},
+      {"a range fetched again", again, 4s, "30% 1000/s 7s"},
+      {"more than everything", {{0s, copied(20000, 0)}, {2s, copied(20000, 5)}}, 2s, "100% 0/s"},
+      {"nothing to copy", {{0s, copied(0, 0, 0)}}, 2s, "100% 0/s"},
+      {"almost everything", {{0s, copied(0, UINT64_MAX - 1, UINT64_MAX)}}, 0s, "99%"},
+  };
+  for (const auto& [name, events, at, summary] : rows) {
+    ProgressMeter meter;
+    for (const auto& [time, event] : events) meter.apply(event, start + time);
+    const PhaseState state = meter.current(start + at).value();
+    std::string seen = fmt::format("{}%", state.percent());
+    if (state.rate) seen += fmt::format(" {}/s", *state.rate);
+    if (state.left) seen += fmt::format(" {}s", state.left->count());
+    EXPECT_EQ(seen, summary) << name;
+  }
+}
+
+PhaseState copying(std::uint64_t reused) {
+  PhaseState state;
+  state.phase = InstallPhase::copying;
+  state.elapsed = 95s;
+  state.totalBytes = 14200000000;
+  state.reusedBytes = reused;
+  state.doneBytes = 6000000000;
+  state.rate = 35100000.0;
+  state.left = 234s;
+  return state;
+}
+
+PhaseState hashing(std::string file) {
+  PhaseState state;
+  state.phase = InstallPhase::hashing;
+  state.file = std::move(file);
+  state.files = 12;
+  state.elapsed = 41s;
+  return state;
+}
+
+TEST(Screen, FitsEveryWidth) {
+  const PhaseState resumed = copying(1704000000);
+  const PhaseState layer = hashing("packed_experts/layer_12.bin");
+  using enum Glyphs;
+  const std::vector<std::tuple<std::string, PhaseState, std::size_t, Glyphs, std::string>> rows = {
+      {"200", resumed, 200, unicode,
+       "Copying    ███████████████████"
+       "██████▎░░░░░░░░░░░░░░░░░░░░░░░░░░░░░░░░░░"
+       "  42%   6.0/14.2 GB  35.1 MB/s     3:54 left  12% reused"},
+      {"80", resumed, 80, unicode,
+       "Copying    █████░░░░░░░  42%   6.0/14.2 GB  35.1 MB/s     3:54 left  12% reused"},
+      {"80 in ASCII", resumed, 80, ascii,
+       "Copying    [####------]  42%   6.0/14.2 GB  35.1 MB/s     3:54 left  12% reused"},
+      {"without the reused share", resumed, 70, ascii,
+       "Copying    [#####-------]  42%   6.0/14.2 GB  35.1 MB/s     3:54 left"},
+      {"without the rate", resumed, 60, ascii, "Copying    [#####--------]  42%   6.0/14.2 GB     3:54 left"},
+      {"without the bytes", resumed, 48, ascii, "Copying    [######---------]  42%     3:54 left"},
+      {"40", resumed, 40, ascii, "Copying    [##-----]  42%     3:54 left"},
+      {"without the bar", resumed, 38, ascii, "Copying     42%     3:54 left"},
+      {"20", resumed, 20, ascii, "Copying    [-]  42%"},
+      {"10", resumed, 10, ascii, "Copyin..."},
+      {"a name", layer, 80, ascii, "Hashing    packed_experts/layer_12.bin  file 12  41 s"},
+      {"a name cut in the middle", layer, 45, unicode, "Hashing    packed_e…er_12.bin  file 12  41 s"},
+      {"a wide name", hashing("模型/模型/層.bin"), 26, unicode, "Hashing    模型/…/層.bin"},
+      {"a hostile name", hashing("a\033[2J\u202Eb\nc"), 80, ascii, "Hashing    a?[2J?b?c  file 12  41 s"},
+  };
+  for (const auto& [name, state, columns, glyphs, text] : rows) {
+    SCOPED_TRACE(name);
+    EXPECT_EQ(liveLine(state, {.columns = columns, .glyphs = glyphs}), text);
+  }
+}
+
+TEST(Screen, NeverReachesTheLastColumn) {
+  std::size_t lines = 0;
+  const auto expectFits = [&](const std::string& line, std::size_t columns) {
+    EXPECT_LE(displayColumns(line), std::max<std::size_t>(columns, 2) - 1) << line;
+    lines += 1;
+  };
+  for (const std::string& file :
+       {std::string("e\u0301模型👩‍👩‍👧❤️/層.bin"), std::string(300, 'x')}) {
+    PhaseState state = copying(file.size());
+    state.file = file;
+    state.left = 400h;
+    state.totalBytes = UINT64_MAX;
+    for (int phase = 0; phase <= static_cast<int>(InstallPhase::finalizing); ++phase) {
+      state.phase = static_cast<InstallPhase>(phase);
+      for (std::size_t columns = 1; columns <= 250; ++columns) {
+        for (const Glyphs glyphs : {Glyphs::ascii, Glyphs::unicode}) {
+          const Look look{.columns = columns, .glyphs = glyphs};
+          expectFits(liveLine(state, look), columns);
+          expectFits(endedLine(state, PhaseEnd::finished, look), columns);
+          expectFits(endedLine(state, PhaseEnd::stopped, look), columns);
+        }
+      }
+    }
+  }
+  EXPECT_EQ(lines, 2U * 7 * 250 * 2 * 3);
+}
+
+TEST(Screen, ColoursTheSameText) {
+  const Look look{.columns = 80, .colours = Look::Colours::ansi, .glyphs = Glyphs::ascii};
+  EXPECT_EQ(endedLine(copying(1704000000), PhaseEnd::stopped, look),
+            "\033[31mCopying   \033[0m stopped at 42%, 6.0/14.2 GB, after 1:35");
+  EXPECT_TRUE(liveLine(copying(7100000000), look)
+                  .starts_with("\033[1mCopying    \033[0m[\033[34m#####\033[0m\033[36m-----\033[0m] "));
+}
+
+TEST(Screen, PutsFiguresAsPeopleReadThem) {
+  const std::vector<std::pair<std::string, std::string>> rows = {
+      {bytesText(999), "999 B"},
+      {bytesText(999.6), "1.00 kB"},
+      {bytesText(99960), "100 kB"},
+      {bytesText(9994999), "9.99 MB"},
+      {bytesText(999499999), "999 MB"},
+      {bytesText(999500000), "1.00 GB"},
+      {bytesText(1.8e19), "18.0 EB"},
+      {bytesOfText(5, 100), "5/100 B"},
+      {durationText(9940ms), "9.9 s"},
+      {durationText(9960ms), "10 s"},
+      {durationText(59600ms), "1:00"},
+      {durationText(3834s), "1:03:54"},
+      {clockText(359999s), "99:59:59"},
+      {clockText(360000s), ">99 h"},
+      {foldWords("a bb cc", 4), "a bb\ncc"},
+      {foldWords("aaaaa b c", 3), "aaaaa\nb c"},
+  };
+  for (const auto& [text, expected] : rows) EXPECT_EQ(text, expected);
+}
+
+TEST(Viewer, DrawsAtMostTenTimesASecondAndNeverOverAnUnfinishedLine) {
+  Viewer viewer(Viewer::Mode::live, {.columns = 90});
+  const std::string text = "Metadata   reading the source's metadata and any saved download  ";
+  EXPECT_EQ(viewer.takeOutput(metadataLine, start), "\033[?25l" + text + "0.0 s\033[K\r");
+  EXPECT_EQ(viewer.takeOutput(metadataLine, start + 50ms), "");
+  EXPECT_EQ(viewer.nextTick(), start + 100ms);
+  EXPECT_EQ(viewer.tick(start + 100ms), text + "0.1 s\033[K\r");
+  EXPECT_EQ(viewer.nextTick(), start + 1100ms) << "without news once a second";
+
+  EXPECT_EQ(viewer.takeOutput("half", start + 150ms), "\r\033[K\033[?25hhalf");
+  EXPECT_EQ(viewer.nextTick(), std::nullopt);
+  EXPECT_EQ(viewer.tick(start + 9s), "");
+  EXPECT_EQ(viewer.takeOutput(" a line\n", start + 9s), " a line\n\033[?25l" + text + "9.0 s\033[K\r");
+
+  EXPECT_EQ(viewer.hide(), "\r\033[K\033[?25h");
+  EXPECT_EQ(viewer.tick(start + 10s), "");
+  EXPECT_EQ(viewer.show(start + 10s), "\033[?25l" + text + "10 s\033[K\r");
+  EXPECT_EQ(viewer.beforeErrors("oops", start + 10s), "\r\033[K\033[?25h");
+  EXPECT_EQ(viewer.finish(PhaseEnd::stopped, start + 11s), "\nMetadata   stopped after 11 s\n");
+}
+
+TEST(Viewer, WithoutATerminalSaysSomethingEveryTenSeconds) {
+  Viewer viewer(Viewer::Mode::plain, {});
+  std::string log;
+  for (int second = 0; second <= 35; ++second) {
+    const ProgressTime now = start + seconds(second);
+    log += viewer.takeOutput("PROGRESS {\"downloadedBytes\":" + std::to_string(second * 20) +
+                                 ",\"phase\":\"copying\",\"reusedBytes\":250,\"totalBytes\":1000}\n",
+                             now);
+    log += viewer.tick(now);
+  }
+  log += viewer.takeOutput("PROGRESS {\"phase\":\"finalizing\"}\nInstalled\n", start + 36s);
+  log += viewer.finish(PhaseEnd::stopped, start + 36s);
+  EXPECT_EQ(log,
+            "Copying: 25%, 0.25/1.00 kB, 25% reused\n"
+            "Copying: 45%, 0.45/1.00 kB, 20 B/s, 0:28 left, 25% reused\n"
+            "Copying: 65%, 0.65/1.00 kB, 20 B/s, 0:18 left, 25% reused\n"
+            "Copying: 85%, 0.85/1.00 kB, 20 B/s, 0:08 left, 25% reused\n"
+            "Copying: 700 B fetched in 36 s, 19 B/s, 250 B (25%) reused\n"
+            "Finalizing: writing the manifest, moving the artifact into place\n"
+            "Finalizing: done in 0.0 s\n"
+            "Installed\n");
+}
+
+TEST(Advice, NamesTheNextStepWhereOneIsKnown) {
+  const FailureSituation none{};
+  const FailureSituation early{.reached = Viewer::Reached::started};
+  const FailureSituation fresh{.reached = Viewer::Reached::copying};
+  const FailureSituation resumed{.reached = Viewer::Reached::started, .isResume = true};
+  const std::string again = "run the same command again";
+  const std::string resume = again + " with --resume";
+  const std::string discard =
+      "remove the saved download with --discard-partial, then install again without --resume";
+  const std::string busy = "another installer is working on this output: wait for its end, or stop it";
+  const std::string shortDisk =
+      "insufficient disk space for /a: required 9: required 3000000500, available 500";
+  const std::vector<std::tuple<std::string, FailureSituation, std::string>> rows = {
+      {"could not connect to h:1 (https://h/a)", fresh, "check the network, then " + resume},
+      {"could not find the address of h (https://h/a)", early,
+       "check the network, then remove what was begun with --discard-partial and run the same command again"},
+      {"no answer from h for 60 seconds (https://h/a)", resumed, "check the network, then " + again},
+      {"h:1 closed the connection without an answer (u)", fresh, "check the network, then " + resume},
+      {"remote body for a was truncated: expected 5, received 4", fresh, "check the network, then " + resume},
+      {"remote HTTP 401: u", resumed, "set HF_TOKEN to a token with access to the model, then " + again},
+      {"remote HTTP 429: u", fresh,
+       "the hub is busy or has a fault of its own: wait a while, then " + resume},
+      {"remote HTTP 404: u", fresh, ""},
+      {"remote Retry-After 9 exceeds 3-second cap", fresh,
+       "wait for as long as the hub asks, then " + resume},
+      {shortDisk, resumed,
+       "free at least 3000000000 bytes (3.00 GB) on the disk of /a: required 9, then " + again},
+      {"pwrite(/a) short: expected 4096, wrote 100, errno 28", fresh,
+       "the disk or its quota is full: free space, then " + resume},
+      {"another installer holds /a.install.lock", fresh, busy},
+      {"no resumable install state exists for /a", none,
+       "there is nothing to continue: run the same command without --resume"},
+      {"install state is incompatible: saved download exists; resume or discard it", none,
+       "continue the saved download with --resume, or remove it with --discard-partial"},
+      {"install state is incompatible: saved download source or copy plan changed", resumed, discard},
+      {"install state at /a.partial is corrupt: checkpoint contains an unknown range", resumed, discard},
+      {"configuration invalid: output directory already exists: /a", none,
+       "replace the output with --overwrite, or name another --output"},
+  };
+  for (const auto& [text, situation, advice] : rows) {
+    EXPECT_EQ(adviceFor("install failed: " + text, situation).value_or(""), advice) << text;
+  }
+  EXPECT_EQ(adviceFor("discard failed: another installer holds /a", none), busy);
+  EXPECT_EQ(adviceFor("discard failed: no resumable install state exists for /a", none), std::nullopt);
+  EXPECT_EQ(adviceFor("could not connect to h", fresh), std::nullopt) << "nothing the installer said";
+  EXPECT_EQ(adviceAfterSignal(none), std::nullopt) << "of a command that is no install";
+}
+
+}  // namespace
+}  // namespace vellicor

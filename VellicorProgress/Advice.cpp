@@ -1,0 +1,197 @@
+#include "VellicorProgress/Advice.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cstdint>
+#include <span>
+
+#include <fmt/format.h>
+
+#include "VellicorProgress/DisplayText.h"
+
+namespace vellicor {
+
+namespace {
+
+constexpr std::string_view installFailed = "install failed: ";
+constexpr std::array failureMarks = {installFailed, std::string_view("discard failed: "),
+                                     std::string_view("verification failed: ")};
+
+std::string again(const FailureSituation& situation) {
+  if (situation.isResume) return "run the same command again";
+  switch (situation.reached) {
+    case Viewer::Reached::nothing:
+      return "run the same command again";
+    // Nothing is saved yet, but what has been begun is in the way.
+    case Viewer::Reached::started:
+      return "remove what was begun with --discard-partial and run the same command again";
+    case Viewer::Reached::copying:
+      return "run the same command again with --resume";
+  }
+  return "";
+}
+
+std::optional<std::uint64_t> numberAt(std::string_view text) {
+  std::uint64_t number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error != std::errc() || end == text.data()) return std::nullopt;
+  return number;
+}
+
+// The number behind the last `mark`: what stands before it may hold anything.
+std::optional<std::uint64_t> numberBehind(std::string_view text, std::string_view mark) {
+  const std::size_t at = text.rfind(mark);
+  return at == std::string_view::npos ? std::nullopt : numberAt(text.substr(at + mark.size()));
+}
+
+using Advice = std::optional<std::string>;
+
+Advice afterHttpStatus(std::string_view text, const FailureSituation& situation) {
+  const std::uint64_t status = numberAt(text).value_or(0);
+  if (status == 401 || status == 403) {
+    return "set HF_TOKEN to a token with access to the model, then " + again(situation);
+  }
+  const bool passes = status == 408 || status == 429 || (status >= 500 && status <= 599);
+  if (!passes) return std::nullopt;
+  return "the hub is busy or has a fault of its own: wait a while, then " + again(situation);
+}
+
+Advice afterShortDisk(std::string_view text, const FailureSituation& situation) {
+  const auto required = numberBehind(text, ": required ");
+  const auto available = numberBehind(text, ", available ");
+  if (!required || !available || *required <= *available) return std::nullopt;
+  const std::uint64_t missing = *required - *available;
+  const std::string path = displayText(text.substr(0, text.rfind(": required ")), Glyphs::unicode);
+  return fmt::format("free at least {} bytes ({}) on the disk of {}, then {}", missing,
+                     bytesText(static_cast<double>(missing)), path, again(situation));
+}
+
+Advice afterSystemError(std::string_view text, const FailureSituation& situation) {
+  const auto error = numberBehind(text, "errno ");
+  if (!error) return std::nullopt;
+  const bool isFull = *error == ENOSPC || *error == EDQUOT;
+  if (isFull) return "the disk or its quota is full: free space, then " + again(situation);
+  if (*error == EFBIG) return "files may not grow that large here: raise the limit, then " + again(situation);
+  return std::nullopt;
+}
+
+Advice afterNetworkError(std::string_view, const FailureSituation& situation) {
+  return "check the network, then " + again(situation);
+}
+
+Advice afterLongDelay(std::string_view, const FailureSituation& situation) {
+  return "wait for as long as the hub asks, then " + again(situation);
+}
+
+Advice whileBusy(std::string_view, const FailureSituation&) {
+  return "another installer is working on this output: wait for its end, or stop it";
+}
+
+Advice afterCancellation(std::string_view, const FailureSituation& situation) { return again(situation); }
+
+Advice nothingSaved(std::string_view, const FailureSituation&) {
+  return "there is nothing to continue: run the same command without --resume";
+}
+
+Advice savedDownload(std::string_view, const FailureSituation&) {
+  return "continue the saved download with --resume, or remove it with --discard-partial";
+}
+
+Advice uselessSave(std::string_view, const FailureSituation&) {
+  return "remove the saved download with --discard-partial, then install again without --resume";
+}
+
+Advice outputExists(std::string_view, const FailureSituation&) {
+  return "replace the output with --overwrite, or name another --output";
+}
+
+Advice noExchange(std::string_view, const FailureSituation&) {
+  return "this file system cannot exchange directories: move the old output away, then run with --resume "
+         "and without --overwrite";
+}
+
+Advice wrongEndpoint(std::string_view, const FailureSituation&) {
+  return "set HF_ENDPOINT to an https URL, or unset it for the usual hub";
+}
+
+/// A text applies when it begins so and holds the other piece behind that.
+struct AdviceRow {
+  std::string_view begins;
+  std::string_view holds;
+  Advice (*advice)(std::string_view rest, const FailureSituation& situation);
+};
+
+// The first row that applies counts.
+constexpr std::array installRows = {
+    AdviceRow{"remote HTTP ", "", afterHttpStatus},
+    AdviceRow{"remote Retry-After ", "", afterLongDelay},
+    AdviceRow{"remote body for ", " was truncated: ", afterNetworkError},
+    AdviceRow{"could not find the address of ", "", afterNetworkError},
+    AdviceRow{"could not connect to ", "", afterNetworkError},
+    AdviceRow{"the connection to ", " was lost", afterNetworkError},
+    AdviceRow{"no answer from ", " seconds (", afterNetworkError},
+    AdviceRow{"", " closed the connection w", afterNetworkError},
+    AdviceRow{"insufficient disk space for ", ": required ", afterShortDisk},
+    AdviceRow{"pwrite(", " short: ", afterSystemError},
+    AdviceRow{"ftruncate(", " failed: ", afterSystemError},
+    AdviceRow{"fsync(", " failed: ", afterSystemError},
+    AdviceRow{"open(", " failed: ", afterSystemError},
+    AdviceRow{"another installer holds ", "", whileBusy},
+    AdviceRow{"no resumable install state exists for ", "", nothingSaved},
+    AdviceRow{"install state is incompatible: saved download exists", "", savedDownload},
+    AdviceRow{"install state is incompatible: ", "", uselessSave},
+    AdviceRow{"install state at ", " is corrupt: ", uselessSave},
+    AdviceRow{"atomic directory promotion is unsupported for ", "", noExchange},
+    AdviceRow{"configuration invalid: output directory already exists: ", "", outputExists},
+    AdviceRow{"configuration invalid: HF_ENDPOINT ", "", wrongEndpoint},
+    AdviceRow{"cancelled", "", afterCancellation},
+};
+
+// A discard and a verification share one cause with an install.
+constexpr std::array otherRows = {AdviceRow{"another installer holds ", "", whileBusy}};
+
+Advice fromTable(std::span<const AdviceRow> rows, std::string_view text, const FailureSituation& situation) {
+  for (const AdviceRow& row : rows) {
+    if (!text.starts_with(row.begins)) continue;
+    const std::string_view rest = text.substr(row.begins.size());
+    if (rest.find(row.holds) != std::string_view::npos) return row.advice(rest, situation);
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<std::string> adviceFor(std::string_view errorLine, const FailureSituation& situation) {
+  const auto mark = std::ranges::find_if(
+      failureMarks, [&](std::string_view candidate) { return errorLine.starts_with(candidate); });
+  if (mark == failureMarks.end()) return std::nullopt;
+  const std::string_view text = errorLine.substr(mark->size());
+  if (*mark == installFailed) return fromTable(installRows, text, situation);
+  return fromTable(otherRows, text, situation);
+}
+
+std::optional<std::string> adviceAfterSignal(const FailureSituation& situation) {
+  if (situation.reached == Viewer::Reached::nothing) return std::nullopt;
+  return again(situation);
+}
+
+void ErrorLineKeeper::feed(std::string_view bytes) {
+  while (!bytes.empty()) {
+    const std::size_t end = std::min(bytes.find('\n'), bytes.size());
+    line_.append(bytes.substr(0, std::min(end, maximumLineBytes - line_.size())));
+    if (end == bytes.size()) return;
+    endLine();
+    bytes.remove_prefix(end + 1);
+  }
+}
+
+void ErrorLineKeeper::endLine() {
+  const bool saysSo =
+      std::ranges::any_of(failureMarks, [&](std::string_view mark) { return line_.starts_with(mark); });
+  if (saysSo) kept_ = line_;
+  line_.clear();
+}
+
+}  // namespace vellicor

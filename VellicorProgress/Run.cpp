@@ -1,0 +1,313 @@
+#include "VellicorProgress/Run.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstddef>
+#include <exception>
+#include <memory>
+#include <optional>
+#include <string_view>
+#include <system_error>
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "VellicorProgress/Advice.h"
+#include "VellicorProgress/ChildRun.h"
+#include "VellicorProgress/Signals.h"
+#include "VellicorProgress/Terminal.h"
+#include "VellicorProgress/Viewer.h"
+
+namespace vellicor {
+
+namespace {
+
+constexpr int success = 0;
+constexpr int failure = 1;
+constexpr int misuse = 2;
+
+constexpr std::string_view usage =
+    "Usage:\n"
+    "  VellicorProgress -- <command> [<argument>...]\n"
+    "  <command> | VellicorProgress\n"
+    "  VellicorProgress --help | --version\n"
+    "\n"
+    "Shows the progress lines of an install to a person: on a terminal one live line\n"
+    "for each phase, elsewhere one plain line every ten seconds. All other output\n"
+    "passes through unchanged. With a command, the exit status is the command's, and\n"
+    "after a failure the next step is named on standard error if that is a terminal.\n"
+    "NO_COLOR turns colours off.\n";
+
+ProgressTime now() { return std::chrono::steady_clock::now(); }
+
+/// Standard output or error, written to completely. What cannot be written is dropped, and the reason of the
+/// first failure kept; a reader that has gone ends this process as it would any other.
+class Stream {
+ public:
+  explicit Stream(int fd) : fd_(fd) {}
+
+  void write(std::string_view text) {
+    while (!text.empty()) {
+      const ssize_t written = ::write(fd_, text.data(), text.size());
+      if (written >= 0) {
+        text.remove_prefix(static_cast<std::size_t>(written));
+      } else if (!mayTryAgain(errno)) {
+        return;
+      }
+    }
+  }
+
+  int error() const { return error_; }
+
+ private:
+  bool mayTryAgain(int error) {
+    if (error == EINTR) return true;
+    if (error == EPIPE) Signals::endBy(SIGPIPE);
+    if (error == EAGAIN) {
+      pollfd ready{.fd = fd_, .events = POLLOUT, .revents = 0};
+      ::poll(&ready, 1, -1);
+      return true;
+    }
+    if (error_ == 0) error_ = error;
+    return false;
+  }
+
+  int fd_;
+  int error_ = 0;
+};
+
+void complain(std::string_view text) {
+  Stream(STDERR_FILENO).write(fmt::format("VellicorProgress: {}\n", text));
+}
+
+/// One run over a command's streams or standard input, until they have ended.
+class Session {
+ public:
+  /// Reads standard input.
+  Session() : viewer_(facts_.mode(), facts_.look()), input_(STDIN_FILENO) {}
+  explicit Session(const std::vector<std::string>& command)
+      : viewer_(facts_.mode(), facts_.look()),
+        child_(std::make_unique<ChildRun>(
+            command, ::isatty(STDERR_FILENO) == 1 ? ChildRun::Errors::piped : ChildRun::Errors::inherited)),
+        input_(child_->output()),
+        errors_(child_->errors()),
+        isResume_(std::ranges::find(command, "--resume") != command.end()) {}
+
+  int run() {
+    while (!hasEnded()) {
+      waitForNews();
+      for (auto signal = signals_.take(); signal; signal = signals_.take()) answer(*signal);
+      followForeground();
+      readInput();
+      readErrors();
+      output_.write(viewer_.tick(now()));
+    }
+    return end();
+  }
+
+ private:
+  static constexpr std::size_t pieceBytes = 65536;
+  /// So that a flood of output does not hold back the rest.
+  static constexpr int mostPieces = 16;
+
+  bool hasEnded() {
+    if (child_ == nullptr) return input_ < 0;
+    return child_->poll() && (input_ < 0 || isToStop_);
+  }
+
+  void waitForNews() {
+    std::array<pollfd, 3> waited = {pollfd{.fd = signals_.descriptor(), .events = POLLIN, .revents = 0},
+                                    pollfd{.fd = input_, .events = POLLIN, .revents = 0},
+                                    pollfd{.fd = errors_, .events = POLLIN, .revents = 0}};
+    ::poll(waited.data(), waited.size(), timeout());
+    isInputReady_ = waited[1].revents != 0;
+    isErrorsReady_ = waited[2].revents != 0;
+  }
+
+  int timeout() const {
+    const auto next = viewer_.nextTick();
+    if (!next) return -1;
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*next - now());
+    return static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, 60000));
+  }
+
+  void readInput() {
+    // Standard input may be shared with others, so it is not made non-blocking: one read, when there is some.
+    for (int i = 0; isInputReady_ && input_ >= 0 && i < (child_ ? mostPieces : 1); ++i) {
+      const ssize_t count = ::read(input_, piece_.data(), piece_.size());
+      if (count < 0) {
+        if (errno != EINTR && errno != EAGAIN) input_ = -1;
+        return;
+      }
+      if (count == 0) input_ = -1;
+      if (count > 0) output_.write(viewer_.takeOutput(taken(count), now()));
+    }
+  }
+
+  void readErrors() {
+    for (int i = 0; isErrorsReady_ && errors_ >= 0 && i < mostPieces; ++i) {
+      const ssize_t count = ::read(errors_, piece_.data(), piece_.size());
+      if (count < 0) return;
+      if (count == 0) {
+        errors_ = -1;
+        return;
+      }
+      if (facts_.isTerminal) output_.write(viewer_.beforeErrors(taken(count), now()));
+      errorOutput_.write(taken(count));
+      errorLines_.feed(taken(count));
+    }
+  }
+
+  std::string_view taken(ssize_t count) const { return {piece_.data(), static_cast<std::size_t>(count)}; }
+
+  void answer(int signal) {
+    switch (signal) {
+      case SIGWINCH:
+        return resize();
+      case SIGTSTP:
+        output_.write(viewer_.hide());
+        Signals::stopHere();
+        return wake();
+      case SIGCONT:
+        return wake();
+      case SIGINT:
+      case SIGTERM:
+      case SIGHUP:
+      case SIGQUIT:
+        return stop(signal);
+      case SIGCHLD:
+      default:
+        return;
+    }
+  }
+
+  void stop(int signal) {
+    if (child_ == nullptr) {
+      output_.write(viewer_.finish(PhaseEnd::stopped, now()));
+      Signals::endBy(signal);
+    }
+    // The keyboard's SIGINT has reached the command as well, and what it does about it decides.
+    if (signal != SIGINT) child_->signal(signal);
+    // Others that the command has left behind may still hold its output open.
+    isToStop_ = true;
+  }
+
+  void resize() {
+    facts_ = TerminalFacts::ofStandardOutput();
+    output_.write(viewer_.resize(facts_.look().columns, now()));
+  }
+
+  void wake() {
+    resize();
+    isShown_ = false;
+    followForeground();
+  }
+
+  // A shell may take the terminal back at any moment and give it again later.
+  void followForeground() {
+    const bool mayShow = !facts_.isTerminal || isInForeground(STDOUT_FILENO);
+    if (mayShow == isShown_) return;
+    isShown_ = mayShow;
+    output_.write(mayShow ? viewer_.show(now()) : viewer_.hide());
+  }
+
+  int end() {
+    isInputReady_ = isErrorsReady_ = true;
+    readInput();
+    readErrors();
+    const bool hasSucceeded = child_ && child_->poll() == 0;
+    output_.write(viewer_.finish(hasSucceeded ? PhaseEnd::finished : PhaseEnd::stopped, now()));
+    if (child_) advise();
+    const int status = child_ ? *child_->poll() : 0;
+    if (WIFSIGNALED(status)) Signals::endBy(WTERMSIG(status));
+    if (WEXITSTATUS(status) != success || output_.error() == 0) return WEXITSTATUS(status);
+    complain("cannot write to standard output: " + std::generic_category().message(output_.error()));
+    return failure;
+  }
+
+  void advise() {
+    const int status = *child_->poll();
+    if (status == 0 || ::isatty(STDERR_FILENO) != 1) return;
+    const FailureSituation situation{.reached = viewer_.reached(), .isResume = isResume_};
+    const std::optional<std::string> advice = WIFSIGNALED(status)
+                                                  ? adviceAfterSignal(situation)
+                                                  : adviceFor(errorLines_.lastErrorLine(), situation);
+    if (!advice) return;
+    const std::size_t columns = facts_.isTerminal ? facts_.look().columns : usualColumns;
+    errorOutput_.write(foldWords("next step: " + *advice, columns - 1) + "\n");
+  }
+
+  TerminalFacts facts_ = TerminalFacts::ofStandardOutput();
+  Viewer viewer_;
+  Signals signals_;
+  std::unique_ptr<ChildRun> child_;
+  /// -1 once they have ended.
+  int input_ = -1;
+  int errors_ = -1;
+  bool isResume_ = false;
+  bool isInputReady_ = false;
+  bool isErrorsReady_ = false;
+  bool isShown_ = true;
+  bool isToStop_ = false;
+  ErrorLineKeeper errorLines_;
+  Stream output_{STDOUT_FILENO};
+  Stream errorOutput_{STDERR_FILENO};
+  std::array<char, pieceBytes> piece_{};
+};
+
+int refuse(std::string_view why) {
+  complain(why);
+  Stream(STDERR_FILENO).write(fmt::format("\n{}", usage));
+  return misuse;
+}
+
+// A pipe that took the number of a closed standard stream would be mistaken for it.
+void openStandardStreams() {
+  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (::fcntl(stream, F_GETFD) < 0) ::open("/dev/null", stream == STDIN_FILENO ? O_RDONLY : O_WRONLY);
+  }
+}
+
+int runCommand(const std::vector<std::string>& command) try {
+  return Session(command).run();
+} catch (const CannotRun& error) {
+  complain(fmt::format("cannot run {}: {}", command.front(), error.what()));
+  return error.exitStatus();
+}
+
+}  // namespace
+
+int runProgressViewer(const std::vector<std::string>& arguments) try {
+  openStandardStreams();
+  Stream output(STDOUT_FILENO);
+  if (arguments.size() < 2) {
+    if (::isatty(STDIN_FILENO) == 1) return refuse("there is no command and nothing is piped in");
+    return Session().run();
+  }
+  const std::string& first = arguments[1];
+  if (first == "--") {
+    if (arguments.size() == 2) return refuse("no command behind --");
+    return runCommand({arguments.begin() + 2, arguments.end()});
+  }
+  if (arguments.size() > 2) return refuse("a command stands behind --");
+  if (first == "--help") {
+    output.write(usage);
+    return success;
+  }
+  if (first == "--version") {
+    output.write("VellicorProgress " VELLICOR_VERSION "\n");
+    return success;
+  }
+  return refuse("unknown argument: " + first);
+} catch (const std::exception& error) {
+  complain(error.what());
+  return failure;
+}
+
+}  // namespace vellicor

@@ -1,0 +1,167 @@
+#include "VellicorProgress/Viewer.h"
+
+#include <algorithm>
+
+namespace vellicor {
+
+namespace {
+
+constexpr std::string_view hideCursor = "\033[?25l";
+constexpr std::string_view showCursor = "\033[?25h";
+constexpr std::string_view eraseLine = "\r\033[K";
+constexpr std::string_view eraseBelow = "\r\033[J";
+constexpr std::string_view eraseRest = "\033[K\r";
+constexpr std::string_view failedInstall = "install failed: ";
+
+// What their events tell is over the moment they tell it.
+bool isMomentary(InstallPhase phase) {
+  return phase == InstallPhase::planning || phase == InstallPhase::checkingDisk;
+}
+
+Viewer::Reached reachedBy(InstallPhase phase) {
+  switch (phase) {
+    case InstallPhase::metadata:
+    case InstallPhase::planning:
+    case InstallPhase::checkingDisk:
+    case InstallPhase::reserving:
+      return Viewer::Reached::started;
+    case InstallPhase::copying:
+    case InstallPhase::hashing:
+    case InstallPhase::finalizing:
+      return Viewer::Reached::copying;
+  }
+  return Viewer::Reached::nothing;
+}
+
+}  // namespace
+
+std::string Viewer::takeOutput(std::string_view bytes, ProgressTime now) {
+  std::string text;
+  reader_.feed(bytes, receiver(text, now));
+  text += drawIfDue(now);
+  return text;
+}
+
+std::string Viewer::beforeErrors(std::string_view bytes, ProgressTime now) {
+  std::string text = erase();
+  if (!isMidLine_ && bytes.starts_with(failedInstall)) text += endPhase(PhaseEnd::stopped, now);
+  if (!bytes.empty()) isMidLine_ = bytes.back() != '\n';
+  return text;
+}
+
+std::string Viewer::tick(ProgressTime now) {
+  if (mode_ == Mode::live) return drawIfDue(now);
+  return mayDraw() && now - last_ >= plainInterval ? plainStatus(now) : "";
+}
+
+std::optional<ProgressTime> Viewer::nextTick() const {
+  if (!mayDraw()) return std::nullopt;
+  if (mode_ == Mode::plain) return last_ + plainInterval;
+  const bool isBehind = hasNews_ || !isDrawn_;
+  return last_ + (isBehind ? std::chrono::nanoseconds(shortestRedraw) : longestRedraw);
+}
+
+std::string Viewer::resize(std::size_t columns, ProgressTime now) {
+  look_.columns = columns;
+  if (!isDrawn_) return "";
+  wasResized_ = true;
+  std::string text = erase();
+  text += draw(now);
+  return text;
+}
+
+std::string Viewer::hide() {
+  isHidden_ = true;
+  return erase();
+}
+
+std::string Viewer::show(ProgressTime now) {
+  isHidden_ = false;
+  return mode_ == Mode::live && mayDraw() ? draw(now) : "";
+}
+
+std::string Viewer::finish(PhaseEnd end, ProgressTime now) {
+  std::string text;
+  reader_.finish(receiver(text, now));
+  text += erase();
+  text += endPhase(end, now);
+  return text;
+}
+
+ProgressLineReader::Receiver Viewer::receiver(std::string& text, ProgressTime now) {
+  return {.event = [this, &text, now](const auto& event) { text += takeEvent(event, now); },
+          .other = [this, &text, now](std::string_view bytes) { text += passOn(bytes, now); }};
+}
+
+std::string Viewer::takeEvent(const ModelInstallProgress& event, ProgressTime now) {
+  std::string text = stay(meter_.apply(event, now), PhaseEnd::finished);
+  const InstallPhase phase = meter_.current(now)->phase;
+  const bool isNew = phase_ != phase;
+  phase_ = phase;
+  reached_ = std::max(reached_, reachedBy(phase));
+  hasNews_ = true;
+  if (isMomentary(phase)) {
+    text += endPhase(PhaseEnd::finished, now);
+  } else if (isNew && mode_ == Mode::plain) {
+    text += plainStatus(now);
+  }
+  return text;
+}
+
+std::string Viewer::passOn(std::string_view bytes, ProgressTime now) {
+  std::string text = erase();
+  // Behind the last phase comes the report of what was done.
+  if (phase_ == InstallPhase::finalizing) text += endPhase(PhaseEnd::finished, now);
+  text += bytes;
+  isMidLine_ = bytes.back() != '\n';
+  return text;
+}
+
+std::string Viewer::endPhase(PhaseEnd end, ProgressTime now) {
+  phase_.reset();
+  return stay(meter_.endPhase(now), end);
+}
+
+std::string Viewer::stay(const std::optional<PhaseState>& ended, PhaseEnd end) {
+  if (!ended) return "";
+  return line(mode_ == Mode::live ? endedLine(*ended, end, look_) : plainEndedLine(*ended, end));
+}
+
+std::string Viewer::line(const std::string& text) {
+  std::string begun = erase();
+  if (isMidLine_) begun += '\n';
+  isMidLine_ = false;
+  return begun + text + "\n";
+}
+
+std::string Viewer::plainStatus(ProgressTime now) {
+  last_ = now;
+  return line(plainLine(*meter_.current(now), look_.glyphs));
+}
+
+std::string Viewer::drawIfDue(ProgressTime now) {
+  if (mode_ == Mode::plain || !mayDraw() || now < *nextTick()) return "";
+  return draw(now);
+}
+
+std::string Viewer::draw(ProgressTime now) {
+  std::string text(isDrawn_ ? "" : hideCursor);
+  text += liveLine(*meter_.current(now), look_);
+  text += eraseRest;
+  isDrawn_ = true;
+  hasNews_ = false;
+  last_ = now;
+  return text;
+}
+
+std::string Viewer::erase() {
+  if (!isDrawn_) return "";
+  isDrawn_ = false;
+  std::string text(wasResized_ ? eraseBelow : eraseLine);
+  wasResized_ = false;
+  return text += showCursor;
+}
+
+bool Viewer::mayDraw() const { return phase_ && !isHidden_ && !isMidLine_; }
+
+}  // namespace vellicor
