@@ -1,0 +1,90 @@
+#include "VellicorInspect/Artifact.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <span>
+#include <string_view>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "VellicorFormat/JsonReading.h"
+
+namespace vellicor {
+
+namespace {
+
+/// A receipt repeats the manifest's list of files and adds a path.
+constexpr std::uint64_t maximumReceiptBytes = 2 * ArtifactRecords::maximumManifestBytes;
+
+[[noreturn]] void refuse(std::string detail) { throw RepackError::configurationInvalid(std::move(detail)); }
+
+void checkListedFiles(const MorlenDirectoryAccess& directory, const MorlenManifestV1& manifest) {
+  for (const auto& [path, listed] : manifest.files) {
+    requireListedSize(path, directory.fileSize(path), listed);
+  }
+}
+
+/// The first `bytes` of an open file, or all of it if it is shorter.
+std::string readHead(const MorlenDirectoryAccess& directory, int fd, std::uint64_t fileSize,
+                     std::uint64_t bytes) {
+  std::string head(std::min(fileSize, bytes), '\0');
+  Posix::preadAll(fd, joinPath(directory.rootPath(), Artifact::weightsPath), head.data(),
+                  static_cast<std::int64_t>(head.size()), 0);
+  return head;
+}
+
+void readResidentIndex(Artifact& artifact) {
+  const auto listed = artifact.manifest().files.find(Artifact::weightsPath);
+  if (listed == artifact.manifest().files.end()) {
+    refuse(std::string("manifest missing ") + Artifact::weightsPath);
+  }
+  const FileDescriptor file = artifact.directory.openFile(Artifact::weightsPath);
+  const std::uint64_t size = artifact.directory.fileSize(file.get(), Artifact::weightsPath);
+  requireListedSize(Artifact::weightsPath, size, listed->second);
+
+  const auto read = [&](std::uint64_t bytes) {
+    return readHead(artifact.directory, file.get(), size, bytes);
+  };
+  const std::uint64_t declaredSize = withFormatErrors("model_weights.bin invalid", [&] {
+    const std::string head = read(MorlenFormatV1::residentHeaderBytes);
+    const auto header = MorlenResidentIndexCodec::decodeHeader(std::as_bytes(std::span(head)));
+    const std::string region = read(std::min(header.indexSize, MorlenFormatV1::residentIndexMaxBytes));
+    artifact.resident = MorlenResidentIndexCodec::decodeRegion(std::as_bytes(std::span(region)), header);
+    artifact.indexSize = header.indexSize;
+    return morlenCheckedAdd(header.indexSize, header.residentSize, "resident.payload");
+  });
+  if (size != declaredSize) {
+    refuse(fmt::format("model_weights.bin size {} != resident index {}", size, declaredSize));
+  }
+}
+
+void readReceipt(Artifact& artifact) try {
+  const auto json = parseJson(artifact.directory.readMetadata(Artifact::receiptName, maximumReceiptBytes));
+  const JsonObject receipt(json, "");
+  artifact.receipt = {.sourceRepoID = receipt.optionalString("sourceRepoID"),
+                      .sourceRevision = receipt.optionalString("sourceRevision"),
+                      .toolVersion = receipt.optionalString("toolVersion"),
+                      .verificationTimestamp = receipt.optionalString("verificationTimestamp")};
+} catch (const RepackError& error) {
+  const auto* failed = error.as<RepackError::FileStatFailed>();
+  const bool isMissing = failed != nullptr && failed->errnoValue == ENOENT;
+  artifact.receiptProblem = isMissing ? "there is none" : error.description();
+} catch (const JsonDecodingError& error) {
+  artifact.receiptProblem = error.what();
+}
+
+}  // namespace
+
+Artifact Artifact::open(const std::string& path) {
+  MorlenDirectoryAccess directory(path);
+  ArtifactRecords records = ArtifactRecords::read(directory);
+  Artifact artifact{std::move(directory), std::move(records)};
+  checkListedFiles(artifact.directory, artifact.manifest());
+  readResidentIndex(artifact);
+  readReceipt(artifact);
+  return artifact;
+}
+
+}  // namespace vellicor

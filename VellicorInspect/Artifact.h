@@ -1,0 +1,45 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "VellicorFormat/MorlenResidentIndexV1.h"
+#include "VellicorRepackCore/FileSystem/ArtifactRecords.h"
+#include "VellicorRepackCore/FileSystem/MorlenDirectoryAccess.h"
+
+namespace vellicor {
+
+/// What the receipt says about where an artifact came from; nothing else of the artifact confirms it.
+struct ArtifactReceipt {
+  std::optional<std::string> sourceRepoID;
+  std::optional<std::string> sourceRevision;
+  std::optional<std::string> toolVersion;
+  std::optional<std::string> verificationTimestamp;
+};
+
+/// An artifact directory whose records agree with each other, whose listed files are there with the sizes
+/// that the manifest gives them, and whose ranges all lie inside these files. The files' digests are not
+/// compared; that is verification.
+struct Artifact {
+  static constexpr const char* weightsPath = "model_weights.bin";
+  static constexpr const char* receiptName = "verified-install.json";
+
+  MorlenDirectoryAccess directory;
+  ArtifactRecords records;
+  std::uint64_t indexSize = 0;
+  /// In the order of the index.
+  std::vector<MorlenResidentIndexEntryV1> resident{};
+  /// A receipt that is missing or damaged is no failure: an artifact is whole without one.
+  std::optional<ArtifactReceipt> receipt{};
+  /// Why there is none.
+  std::string receiptProblem{};
+
+  const MorlenManifestV1& manifest() const { return records.manifest; }
+
+  /// Throws `RepackError` at the first thing that is wrong, in the words of verification.
+  static Artifact open(const std::string& path);
+};
+
+}  // namespace vellicor

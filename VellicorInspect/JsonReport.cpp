@@ -1,0 +1,160 @@
+#include "VellicorInspect/JsonReport.h"
+
+#include <functional>
+#include <utility>
+
+#include "VellicorFormat/CanonicalJson.h"
+#include "VellicorInspect/Text.h"
+
+namespace vellicor {
+
+namespace {
+
+CanonicalJson newDocument() { return {CanonicalJson::Layout::pretty, CanonicalJson::Slashes::plain}; }
+
+std::string finished(CanonicalJson&& json) { return printableJson(std::move(json).take()) + "\n"; }
+
+template <typename T>
+void optionalMember(CanonicalJson& json, std::string_view key, const std::optional<T>& value) {
+  if (value) json.member(key, *value);
+}
+
+template <typename Range, typename Member = std::identity>
+void numbers(CanonicalJson& json, std::string_view key, const Range& range, Member member = {}) {
+  json.key(key).beginArray();
+  for (const auto& item : range) json.value(std::invoke(member, item));
+  json.endArray();
+}
+
+void writeArch(CanonicalJson& json, const MorlenManifestArchV1& arch) {
+  json.beginObject()
+      .member("attentionKEqV", arch.attentionKEqV)
+      .member("ffnIntermediate", arch.ffnIntermediate)
+      .member("finalLogitSoftcap", arch.finalLogitSoftcap);
+  numbers(json, "fullAttentionLayerMask", arch.fullAttentionLayerMask);
+  json.member("fullHeadDim", arch.fullHeadDim)
+      .member("fullRopeTheta", arch.fullRopeTheta)
+      .member("headDim", arch.headDim)
+      .member("hiddenActivation", arch.hiddenActivation)
+      .member("hiddenSize", arch.hiddenSize)
+      .member("moeIntermediateSize", arch.moeIntermediateSize)
+      .member("numExperts", arch.numExperts)
+      .member("numFullKVHeads", arch.numFullKVHeads)
+      .member("numHeads", arch.numHeads)
+      .member("numKVHeads", arch.numKVHeads)
+      .member("numLayers", arch.numLayers)
+      .member("partialRotaryFactor", arch.partialRotaryFactor)
+      .member("ropeTheta", arch.ropeTheta)
+      .member("slidingWindow", arch.slidingWindow)
+      .member("tieWordEmbeddings", arch.tieWordEmbeddings)
+      .member("topKExperts", arch.topKExperts)
+      .member("vocabSize", arch.vocabSize)
+      .endObject();
+}
+
+void writeQuant(CanonicalJson& json, const MorlenManifestQuantV1& quant) {
+  const auto slot = [&](std::string_view key, const MorlenManifestQuantSlotV1& values) {
+    json.key(key)
+        .beginObject()
+        .member("biasType", values.biasType)
+        .member("groupSize", values.groupSize)
+        .member("scaleType", values.scaleType)
+        .member("scheme", values.scheme)
+        .member("weightBits", values.weightBits)
+        .endObject();
+  };
+  json.beginObject();
+  slot("attention", quant.attention);
+  slot("embedding", quant.embedding);
+  slot("routedExpert", quant.routedExpert);
+  slot("router", quant.router);
+  slot("sharedExpert", quant.sharedExpert);
+  json.endObject();
+}
+
+void writeReceipt(CanonicalJson& json, const ArtifactReceipt& receipt) {
+  json.beginObject();
+  optionalMember(json, "sourceRepoID", receipt.sourceRepoID);
+  optionalMember(json, "sourceRevision", receipt.sourceRevision);
+  optionalMember(json, "toolVersion", receipt.toolVersion);
+  optionalMember(json, "verificationTimestamp", receipt.verificationTimestamp);
+  json.endObject();
+}
+
+void writeTensor(CanonicalJson& json, const StoredTensor& tensor, std::uint64_t expertStride) {
+  const bool isRouted = !tensor.experts.empty();
+  const bool needsPlaces = isRouted && !tensor.isInOrder(expertStride);
+  json.beginObject();
+  optionalMember(json, "bits", tensor.bits);
+  json.member("bytes", tensor.bytes).member("dtype", tensor.dtype);
+  if (needsPlaces) numbers(json, "expertIDs", tensor.experts, &ExpertPlace::expert);
+  if (isRouted && !needsPlaces) json.member("expertStride", expertStride);
+  if (isRouted) json.member("experts", std::uint64_t{tensor.experts.size()});
+  json.member("family", keyOf(tensor.family)).member("file", tensor.file);
+  optionalMember(json, "layer", tensor.layer);
+  json.member("name", tensor.name).member("offset", tensor.offset);
+  if (needsPlaces) numbers(json, "offsets", tensor.experts, &ExpertPlace::offset);
+  if (!tensor.shape.empty()) numbers(json, "shape", tensor.shape);
+  json.endObject();
+}
+
+}  // namespace
+
+std::string summaryJson(const Inspection& inspection) {
+  const MorlenManifestV1& manifest = inspection.artifact.manifest();
+  std::map<std::string_view, std::uint64_t> familyBytes;
+  for (const auto& [family, bytes] : inspection.map.familyBytes) familyBytes[keyOf(family)] = bytes;
+  auto files = manifest.files;
+  files[ArtifactRecords::manifestName] = inspection.artifact.records.manifestFile;
+
+  CanonicalJson json = newDocument();
+  writeArch(json.beginObject().key("arch"), manifest.arch);
+  optionalMember(json, "bitWidthOverridesHonored", manifest.bitWidthOverridesHonored);
+  json.member("expertStride", manifest.expertStride).member("expertsPerLayer", manifest.expertsPerLayer);
+  json.key("familyBytes").beginObject();
+  for (const auto& [key, bytes] : familyBytes) json.member(key, bytes);
+  json.endObject();
+  writeManifestFiles(json.key("files"), files);
+  json.key("flags").beginObject();
+  for (const auto& [flag, isSet] : manifest.flags) json.member(flag, isSet);
+  json.endObject();
+  json.member("magic", manifest.magic).member("modelID", manifest.modelID);
+  json.member("numLayers", manifest.numLayers);
+  if (manifest.quant) writeQuant(json.key("quant"), *manifest.quant);
+  if (inspection.artifact.receipt) writeReceipt(json.key("receipt"), *inspection.artifact.receipt);
+  optionalMember(json, "sourceSnapshotHash", manifest.sourceSnapshotHash);
+  json.member("totalBytes", inspection.map.totalBytes)
+      .member("versionMajor", manifest.versionMajor)
+      .member("versionMinor", manifest.versionMinor)
+      .endObject();
+  return finished(std::move(json));
+}
+
+std::string tensorsJson(const std::vector<const StoredTensor*>& tensors, std::uint64_t expertStride) {
+  CanonicalJson json = newDocument();
+  json.beginArray();
+  for (const StoredTensor* tensor : tensors) writeTensor(json, *tensor, expertStride);
+  json.endArray();
+  return finished(std::move(json));
+}
+
+std::string layersJson(const Inspection& inspection) {
+  const MorlenPackedExpertsLayoutV1& layout = inspection.artifact.records.layout;
+  CanonicalJson json = newDocument();
+  json.beginArray();
+  for (const LayerSummary& summary : layerSummaries(inspection)) {
+    json.beginObject().member("attention", summary.hasFullAttention ? "full" : "sliding");
+    numbers(json, "expertBits", summary.expertBits);
+    json.member("expertBytes", summary.expertBytes)
+        .member("expertStride", layout.expertStride)
+        .member("experts", layout.expertsPerLayer)
+        .member("file", "packed_experts/" + summary.layer->file)
+        .member("layer", summary.layer->layer)
+        .member("residentBytes", summary.residentBytes);
+    json.endObject();
+  }
+  json.endArray();
+  return finished(std::move(json));
+}
+
+}  // namespace vellicor

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace vellicor {
+
+/// Where something is drawn.
+struct SvgBox {
+  double x;
+  double y;
+  double width;
+  double height;
+
+  double right() const { return x + width; }
+  double bottom() const { return y + height; }
+};
+
+/// Builds an SVG document from top to bottom. All text is escaped here.
+class SvgText {
+ public:
+  enum class Anchor { start, middle, end };
+
+  /// `title` appears when the pointer rests on the box; empty for none.
+  void box(const SvgBox& box, std::string_view fill, std::string_view title = "", double opacity = 1);
+  void line(double x1, double y1, double x2, double y2);
+  /// The faint shape between a part of something and its magnification below.
+  void wedge(const SvgBox& part, const SvgBox& magnified);
+  /// `style` is one of the classes of the style sheet: "title", "head", "label", "small" or "inside".
+  void text(double x, double y, std::string_view style, std::string_view text, Anchor anchor = Anchor::start);
+
+  /// The whole document.
+  std::string document(double width, double height, std::string_view title) const;
+
+ private:
+  std::string body_;
+};
+
+}  // namespace vellicor
