@@ -13,7 +13,7 @@ from dataclasses import dataclass
 from pathlib import Path
 from types import TracebackType
 
-from idle import AT_CLIENT, DISK_PARTS, RANGE_BYTES, TRACED_CALLS, Exchange, WireTime, client_parts, traced_calls
+from idle import AT_CLIENT, BELOW_RATE, DISK_PARTS, RANGE_BYTES, TRACED_CALLS, Exchange, WireTime, client_parts, traced_calls
 from measure import Command, remove, run, warm
 from report import Row, Target, compared, not_measured, version
 from server import Hub, LogLine
@@ -258,26 +258,30 @@ def wall_row(setting: Setting, ours: LineRun, theirs: LineRun) -> Row:
 
 
 def idle_rows(place: LinePlace, setting: Setting, ours: LineRun, theirs: LineRun) -> list[Row]:
-    figure = f"{setting.name}: wire idle between ranges"
+    figure = f"{setting.name}: wire idle"
     fetched = "" if setting.curl_step == 1 else f", which fetched one of {setting.curl_step} ranges"
     note = (
-        f"of the wall time: {parts_text(shares(ours, ours.account.time.parts()))}; "
+        f"of the wall time, within ranges too: {parts_text(shares(ours, ours.account.time.parts()))}; "
         f"{ours.idle - theirs.idle:+.1f} points against curl{fetched}"
     )
     whole = compared(figure, "%", curl_name(), [ours.idle], [theirs.idle], note=note)
     if setting.idle_target is None:
         return [whole]
-    return [whole, row_without_disk(place, setting, ours, f"{figure}, without the disk's own time")]
+    return [whole, row_between_ranges(place, setting, ours, f"{figure} between ranges, the disk's own time apart")]
 
 
-def row_without_disk(place: LinePlace, setting: Setting, ours: LineRun, figure: str) -> Row:
+def row_between_ranges(place: LinePlace, setting: Setting, ours: LineRun, figure: str) -> Row:
     if not shutil.which("strace"):
         return not_measured(figure, "strace is missing, which tells the parts")
     parts = traced_parts(place, setting)
+    ramp = parts.pop(BELOW_RATE)
     disk = sum(parts[part] for part in DISK_PARTS)
-    traced = sum(parts.values())
-    note = f"a traced install was idle {traced:.1f} % of the time: {parts_text(parts)}; the syncs are the disk's"
-    row = Row(figure, ours.idle * (1 - disk / traced), "%", target=setting.idle_target, note=note)
+    idle = ours.idle - ours.share(ours.account.time.parts()[BELOW_RATE])
+    note = (
+        f"a traced install was idle {sum(parts.values()):.1f} % of the time between ranges: {parts_text(parts)}; "
+        f"the syncs are the disk's; {ramp:.1f} % more below the line's rate within ranges"
+    )
+    row = Row(figure, idle - disk, "%", target=setting.idle_target, note=note)
     row.rounds = {part: [share] for part, share in parts.items()}
     return row
 

@@ -6,10 +6,10 @@
 #include <string_view>
 
 #include "VellicorFormat/MorlenFormatV1.h"
+#include "VellicorRepackCore/FileSystem/ArtifactRecords.h"
 #include "VellicorRepackCore/Install/RemoteInstallCheckpoint.h"
 #include "VellicorRepackCore/Remote/RemoteSnapshotLoader.h"
 #include "VellicorRepackCore/Source/Safetensors.h"
-#include "VellicorRepackCore/Verification/VerifiedInstallTool.h"
 
 namespace vellicor::fuzz {
 
@@ -44,8 +44,8 @@ struct Target {
 inline constexpr std::size_t maximumHeaderLineBytes = 262144;
 
 inline constexpr std::array<Target, 12> targets{{
-    {"manifest", fuzzManifest, VerifiedInstallTool::maximumManifestBytes},
-    {"layout", fuzzLayout, VerifiedInstallTool::maximumLayoutBytes},
+    {"manifest", fuzzManifest, ArtifactRecords::maximumManifestBytes},
+    {"layout", fuzzLayout, ArtifactRecords::maximumLayoutBytes},
     {"resident", fuzzResident, MorlenFormatV1::residentIndexMaxBytes},
     {"safetensors", fuzzSafetensors, Safetensors::lengthPrefixBytes + Safetensors::maximumHeaderBytes},
     {"index", fuzzIndex, RemoteSnapshotLoader::maximumIndexBytes},
@@ -55,7 +55,7 @@ inline constexpr std::array<Target, 12> targets{{
     {"content_range", fuzzContentRange, maximumHeaderLineBytes},
     {"entity_tag", fuzzEntityTag, maximumHeaderLineBytes},
     {"url", fuzzUrl, maximumHeaderLineBytes},
-    {"path", fuzzPath, VerifiedInstallTool::maximumManifestBytes},
+    {"path", fuzzPath, ArtifactRecords::maximumManifestBytes},
 }};
 
 }  // namespace vellicor::fuzz

@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "VellicorRepackCore/FileSystem/ArtifactRecords.h"
 #include "VellicorRepackCore/Planning/RepackPlanner.h"
 #include "VellicorRepackCore/Reporting/RepackAudit.h"
 
@@ -9,7 +10,7 @@ namespace vellicor {
 
 /// Re-reads a written layout and checks it against the plan it was written from.
 struct MorlenLayoutValidator {
-  static constexpr std::uint64_t maximumLayoutBytes = 16777216;
+  static constexpr std::uint64_t maximumLayoutBytes = ArtifactRecords::maximumLayoutBytes;
 
   /// Throws `configurationInvalid`. `audit`, when given, learns what was checked.
   static void validate(const std::string& path, const RepackPlan& plan, RepackAudit* audit);

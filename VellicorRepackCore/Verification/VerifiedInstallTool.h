@@ -26,9 +26,6 @@ struct VerifyInstallResult {
 
 /// Checks an installed artifact against its own manifest and, when everything matches, writes its receipt.
 struct VerifiedInstallTool {
-  static constexpr std::uint64_t maximumManifestBytes = 4194304;
-  static constexpr std::uint64_t maximumLayoutBytes = 16777216;
-
   /// Throws `RepackError` at the first mismatch; an earlier receipt then stays as it was.
   static VerifyInstallResult run(const VerifyInstallOptions& options);
 };
