@@ -8,10 +8,11 @@
 //
 //   const auto point = readJson<Point>(R"({"x":1,"y":2})");
 //
-// Members of optional type may be missing or null, all others are required; unknown keys are ignored; of a
-// key given twice the last value counts, whatever was wrong with the first. Of several faults the one is
-// reported that a tree would show first: malformed text before members that are missing or of another type,
-// and among those the order of the table.
+// Specialise in one source file only. Members of optional type may be missing or null, all others are
+// required; unknown keys are ignored; of a key given twice the last value counts, whatever was wrong with the
+// first, unless a hundred other faults stand in the same object. Of several faults the one is reported that a
+// tree would show first: malformed text before members that are missing or of another type, and among those
+// the order of the table. Text that is malformed as well as nested too deep is refused for what comes first.
 
 #include <array>
 #include <cstddef>

@@ -20,8 +20,8 @@ struct ArtifactReceipt {
 };
 
 /// An artifact directory whose records agree with each other, whose listed files are there with the sizes
-/// that the manifest gives them, and whose ranges all lie inside these files. The files' digests are not
-/// compared; that is verification.
+/// that the manifest gives them, and whose ranges all lie inside these files. Sizes are checked, and the
+/// digest of layout.json; the other digests are not (VellicorRepack --verify-install proves them).
 struct Artifact {
   static constexpr const char* weightsPath = "model_weights.bin";
   static constexpr const char* receiptName = "verified-install.json";

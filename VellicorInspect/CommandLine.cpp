@@ -18,8 +18,9 @@ const std::string_view inspectUsage =
     "\n"
     "Shows what an artifact holds: a summary, its tensors (of names that match one of\n"
     "the globs), its layers, a picture of where the bytes are, or the bytes of one\n"
-    "tensor. Sizes are checked, digests are not; that is VellicorRepack\n"
-    "--verify-install. --force replaces a file that exists.";
+    "tensor. Sizes are checked, and the digest of layout.json; the other digests are\n"
+    "not (VellicorRepack --verify-install proves them). --force replaces a file that\n"
+    "exists.";
 
 namespace {
 

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "VellicorInspect/EndingSignals.h"
 #include "VellicorRepackCore/Base/Errors.h"
 
 namespace vellicor {
@@ -26,6 +27,7 @@ OutputFile::OutputFile(const std::string& path, Existing existing)
 }
 
 void OutputFile::append(std::span<const std::byte> bytes) {
+  EndingSignals::throwIfNoted();
   Posix::pwriteAll(file_.get(), temporary_.path(), bytes.data(), static_cast<std::int64_t>(bytes.size()),
                    size_);
   size_ += bytes.size();
@@ -36,6 +38,7 @@ void OutputFile::finish() {
   file_.reset();
   // Once more for what came while the file was written.
   requireFree();
+  EndingSignals::throwIfNoted();
   Posix::rename(temporary_.path(), path_);
   temporary_.keep();
 }

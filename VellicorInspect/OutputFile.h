@@ -20,6 +20,7 @@ class OutputFile {
   /// ever may. Links on the way are followed.
   OutputFile(const std::string& path, Existing existing);
 
+  /// As `finish`, throws `CancellationError` once a signal asked the program to end.
   void append(std::span<const std::byte> bytes);
   void append(std::string_view text) { append(std::as_bytes(std::span(text))); }
 

@@ -7,8 +7,10 @@
 #include <cstdlib>
 #include <map>
 #include <span>
+#include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -132,12 +134,12 @@ std::string nameOf(const Region& region) {
   return fmt::format("{}, expert {}", region.tensor->name, *region.expert);
 }
 
-std::string titleOf(const Stretch& stretch) {
-  std::string title = nameOf(*stretch.first);
-  if (stretch.first != stretch.last) title += " to " + nameOf(*stretch.last);
-  title += fmt::format("\nat {}: {}", stretch.start, exactBytes(stretch.end - stretch.start));
+std::vector<std::string> titleOf(const Stretch& stretch) {
+  std::vector<std::string> title = {nameOf(*stretch.first)};
+  if (stretch.first != stretch.last) title[0] += " to " + nameOf(*stretch.last);
+  title.push_back(fmt::format("at {}: {}", stretch.start, exactBytes(stretch.end - stretch.start)));
   for (const auto& [family, bytes] : stretch.bytes) {
-    title += fmt::format("\n{} {}", titleOf(family), humanBytes(bytes));
+    title.push_back(fmt::format("{} {}", titleOf(family), humanBytes(bytes)));
   }
   return title;
 }
@@ -188,7 +190,7 @@ class Painter {
       if (found == map_.familyBytes.end()) continue;
       const double width = (innerRight - margin) * share(found->second);
       svg_.box({x, y_, width, 20}, colourOf(family),
-               fmt::format("{}, {}", titleOf(family), exactBytes(found->second)));
+               {fmt::format("{}, {}", titleOf(family), exactBytes(found->second))});
       x += width;
     }
     y_ += 42;
@@ -282,9 +284,10 @@ class Painter {
       if (!showsCells) break;
       const std::uint64_t slot = expert.offset / layout_.expertStride;
       const std::int64_t id = idOf(expert, layerOf(file));
-      svg_.box({box.x + static_cast<double>(slot) * width, box.y, width - 1, box.height},
-               colourOf(Family::routedExperts),
-               fmt::format("expert {}\nat {}: {}", id, expert.offset, exactBytes(expert.size)));
+      svg_.box(
+          {box.x + static_cast<double>(slot) * width, box.y, width - 1, box.height},
+          colourOf(Family::routedExperts),
+          {fmt::format("expert {}", id), fmt::format("at {}: {}", expert.offset, exactBytes(expert.size))});
     }
     return {box.x, box.y, std::max(width - 1, thinnestDrawn), box.height};
   }

@@ -31,6 +31,13 @@ std::string number(double value) {
   return text;
 }
 
+/// Escaped line by line, so that only the line feeds between them are ones.
+std::string xmlLines(const std::vector<std::string>& lines) {
+  std::string out;
+  for (const std::string& line : lines) out += (out.empty() ? "" : "\n") + xmlText(line);
+  return out;
+}
+
 std::string_view name(SvgText::Anchor anchor) {
   switch (anchor) {
     case SvgText::Anchor::start:
@@ -45,11 +52,12 @@ std::string_view name(SvgText::Anchor anchor) {
 
 }  // namespace
 
-void SvgText::box(const SvgBox& box, std::string_view fill, std::string_view title, double opacity) {
+void SvgText::box(const SvgBox& box, std::string_view fill, const std::vector<std::string>& title,
+                  double opacity) {
   fmt::format_to(std::back_inserter(body_), R"(<rect x="{}" y="{}" width="{}" height="{}" fill="{}")",
                  number(box.x), number(box.y), number(box.width), number(box.height), fill);
   if (opacity < 1) fmt::format_to(std::back_inserter(body_), R"( fill-opacity="{}")", number(opacity));
-  body_ += title.empty() ? "/>\n" : fmt::format("><title>{}</title></rect>\n", xmlText(title));
+  body_ += title.empty() ? "/>\n" : fmt::format("><title>{}</title></rect>\n", xmlLines(title));
 }
 
 void SvgText::line(double x1, double y1, double x2, double y2) {

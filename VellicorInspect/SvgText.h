@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace vellicor {
 
@@ -22,8 +23,9 @@ class SvgText {
  public:
   enum class Anchor { start, middle, end };
 
-  /// `title` appears when the pointer rests on the box; empty for none.
-  void box(const SvgBox& box, std::string_view fill, std::string_view title = "", double opacity = 1);
+  /// The lines of the title appear when the pointer rests on the box; none for no title.
+  void box(const SvgBox& box, std::string_view fill, const std::vector<std::string>& title = {},
+           double opacity = 1);
   void line(double x1, double y1, double x2, double y2);
   /// The faint shape between a part of something and its magnification below.
   void wedge(const SvgBox& part, const SvgBox& magnified);

@@ -10,6 +10,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include "VellicorInspect/EndingSignals.h"
 #include "VellicorInspect/Run.h"
 
 namespace {
@@ -32,13 +33,20 @@ int writeAll(int fd, std::string_view text) {
   return 0;
 }
 
+/// Only until the files are written: a reader of standard output that is slow can be left by a signal at
+/// once.
+vellicor::InspectOutcome inspectWithSignalsNoted(const std::vector<std::string>& arguments) {
+  const vellicor::EndingSignals noted;
+  return vellicor::inspect(arguments, terminalWidth());
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   // A reader that has seen enough, or a limit on file sizes, ends a write and not the program.
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);
-  const auto outcome = vellicor::inspect(std::vector<std::string>(argv, argv + argc), terminalWidth());
+  const auto outcome = inspectWithSignalsNoted(std::vector<std::string>(argv, argv + argc));
   writeAll(STDERR_FILENO, outcome.errors);
   const int code = writeAll(STDOUT_FILENO, outcome.output);
   if (code == 0 || code == EPIPE) return outcome.status;

@@ -81,6 +81,14 @@ Advice afterNetworkError(std::string_view, const FailureSituation& situation) {
   return "check the network, then " + again(situation);
 }
 
+Advice afterProxyError(std::string_view, const FailureSituation& situation) {
+  return "mend or leave out the proxy (see https_proxy and no_proxy), then " + again(situation);
+}
+
+Advice afterTlsError(std::string_view, const FailureSituation& situation) {
+  return "mend or unset SSL_CERT_FILE and check the clock, then " + again(situation);
+}
+
 Advice afterLongDelay(std::string_view, const FailureSituation& situation) {
   return "wait for as long as the hub asks, then " + again(situation);
 }
@@ -112,6 +120,11 @@ Advice noExchange(std::string_view, const FailureSituation&) {
          "and without --overwrite";
 }
 
+// Found before anything is begun.
+Advice wrongToken(std::string_view, const FailureSituation&) {
+  return "copy the token into HF_TOKEN once more, without white space or line end";
+}
+
 Advice wrongEndpoint(std::string_view, const FailureSituation&) {
   return "set HF_ENDPOINT to an https URL, or unset it for the usual hub";
 }
@@ -130,9 +143,18 @@ constexpr std::array installRows = {
     AdviceRow{"remote body for ", " was truncated: ", afterNetworkError},
     AdviceRow{"could not find the address of ", "", afterNetworkError},
     AdviceRow{"could not connect to ", "", afterNetworkError},
+    AdviceRow{"could not open a connection to ", "", afterNetworkError},
+    AdviceRow{"there is no network to reach ", "", afterNetworkError},
+    AdviceRow{"the exchange with ", " did not end within its time", afterNetworkError},
+    AdviceRow{"the exchange with ", " failed: ", afterNetworkError},
     AdviceRow{"the connection to ", " was lost", afterNetworkError},
     AdviceRow{"no answer from ", " seconds (", afterNetworkError},
     AdviceRow{"", " closed the connection w", afterNetworkError},
+    AdviceRow{"the proxy could not be used to connect to ", "", afterProxyError},
+    AdviceRow{"the proxy refused a connection to ", "", afterProxyError},
+    AdviceRow{"the server's certificate is not trusted", "", afterTlsError},
+    AdviceRow{"the certificates to trust could not be read", "", afterTlsError},
+    AdviceRow{"no secure connection to ", "", afterTlsError},
     AdviceRow{"insufficient disk space for ", ": required ", afterShortDisk},
     AdviceRow{"pwrite(", " short: ", afterSystemError},
     AdviceRow{"ftruncate(", " failed: ", afterSystemError},
@@ -146,6 +168,7 @@ constexpr std::array installRows = {
     AdviceRow{"atomic directory promotion is unsupported for ", "", noExchange},
     AdviceRow{"configuration invalid: output directory already exists: ", "", outputExists},
     AdviceRow{"configuration invalid: HF_ENDPOINT ", "", wrongEndpoint},
+    AdviceRow{"configuration invalid: the access token contains characters ", "", wrongToken},
     AdviceRow{"cancelled", "", afterCancellation},
 };
 

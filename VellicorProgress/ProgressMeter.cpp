@@ -70,7 +70,8 @@ std::optional<PhaseState> ProgressMeter::current(ProgressTime now) const {
   std::optional<PhaseState> shown = state_;
   if (!shown) return shown;
   shown->elapsed = now - start_;
-  if (shown->phase != InstallPhase::copying) return shown;
+  // Behind the last byte nothing can stall any more.
+  if (shown->phase != InstallPhase::copying || shown->doneBytes >= shown->totalBytes) return shown;
   shown->rate = rate(now);
   if (!shown->rate || *shown->rate <= 0) return shown;
   const double left = std::ceil(static_cast<double>(shown->totalBytes - shown->doneBytes) / *shown->rate);

@@ -27,7 +27,8 @@ struct PhaseState {
   /// total.
   std::uint64_t doneBytes = 0;
   std::uint64_t reusedBytes = 0;
-  /// copying: bytes fetched per second over the last seconds, reused ones left out. Nothing in the first one.
+  /// copying: bytes fetched per second over the last seconds, reused ones left out. Nothing in the first one
+  /// and once all are done.
   std::optional<double> rate;
   /// copying: at that rate. Nothing without a rate or when nothing arrives.
   std::optional<std::chrono::seconds> left;

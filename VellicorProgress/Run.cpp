@@ -204,6 +204,8 @@ class Session {
   }
 
   void wake() {
+    // A SIGSTOP left the line on the screen, and now another may have the terminal.
+    output_.write(viewer_.hide());
     resize();
     isShown_ = false;
     followForeground();

@@ -4,6 +4,9 @@
 #include <cerrno>
 #include <csignal>
 
+#if defined(__linux__)
+#include <sys/prctl.h>
+#endif
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -50,6 +53,15 @@ void raiseWithUsualEffect(int signal) {
   ::kill(::getpid(), signal);
 }
 
+void leaveNoCore() {
+  constexpr rlimit none{0, 0};
+  ::setrlimit(RLIMIT_CORE, &none);
+#if defined(__linux__)
+  // A program that the system pipes cores into gets them whatever the limit.
+  ::prctl(PR_SET_DUMPABLE, 0);
+#endif
+}
+
 }  // namespace
 
 Signals::Signals() {
@@ -86,8 +98,7 @@ void Signals::stopHere() {
 }
 
 void Signals::endBy(int signal) {
-  constexpr rlimit none{0, 0};
-  ::setrlimit(RLIMIT_CORE, &none);
+  leaveNoCore();
   raiseWithUsualEffect(signal);
   // Only a signal that does not end a process comes here.
   ::_exit(128 + signal);

@@ -20,7 +20,7 @@ class Signals {
 
   /// Stops this process as the keyboard's SIGTSTP does; returns when it is continued.
   static void stopHere();
-  /// Ends this process by the signal, without a core file.
+  /// Ends this process by the signal, without a core file; on Linux without a crash report either.
   [[noreturn]] static void endBy(int signal);
 
  private:

@@ -111,9 +111,11 @@ std::vector<std::string> actionsAt(const FileCall& call, const TrialOptions& opt
   if (call.name == "pwrite") actions.emplace_back("tear");
   if (options.full) return actions;
   // The short form does one thing to one call in twelve: it ends the process or fails the call, by turns.
-  const std::uint64_t turn = call.number + options.seed;
-  if (turn % 12 != 0) return {};
-  return {turn % 24 == 0 ? actions.front() : actions[1 + turn / 24 % (actions.size() - 1)]};
+  const std::uint64_t step = 12 * options.thinning;
+  const std::uint64_t place = call.number + options.seed;
+  if (place % step != 0) return {};
+  const std::uint64_t turn = place / step;
+  return {turn % 2 == 0 ? actions.front() : actions[1 + turn / 2 % (actions.size() - 1)]};
 }
 
 void tryScenario(const Scenario& scenario, const TrialOptions& options, TrialReport& report) {

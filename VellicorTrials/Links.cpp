@@ -188,7 +188,7 @@ void trySwaps(const TrialOptions& options, TrialReport& report) {
          {Substitute::linkToEmpty, Substitute::linkToCopy, Substitute::linkToNothing, Substitute::linkToMoved,
           Substitute::copy}) {
       // The short form takes other requests for each kind, so that all of them have their turn.
-      const std::size_t step = options.full ? 1 : 7;
+      const std::size_t step = options.full ? 1 : 7 * options.thinning;
       for (std::size_t i = (options.seed + swaps.size()) % step; i < requests; i += step) {
         swaps.push_back({target, isDirectory, substitute, i});
       }

@@ -50,7 +50,8 @@ std::vector<CutState> statesOf(ScenarioBench& bench, const TrialOptions& options
   for (const FileCall& call : recorded.calls) {
     if (!disk.apply(call)) continue;
     bench.count("moments");
-    if (!options.full && moments++ % shortStep != options.seed % shortStep) continue;
+    const std::size_t step = shortStep * options.thinning;
+    if (!options.full && moments++ % step != options.seed % step) continue;
     for (const NamedLoss& loss : losses) {
       const int times = loss.loss == Loss::atRandom && options.full ? randomStates : 1;
       for (int i = 0; i < times; ++i) {

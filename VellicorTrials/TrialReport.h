@@ -12,6 +12,8 @@ namespace vellicor {
 /// How much of a trial is run: a short form within a test run's time, or all of it.
 struct TrialOptions {
   bool full = false;
+  /// The short form of a slow build takes so many times fewer points.
+  std::uint64_t thinning = 1;
   /// Decides what is chosen at random.
   std::uint64_t seed = 1;
 };

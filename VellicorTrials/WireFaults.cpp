@@ -410,7 +410,8 @@ std::vector<Cell> chosenCells(const std::vector<WireFault>& faults, const std::v
   std::set<std::pair<std::string, int>> met;
   for (const WireFault& fault : faults) {
     const std::vector<Cell> all = cellsOf(fault, places, report);
-    const std::size_t most = options.full ? all.size() : fault.isSlow ? 1 : shortCells;
+    const std::size_t few = std::max<std::size_t>(1, shortCells / options.thinning);
+    const std::size_t most = options.full ? all.size() : fault.isSlow ? 1 : few;
     for (const Cell& cell : chosen(all, most, options.seed * 7 + cells.size() * 11)) {
       cells.push_back(cell);
       met.emplace(cell.place->phase, cell.place->hop);

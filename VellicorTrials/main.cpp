@@ -49,6 +49,9 @@ int runTrials(int argumentCount, char** arguments) {
   TrialOptions options;
   std::vector<std::string> names;
   app.add_flag("--full", options.full, "All of it, minutes instead of seconds");
+  app.add_option("--thinning", options.thinning,
+                 "Fewer points by this factor in the short form, for slow builds")
+      ->check(CLI::PositiveNumber);
   app.add_option("--seed", options.seed, "Another choice of what is chosen at random");
   CLI::Option* chosen = app.add_option("trial", names, "Which trials; all when none is named");
   std::vector<std::string> known;

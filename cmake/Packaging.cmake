@@ -1,6 +1,7 @@
 # What `cmake --install` puts where, and the Debian packages that CPack makes of it. Programs and their pages are the
 # component "runtime", the format library for other programs is "development".
 
+set(CMAKE_INSTALL_DOCDIR "share/doc/vellicor-repack" CACHE PATH "Where the pages go that are no man pages")
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 set(VELLICOR_ZSH_COMPLETIONS_DIR "${CMAKE_INSTALL_DATADIR}/zsh/site-functions" CACHE STRING "Where zsh looks for completions")
@@ -19,7 +20,7 @@ vellicor_install_files("${CMAKE_INSTALL_MANDIR}/man5" docs/man/*.5)
 vellicor_install_files("${CMAKE_INSTALL_DATADIR}/bash-completion/completions" completions/*.bash)
 vellicor_install_files("${VELLICOR_ZSH_COMPLETIONS_DIR}" completions/_*)
 vellicor_install_files("${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d" completions/*.fish)
-vellicor_install_files("${CMAKE_INSTALL_DOCDIR}" README.md docs/format.md)
+vellicor_install_files("${CMAKE_INSTALL_DOCDIR}" docs/format.md)
 
 # ---- The format library ----
 

@@ -113,6 +113,10 @@ def main():
         for name, dtype, shape, *rest in tensors:
             require(name.isprintable(), f"a tensor's name is not printable: {name!r}")
             print(name, dtype, "x".join(map(str, shape)), *rest, sep="\t")
+        sys.stdout.flush()
+    except BrokenPipeError:
+        # The reader has seen enough. What is still buffered must not fail once more at the end.
+        os.dup2(os.open(os.devnull, os.O_WRONLY), 1)
     except (OSError, ValueError, KeyError, TypeError, RecursionError) as error:
         sys.exit(f"list_tensors.py: {error}")
 

@@ -1,4 +1,6 @@
 #include <cerrno>
+#include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -9,6 +11,8 @@
 #include <nlohmann/json.hpp>
 #include <sys/resource.h>
 
+#include "VellicorInspect/EndingSignals.h"
+#include "VellicorInspect/OutputFile.h"
 #include "VellicorInspect/Run.h"
 #include "VellicorLab/ChildProcess.h"
 #include "VellicorLab/PredictedArtifact.h"
@@ -306,18 +310,18 @@ TEST(Inspect, NamesWhatIsDamagedAndWritesNothing) {
 TEST(Inspect, ShowsHostileNamesHarmlessly) {
   const Sample sample;
   const std::string plain = "language_model.model.embed_tokens.weight";
-  std::string hostile = "\x1b]0;pwn\a<script>&\"\x7f\xc2\x9b.embed_tokens.";
+  std::string hostile = "\x1b]0;pwn\a<script>&\"\n\x7f\xc2\x9b.embed_tokens.";
   hostile.resize(plain.size(), 'n');
   sample.replace(weights, plain, hostile);
   sample.editManifest([](json& manifest) { manifest["modelID"] = "\x1b[2J</title><script>"; });
 
   const InspectOutcome table = sample.run({"--tensors"});
-  EXPECT_THAT(table.output, HasSubstr(R"(\x1b]0;pwn\x07<script>&"\x7f\xc2\x9b.embed_tokens.n)"));
+  EXPECT_THAT(table.output, HasSubstr(R"(\x1b]0;pwn\x07<script>&"\x0a\x7f\xc2\x9b.embed_tokens.n)"));
   const InspectOutcome list = sample.run({"--tensors", "--json"});
   EXPECT_EQ(json::parse(list.output)[0]["name"], hostile);
   ASSERT_EQ(sample.run({"--svg", sample.out / "p"}).status, 0);
   const std::string svg = readFile(sample.out / "p");
-  EXPECT_THAT(svg, AllOf(HasSubstr("&lt;script&gt;&amp;&quot;"), Not(HasSubstr("<script"))));
+  EXPECT_THAT(svg, AllOf(HasSubstr(R"(&lt;script&gt;&amp;&quot;\x0a\x7f)"), Not(HasSubstr("<script"))));
   for (const std::string& text :
        {table.output, list.output, svg, sample.run({}).output, sample.run({"--json"}).output}) {
     EXPECT_EQ(text.find_first_of("\x1b\a\x7f\xc2"), std::string::npos);
@@ -331,6 +335,7 @@ TEST(Inspect, DrawsEveryFileToScaleWithoutGaps) {
   const std::string svg = readFile(sample.out / "a");
   EXPECT_EQ(svg, readFile(sample.out / "b"));
   EXPECT_LT(svg.size(), 300000U);
+  EXPECT_THAT(svg, AllOf(HasSubstr("<title>expert 0\nat 0: "), Not(HasSubstr("\\x0a"))));
 
   std::map<double, std::pair<double, double>> rows;
   static const std::regex rect(
@@ -378,6 +383,52 @@ TEST(Inspect, WritesAFileWholeOrNotAtAll) {
   EXPECT_THAT(sample.filesMade(), ElementsAre("t"));
   EXPECT_EQ(runProcess(command).status, 0);
   EXPECT_EQ(readFile(file).size(), 8192U);
+}
+
+TEST(Inspect, LeavesNothingWhenASignalEndsIt) {
+  const Sample sample;
+  const std::string file = sample.out / "t";
+  const std::vector<std::pair<std::string, std::function<void(int)>>> rows = {
+      {"before a file is begun",
+       [&](int signal) {
+         std::raise(signal);
+         sample.run({"--svg", file});
+       }},
+      {"while it is written",
+       [&](int signal) {
+         OutputFile output(file, OutputFile::Existing::refuse);
+         output.append("first");
+         std::raise(signal);
+         EXPECT_THROW(output.append("second"), CancellationError);
+       }},
+      {"before it has its name",
+       [&](int signal) {
+         OutputFile output(file, OutputFile::Existing::refuse);
+         output.append("all");
+         std::raise(signal);
+         EXPECT_THROW(output.finish(), CancellationError);
+       }},
+  };
+  for (const auto& [name, work] : rows) {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+      const auto interrupted = [&] {
+        const EndingSignals noted;
+        work(signal);
+        // A failure in this child would not count in its parent.
+        if (Test::HasFailure()) std::_Exit(1);
+      };
+      EXPECT_EXIT(interrupted(), KilledBySignal(signal), "") << name;
+      EXPECT_THAT(sample.filesMade(), IsEmpty()) << name;
+    }
+  }
+  const auto ignored = [&] {
+    std::signal(SIGHUP, SIG_IGN);
+    const EndingSignals noted;
+    std::raise(SIGHUP);
+    std::_Exit(sample.run({"--svg", file}).status);
+  };
+  EXPECT_EXIT(ignored(), ExitedWithCode(0), "");
+  EXPECT_THAT(sample.filesMade(), ElementsAre("t"));
 }
 
 TEST(Inspect, EndsQuietlyWhenNobodyReads) {

@@ -98,8 +98,9 @@ TEST(ProgressMeter, CountsReusedBytesAsDoneAndFetchedOnesAsRate) {
       {"the last ten seconds only", window, 20s, "60% 100/s 40s"},
       {"nothing comes any more", {{0s, copied(0, 0)}, {2s, copied(0, 4000)}}, 13s, "40% 0/s"},
       {"a range fetched again", again, 4s, "30% 1000/s 7s"},
-      {"more than everything", {{0s, copied(20000, 0)}, {2s, copied(20000, 5)}}, 2s, "100% 0/s"},
-      {"nothing to copy", {{0s, copied(0, 0, 0)}}, 2s, "100% 0/s"},
+      {"more than everything", {{0s, copied(20000, 0)}, {2s, copied(20000, 5)}}, 2s, "100%"},
+      {"nothing to copy", {{0s, copied(0, 0, 0)}}, 2s, "100%"},
+      {"a long wait behind the last byte", {{0s, copied(0, 0)}, {2s, copied(0, 10000)}}, 13s, "100%"},
       {"almost everything", {{0s, copied(0, UINT64_MAX - 1, UINT64_MAX)}}, 0s, "99%"},
   };
   for (const auto& [name, events, at, summary] : rows) {
@@ -277,6 +278,8 @@ TEST(Advice, NamesTheNextStepWhereOneIsKnown) {
   const std::string discard =
       "remove the saved download with --discard-partial, then install again without --resume";
   const std::string busy = "another installer is working on this output: wait for its end, or stop it";
+  const std::string proxy = "mend or leave out the proxy (see https_proxy and no_proxy), then " + resume;
+  const std::string certificates = "mend or unset SSL_CERT_FILE and check the clock, then " + resume;
   const std::string shortDisk =
       "insufficient disk space for /a: required 9: required 3000000500, available 500";
   const std::vector<std::tuple<std::string, FailureSituation, std::string>> rows = {
@@ -286,6 +289,19 @@ TEST(Advice, NamesTheNextStepWhereOneIsKnown) {
       {"no answer from h for 60 seconds (https://h/a)", resumed, "check the network, then " + again},
       {"h:1 closed the connection without an answer (u)", fresh, "check the network, then " + resume},
       {"remote body for a was truncated: expected 5, received 4", fresh, "check the network, then " + resume},
+      {"could not open a connection to h: Too many open files (u)", fresh,
+       "check the network, then " + resume},
+      {"there is no network to reach h (u)", fresh, "check the network, then " + resume},
+      {"the exchange with h did not end within its time (u)", fresh, "check the network, then " + resume},
+      {"the exchange with h failed: Failed reading (u)", fresh, "check the network, then " + resume},
+      {"the proxy could not be used to connect to h (u)", fresh, proxy},
+      {"the proxy refused a connection to h with status 407 (u)", fresh, proxy},
+      {"the server's certificate is not trusted: certificate has expired: u", fresh, certificates},
+      {"the certificates to trust could not be read from /c (u)", fresh, certificates},
+      {"no secure connection to h could be agreed on: wrong version number (u)", fresh, certificates},
+      {"configuration invalid: the access token contains characters that an Authorization header cannot "
+       "carry",
+       none, "copy the token into HF_TOKEN once more, without white space or line end"},
       {"remote HTTP 401: u", resumed, "set HF_TOKEN to a token with access to the model, then " + again},
       {"remote HTTP 429: u", fresh,
        "the hub is busy or has a fault of its own: wait a while, then " + resume},

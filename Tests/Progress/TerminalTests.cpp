@@ -149,6 +149,13 @@ class ViewerOnTerminal {
     progress("\"phase\":\"copying\",\"reusedBytes\":" + std::to_string(reused) + ",\"downloadedBytes\":" +
              std::to_string(downloaded) + ",\"totalBytes\":" + std::to_string(total));
   }
+  /// The viewer alone, not its command.
+  void stop() {
+    ASSERT_EQ(::kill(pid_, SIGSTOP), 0);
+    ASSERT_EQ(::waitpid(pid_, nullptr, WUNTRACED), pid_);
+  }
+  bool hasForeground() const { return ::tcgetpgrp(terminal_) == pid_; }
+  void resume() { ASSERT_EQ(::kill(pid_, SIGCONT), 0); }
   void type(char key) { ASSERT_EQ(::write(terminal_, &key, 1), 1); }
   void setColumns(unsigned short columns) {
     const winsize size = sizeOf(columns);
@@ -253,6 +260,7 @@ TEST(ProgressOnTerminal, EndsAsItsCommandDoesAndSaysWhatToDo) {
       {"echo '" + lost + "' >&2; exit 3", 3 << 8, {stopped, lost, check}},
       {"echo oops >&2; exit 4", 4 << 8, {"oops", stopped}},
       {"kill -KILL $$", SIGKILL, {stopped, next}},
+      {"ulimit -c 0; kill -ABRT $$", SIGABRT, {stopped, next}},
       {"kill -TERM $PPID; sleep 60", SIGTERM, {stopped, next}},
       {keyboard, SIGINT, {stopped, next}},
   };
@@ -265,6 +273,24 @@ TEST(ProgressOnTerminal, EndsAsItsCommandDoesAndSaysWhatToDo) {
     EXPECT_EQ(viewer.wait(), status) << "no core file either";
     EXPECT_EQ(viewer.rows(), shown);
   }
+}
+
+TEST(ProgressOnTerminal, DrawsNothingWhenContinuedInTheBackground) {
+  ViewerOnTerminal viewer;
+  viewer.copied(500, 500, 2000);
+  viewer.waitForRow("Copying    █");
+  viewer.stop();
+  viewer.order("set -m; printf '\\nprompt' >/dev/tty");
+  viewer.waitForRow("prompt");
+  if (viewer.hasForeground()) GTEST_SKIP() << "this shell does not take the terminal with its job control";
+  const std::size_t before = viewer.bytes().size();
+  viewer.resume();
+  viewer.copied(500, 1000, 2000);
+  viewer.order("echo a line");
+  viewer.waitForRow("a line");
+  EXPECT_THAT(viewer.bytes().substr(before), Not(HasSubstr("Copying")));
+  viewer.order("exit 0");
+  EXPECT_EQ(viewer.wait(), 0);
 }
 
 TEST(ProgressOnTerminal, RespectsWhatTheEnvironmentAsks) {

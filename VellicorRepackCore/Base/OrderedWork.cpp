@@ -1,7 +1,7 @@
 #include "VellicorRepackCore/Base/OrderedWork.h"
 
 #include <algorithm>
-#include <system_error>
+#include <exception>
 #include <utility>
 
 #include "VellicorRepackCore/Base/Cancellation.h"
@@ -29,8 +29,8 @@ void OrderedWork::startThreads(std::size_t workers) {
   threads_.reserve(workers);
   try {
     while (threads_.size() < workers) threads_.emplace_back([this] { runItems(); });
-  } catch (const std::system_error&) {
-    // The system has no thread to spare: those that it gave will do.
+  } catch (const std::exception&) {
+    // The system has no thread to spare, or no memory for one: those that it gave will do.
     return;
   }
 }

@@ -21,7 +21,8 @@ class MorlenDirectoryAccess {
   static constexpr std::size_t defaultMaxEntries = 100000;
   static constexpr std::size_t hashChunkBytes = 65536;
 
-  /// Bypassing it leaves it as it was: what had been read before stays, nothing else does.
+  /// Bypassing it leaves what was cached before where the system tells so, in whole steps of
+  /// `PageCacheTrail`; all else that is read goes again.
   enum class PageCache { use, bypass };
 
   /// Opens the directory; a final symbolic link to a directory is followed, once.

@@ -11,7 +11,8 @@ class PageCacheTrail {
  public:
   static constexpr std::uint64_t stepBytes = 8388608;
 
-  /// Which pages go: the reader's own, which were not cached before it came, or all.
+  /// Which steps go: the reader's own, which were not wholly cached before it came as far as the system tells
+  /// (of another user's file it does not), or all.
   enum class Drops { ownPages, allPages };
 
   /// To be made before anything is read through the descriptor, which from then on bypasses the cache where

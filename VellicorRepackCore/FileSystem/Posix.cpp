@@ -133,6 +133,7 @@ int usableProcessors() {
 }
 
 void writeBack(int fd, off_t offset, off_t length) {
+  if (length == 0) return;  // It would mean all that follows.
   ::sync_file_range(fd, offset, length, SYNC_FILE_RANGE_WRITE);
 }
 

@@ -17,6 +17,7 @@
 #include "VellicorRepackCore/Base/Errors.h"
 #include "VellicorRepackCore/Base/OrderedWork.h"
 #include "VellicorRepackCore/Base/Sha256Stream.h"
+#include "VellicorRepackCore/FileSystem/ArtifactRecords.h"
 #include "VellicorRepackCore/FileSystem/MorlenDirectoryAccess.h"
 #include "VellicorRepackCore/FileSystem/PageCacheTrail.h"
 #include "VellicorRepackCore/FileSystem/Posix.h"
@@ -30,8 +31,6 @@ namespace {
 
 constexpr std::size_t hashChunkBytes = 524288;
 constexpr const char* sidecarDirectory = "tokenizer";
-constexpr const char* layoutPath = "packed_experts/layout.json";
-constexpr const char* manifestName = "manifest.json";
 
 struct Sidecar {
   const char* name;
@@ -167,11 +166,11 @@ void ArtifactRecorder::requireReadableLayout(const RepackPlan& plan) {
 
 void ArtifactRecorder::writeLayout() {
   const std::string layout = encodedLayout(plan_);
-  const std::string file = path(layoutPath);
+  const std::string file = path(ArtifactRecords::layoutPath);
   makeDirectory(parentPath(file));
   Posix::atomicWrite(layout, file, parentPath(file));
   MorlenLayoutValidator::validate(file, plan_, &audit_);
-  recordOutputFile(layoutPath);
+  recordOutputFile(ArtifactRecords::layoutPath);
   throwIfCancelled(stop_);
 }
 
@@ -234,10 +233,10 @@ void ArtifactRecorder::writeManifestAndReceipt(const RemoteSnapshot& snapshot, c
       plan_, plan_.matchedModelID.value_or("unknown/snapshot"), snapshot.metadata.indexSha256Hex, files,
       layer == nullptr ? 0 : layer->expertsPerLayer, plan_.arch.numLayers,
       layer == nullptr ? 0 : layer->expertStride, manifestBitWidths(plan_));
-  const std::string temporary = path(std::string(manifestName) + ".tmp");
+  const std::string temporary = path(std::string(ArtifactRecords::manifestName) + ".tmp");
   Posix::atomicWrite(manifest, temporary, partialDirectory_);
   audit_.outputBytesWritten += manifest.size();
-  Posix::rename(temporary, path(manifestName));
+  Posix::rename(temporary, path(ArtifactRecords::manifestName));
 
   const std::string receipt = VerifiedInstallReceiptWriter::encode(
       finalDirectory, hashData(manifest), manifest.size(), repoID, snapshot.resolvedCommit,

@@ -48,7 +48,7 @@ class ArtifactRecorder {
   /// A directory of the artifact. What stands in its place and is none is removed.
   void makeDirectory(const std::string& directory);
   /// Hashes files, some of them side by side, and appends them to the audit's outputs in this order; they are
-  /// durable afterwards. Looks for a stop before each but the first.
+  /// durable afterwards. Looks for a stop before each but the first, and once each is announced.
   void recordOutputFiles(const std::vector<std::string>& relativePaths);
   void recordOutputFile(const std::string& relativePath) { recordOutputFiles({relativePath}); }
   std::string path(const std::string& relativePath) const;

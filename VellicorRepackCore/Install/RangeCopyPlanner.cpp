@@ -5,7 +5,6 @@
 #include <map>
 #include <optional>
 #include <tuple>
-#include <unordered_map>
 #include <utility>
 
 #include <fmt/format.h>
@@ -46,7 +45,7 @@ class RelativePaths {
   std::string_view root_;
   std::string_view last_;
   const std::string* lastRelative_ = nullptr;
-  std::unordered_map<std::string_view, std::string> byPath_;
+  std::map<std::string_view, std::string> byPath_;
 };
 
 void requireCanonicalRelative(const std::string& path) {

@@ -180,17 +180,13 @@ std::string HTTPRangeSourceByteProvider::destinationDigest(const CoalescedRangeC
   digest.append("Vellicor.RemoteRangeDestination.v1");
   digest.append(copy.id);
   digest.append(std::uint64_t{copy.destinations.size()});
-  // The destinations are sorted by path.
-  FileDescriptor file;
-  const std::string* openPath = nullptr;
   for (const RangeCopy& destination : copy.destinations) {
     const std::string& path = destination.destinationPath;
     digest.append(RangeCopyPlanner::normalizedRelativePath(path, partialDirectory));
     digest.append(destination.destinationOffset);
     digest.append(destination.sourceOffset - copy.sourceOffset);
     digest.append(destination.size);
-    if (openPath == nullptr || *openPath != path) file = Posix::openReadNoFollow(path);
-    openPath = &path;
+    const FileDescriptor file = Posix::openReadNoFollow(path);
     for (std::uint64_t done = 0; done < destination.size;) {
       const std::uint64_t length = std::min<std::uint64_t>(scratch.size(), destination.size - done);
       Posix::preadAll(file.get(), path, scratch.data(), static_cast<std::int64_t>(length),

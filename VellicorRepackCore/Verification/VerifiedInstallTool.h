@@ -11,7 +11,8 @@ namespace vellicor {
 struct VerifyInstallOptions {
   /// The artifact directory, as given.
   std::string inputMorlen;
-  /// How many files are hashed side by side; as many as there are processors when not given.
+  /// How many files are hashed side by side; as many as there are processors when not given,
+  /// and never more than `OrderedWork::maximumWorkers`.
   std::optional<std::size_t> workers{};
 };
 

@@ -14,7 +14,6 @@ class VellicorRepack < Formula
   depends_on "fmt"
   depends_on "icu4c"
   depends_on "openssl@3"
-  uses_from_macos "python" => :test
 
   on_macos do
     # Its standard library knows std::stop_token.
@@ -24,7 +23,7 @@ class VellicorRepack < Formula
   def install
     ENV.llvm_clang if OS.mac?
     system "cmake", "-S", ".", "-B", "build", "-G", "Ninja", *std_cmake_args,
-           "-DVELLICOR_BUILD_TESTS=OFF", "-DCMAKE_INSTALL_DOCDIR=share/doc/vellicor-repack"
+           "-DVELLICOR_BUILD_TESTS=OFF"
     system "cmake", "--build", "build"
     system "cmake", "--install", "build"
   end
