@@ -1,7 +1,9 @@
 # What `cmake --install` puts where, and the Debian packages that CPack makes of it. Programs and their pages are the
 # component "runtime", the format library for other programs is "development".
 
-set(CMAKE_INSTALL_DOCDIR "share/doc/vellicor-repack" CACHE PATH "Where the pages go that are no man pages")
+if(NOT CMAKE_INSTALL_DOCDIR)
+  set(CMAKE_INSTALL_DOCDIR "share/doc/vellicor-repack") # As the packages are named.
+endif()
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 set(VELLICOR_ZSH_COMPLETIONS_DIR "${CMAKE_INSTALL_DATADIR}/zsh/site-functions" CACHE STRING "Where zsh looks for completions")
