@@ -77,6 +77,11 @@ void readReceipt(Artifact& artifact) try {
 
 }  // namespace
 
+std::optional<std::string> Artifact::revision() const {
+  if (!receipt || receipt->sourceRevision == manifest().sourceSnapshotHash) return std::nullopt;
+  return receipt->sourceRevision;
+}
+
 Artifact Artifact::open(const std::string& path) {
   MorlenDirectoryAccess directory(path);
   ArtifactRecords records = ArtifactRecords::read(directory);

@@ -37,6 +37,9 @@ struct Artifact {
   std::string receiptProblem{};
 
   const MorlenManifestV1& manifest() const { return records.manifest; }
+  /// The commit of the source, as far as the receipt knows it: that of a verification repeats the source
+  /// index's digest instead.
+  std::optional<std::string> revision() const;
 
   /// Throws `RepackError` at the first thing that is wrong, in the words of verification.
   static Artifact open(const std::string& path);

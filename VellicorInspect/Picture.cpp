@@ -169,11 +169,10 @@ class Painter {
  private:
   void paintHead() {
     svg_.text(margin, y_ + 22, "title", elided(printable(manifest_.modelID), 70));
-    const auto& receipt = inspection_.artifact.receipt;
-    const std::string revision = receipt && receipt->sourceRevision
-                                     ? "revision " + *receipt->sourceRevision
-                                     : "source index " + manifest_.sourceSnapshotHash.value_or("not said");
-    svg_.text(margin, y_ + 44, "small", elided(printable(revision), 100));
+    const auto revision = inspection_.artifact.revision();
+    const std::string source = revision ? "revision " + *revision
+                                        : "source index " + manifest_.sourceSnapshotHash.value_or("not said");
+    svg_.text(margin, y_ + 44, "small", elided(printable(source), 100));
     svg_.text(innerRight, y_ + 22, "head",
               fmt::format("{} in {} files", humanBytes(map_.totalBytes), map_.files.size()), Anchor::end);
     svg_.text(innerRight, y_ + 44, "small",

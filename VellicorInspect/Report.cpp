@@ -27,7 +27,7 @@ std::string sourceLines(const Artifact& artifact) {
   std::string lines = line("model", artifact.manifest().modelID);
   lines += line("source index", text(artifact.manifest().sourceSnapshotHash));
   if (!artifact.receipt) return lines + line("receipt", artifact.receiptProblem);
-  lines += line("revision", text(artifact.receipt->sourceRevision));
+  lines += line("revision", text(artifact.revision()));
   lines += line("repository", text(artifact.receipt->sourceRepoID));
   lines += line("receipt", fmt::format("{}, by {}", text(artifact.receipt->verificationTimestamp),
                                        text(artifact.receipt->toolVersion)));

@@ -155,6 +155,9 @@ TEST(Inspect, SummariesAddUp) {
 
   sample.write("verified-install.json", R"({"sourceRevision":"abc\u001b[1m","toolVersion":"t"})");
   EXPECT_THAT(sample.run({}).output, HasSubstr("revision      abc\\x1b[1m\nrepository    not said\n"));
+  const std::string index = summary["sourceSnapshotHash"];
+  sample.write("verified-install.json", R"({"sourceRevision":")" + index + R"("})");
+  EXPECT_THAT(sample.run({}).output, HasSubstr("revision      not said\n"));
   sample.write("verified-install.json", "{");
   EXPECT_THAT(sample.run({}), Field(&InspectOutcome::status, 0));
 }
