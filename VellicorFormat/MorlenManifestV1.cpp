@@ -101,55 +101,9 @@ MorlenManifestV1 readManifest(const JsonObject& json) {
 
 // Writing: every object's keys in ascending byte order.
 
-void writeArch(CanonicalJson& json, const MorlenManifestArchV1& arch) {
-  json.beginObject()
-      .member("attentionKEqV", arch.attentionKEqV)
-      .member("ffnIntermediate", arch.ffnIntermediate)
-      .member("finalLogitSoftcap", arch.finalLogitSoftcap);
-  json.key("fullAttentionLayerMask").beginArray();
-  for (const std::int64_t entry : arch.fullAttentionLayerMask) json.value(entry);
-  json.endArray()
-      .member("fullHeadDim", arch.fullHeadDim)
-      .member("fullRopeTheta", arch.fullRopeTheta)
-      .member("headDim", arch.headDim)
-      .member("hiddenActivation", arch.hiddenActivation)
-      .member("hiddenSize", arch.hiddenSize)
-      .member("moeIntermediateSize", arch.moeIntermediateSize)
-      .member("numExperts", arch.numExperts)
-      .member("numFullKVHeads", arch.numFullKVHeads)
-      .member("numHeads", arch.numHeads)
-      .member("numKVHeads", arch.numKVHeads)
-      .member("numLayers", arch.numLayers)
-      .member("partialRotaryFactor", arch.partialRotaryFactor)
-      .member("ropeTheta", arch.ropeTheta)
-      .member("slidingWindow", arch.slidingWindow)
-      .member("tieWordEmbeddings", arch.tieWordEmbeddings)
-      .member("topKExperts", arch.topKExperts)
-      .member("vocabSize", arch.vocabSize)
-      .endObject();
-}
-
-void writeQuant(CanonicalJson& json, const MorlenManifestQuantV1& quant) {
-  auto slots = quantSlots;
-  std::sort(slots.begin(), slots.end(), [](const auto& a, const auto& b) { return a.name < b.name; });
-  json.beginObject();
-  for (const auto& [name, member] : slots) {
-    const MorlenManifestQuantSlotV1& slot = quant.*member;
-    json.key(name)
-        .beginObject()
-        .member("biasType", slot.biasType)
-        .member("groupSize", slot.groupSize)
-        .member("scaleType", slot.scaleType)
-        .member("scheme", slot.scheme)
-        .member("weightBits", slot.weightBits)
-        .endObject();
-  }
-  json.endObject();
-}
-
 void writeManifest(CanonicalJson& json, const MorlenManifestV1& manifest) {
   json.beginObject();
-  writeArch(json.key("arch"), manifest.arch);
+  writeManifestArch(json.key("arch"), manifest.arch);
   if (manifest.bitWidthOverridesHonored)
     json.member("bitWidthOverridesHonored", *manifest.bitWidthOverridesHonored);
   json.member("expertStride", manifest.expertStride).member("expertsPerLayer", manifest.expertsPerLayer);
@@ -160,7 +114,7 @@ void writeManifest(CanonicalJson& json, const MorlenManifestV1& manifest) {
       .member("magic", manifest.magic)
       .member("modelID", manifest.modelID)
       .member("numLayers", manifest.numLayers);
-  if (manifest.quant) writeQuant(json.key("quant"), *manifest.quant);
+  if (manifest.quant) writeManifestQuant(json.key("quant"), *manifest.quant);
   if (manifest.sourceSnapshotHash) json.member("sourceSnapshotHash", *manifest.sourceSnapshotHash);
   json.member("versionMajor", manifest.versionMajor)
       .member("versionMinor", manifest.versionMinor)
@@ -235,6 +189,52 @@ void validateDirectoryPrefixes(const PathsByKey& pathsByKey) {
 }
 
 }  // namespace
+
+void writeManifestArch(CanonicalJson& json, const MorlenManifestArchV1& arch) {
+  json.beginObject()
+      .member("attentionKEqV", arch.attentionKEqV)
+      .member("ffnIntermediate", arch.ffnIntermediate)
+      .member("finalLogitSoftcap", arch.finalLogitSoftcap);
+  json.key("fullAttentionLayerMask").beginArray();
+  for (const std::int64_t entry : arch.fullAttentionLayerMask) json.value(entry);
+  json.endArray()
+      .member("fullHeadDim", arch.fullHeadDim)
+      .member("fullRopeTheta", arch.fullRopeTheta)
+      .member("headDim", arch.headDim)
+      .member("hiddenActivation", arch.hiddenActivation)
+      .member("hiddenSize", arch.hiddenSize)
+      .member("moeIntermediateSize", arch.moeIntermediateSize)
+      .member("numExperts", arch.numExperts)
+      .member("numFullKVHeads", arch.numFullKVHeads)
+      .member("numHeads", arch.numHeads)
+      .member("numKVHeads", arch.numKVHeads)
+      .member("numLayers", arch.numLayers)
+      .member("partialRotaryFactor", arch.partialRotaryFactor)
+      .member("ropeTheta", arch.ropeTheta)
+      .member("slidingWindow", arch.slidingWindow)
+      .member("tieWordEmbeddings", arch.tieWordEmbeddings)
+      .member("topKExperts", arch.topKExperts)
+      .member("vocabSize", arch.vocabSize)
+      .endObject();
+}
+
+void writeManifestQuant(CanonicalJson& json, const MorlenManifestQuantV1& quant) {
+  auto slots = quantSlots;
+  std::sort(slots.begin(), slots.end(), [](const auto& a, const auto& b) { return a.name < b.name; });
+  json.beginObject();
+  for (const auto& [name, member] : slots) {
+    const MorlenManifestQuantSlotV1& slot = quant.*member;
+    json.key(name)
+        .beginObject()
+        .member("biasType", slot.biasType)
+        .member("groupSize", slot.groupSize)
+        .member("scaleType", slot.scaleType)
+        .member("scheme", slot.scheme)
+        .member("weightBits", slot.weightBits)
+        .endObject();
+  }
+  json.endObject();
+}
 
 void writeManifestFiles(CanonicalJson& json, const std::map<std::string, MorlenManifestFileV1>& files) {
   json.beginObject();

@@ -89,6 +89,10 @@ struct MorlenManifestV1 {
 
 class CanonicalJson;
 
+/// Write the values of the manifest's `arch` and `quant` members.
+void writeManifestArch(CanonicalJson& json, const MorlenManifestArchV1& arch);
+void writeManifestQuant(CanonicalJson& json, const MorlenManifestQuantV1& quant);
+
 /// Writes the value of a `files` member, as the manifest and the verification receipt hold it.
 void writeManifestFiles(CanonicalJson& json, const std::map<std::string, MorlenManifestFileV1>& files);
 

@@ -26,52 +26,6 @@ void numbers(CanonicalJson& json, std::string_view key, const Range& range, Memb
   json.endArray();
 }
 
-void writeArch(CanonicalJson& json, const MorlenManifestArchV1& arch) {
-  json.beginObject()
-      .member("attentionKEqV", arch.attentionKEqV)
-      .member("ffnIntermediate", arch.ffnIntermediate)
-      .member("finalLogitSoftcap", arch.finalLogitSoftcap);
-  numbers(json, "fullAttentionLayerMask", arch.fullAttentionLayerMask);
-  json.member("fullHeadDim", arch.fullHeadDim)
-      .member("fullRopeTheta", arch.fullRopeTheta)
-      .member("headDim", arch.headDim)
-      .member("hiddenActivation", arch.hiddenActivation)
-      .member("hiddenSize", arch.hiddenSize)
-      .member("moeIntermediateSize", arch.moeIntermediateSize)
-      .member("numExperts", arch.numExperts)
-      .member("numFullKVHeads", arch.numFullKVHeads)
-      .member("numHeads", arch.numHeads)
-      .member("numKVHeads", arch.numKVHeads)
-      .member("numLayers", arch.numLayers)
-      .member("partialRotaryFactor", arch.partialRotaryFactor)
-      .member("ropeTheta", arch.ropeTheta)
-      .member("slidingWindow", arch.slidingWindow)
-      .member("tieWordEmbeddings", arch.tieWordEmbeddings)
-      .member("topKExperts", arch.topKExperts)
-      .member("vocabSize", arch.vocabSize)
-      .endObject();
-}
-
-void writeQuant(CanonicalJson& json, const MorlenManifestQuantV1& quant) {
-  const auto slot = [&](std::string_view key, const MorlenManifestQuantSlotV1& values) {
-    json.key(key)
-        .beginObject()
-        .member("biasType", values.biasType)
-        .member("groupSize", values.groupSize)
-        .member("scaleType", values.scaleType)
-        .member("scheme", values.scheme)
-        .member("weightBits", values.weightBits)
-        .endObject();
-  };
-  json.beginObject();
-  slot("attention", quant.attention);
-  slot("embedding", quant.embedding);
-  slot("routedExpert", quant.routedExpert);
-  slot("router", quant.router);
-  slot("sharedExpert", quant.sharedExpert);
-  json.endObject();
-}
-
 void writeReceipt(CanonicalJson& json, const ArtifactReceipt& receipt) {
   json.beginObject();
   optionalMember(json, "sourceRepoID", receipt.sourceRepoID);
@@ -108,7 +62,7 @@ std::string summaryJson(const Inspection& inspection) {
   files[ArtifactRecords::manifestName] = inspection.artifact.records.manifestFile;
 
   CanonicalJson json = newDocument();
-  writeArch(json.beginObject().key("arch"), manifest.arch);
+  writeManifestArch(json.beginObject().key("arch"), manifest.arch);
   optionalMember(json, "bitWidthOverridesHonored", manifest.bitWidthOverridesHonored);
   json.member("expertStride", manifest.expertStride).member("expertsPerLayer", manifest.expertsPerLayer);
   json.key("familyBytes").beginObject();
@@ -120,7 +74,7 @@ std::string summaryJson(const Inspection& inspection) {
   json.endObject();
   json.member("magic", manifest.magic).member("modelID", manifest.modelID);
   json.member("numLayers", manifest.numLayers);
-  if (manifest.quant) writeQuant(json.key("quant"), *manifest.quant);
+  if (manifest.quant) writeManifestQuant(json.key("quant"), *manifest.quant);
   if (inspection.artifact.receipt) writeReceipt(json.key("receipt"), *inspection.artifact.receipt);
   optionalMember(json, "sourceSnapshotHash", manifest.sourceSnapshotHash);
   json.member("totalBytes", inspection.map.totalBytes)

@@ -142,51 +142,38 @@ void addLayer(const MorlenLayerV1& layer, std::vector<StoredTensor>& tensors) {
   }
 }
 
+struct FamilyNames {
+  std::string_view key;
+  std::string_view title;
+};
+
+FamilyNames namesOf(Family family) {
+  switch (family) {
+    case Family::embedding:
+      return {"embedding", "embedding"};
+    case Family::attention:
+      return {"attention", "attention"};
+    case Family::router:
+      return {"router", "router"};
+    case Family::sharedExpert:
+      return {"sharedExpert", "shared expert"};
+    case Family::routedExperts:
+      return {"routedExperts", "routed experts"};
+    case Family::normsAndOther:
+      return {"normsAndOther", "norms and other"};
+    case Family::records:
+      return {"records", "index and records"};
+    case Family::padding:
+      return {"padding", "padding"};
+  }
+  std::abort();
+}
+
 }  // namespace
 
-std::string_view keyOf(Family family) {
-  switch (family) {
-    case Family::embedding:
-      return "embedding";
-    case Family::attention:
-      return "attention";
-    case Family::router:
-      return "router";
-    case Family::sharedExpert:
-      return "sharedExpert";
-    case Family::routedExperts:
-      return "routedExperts";
-    case Family::normsAndOther:
-      return "normsAndOther";
-    case Family::records:
-      return "records";
-    case Family::padding:
-      return "padding";
-  }
-  std::abort();
-}
+std::string_view keyOf(Family family) { return namesOf(family).key; }
 
-std::string_view titleOf(Family family) {
-  switch (family) {
-    case Family::embedding:
-      return "embedding";
-    case Family::attention:
-      return "attention";
-    case Family::router:
-      return "router";
-    case Family::sharedExpert:
-      return "shared expert";
-    case Family::routedExperts:
-      return "routed experts";
-    case Family::normsAndOther:
-      return "norms and other";
-    case Family::records:
-      return "index and records";
-    case Family::padding:
-      return "padding";
-  }
-  std::abort();
-}
+std::string_view titleOf(Family family) { return namesOf(family).title; }
 
 bool StoredTensor::isInOrder(std::uint64_t expertStride) const {
   for (std::size_t i = 0; i < experts.size(); ++i) {
