@@ -13,17 +13,8 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#if defined(__APPLE__)
-#include <sys/mount.h>
-#include <sys/param.h>
-#else
-#include <linux/openat2.h>
-#include <sched.h>
-#include <sys/mman.h>
-#include <sys/statvfs.h>
-#include <sys/syscall.h>
-#endif
 
+#include "VellicorRepackCore/FileSystem/Platform.h"
 #include "VellicorRepackCore/FileSystem/RemovedUnlessKept.h"
 #include "VellicorRepackCore/FileSystem/SystemCall.h"
 
@@ -35,116 +26,6 @@ constexpr std::uint64_t largestOffset = std::numeric_limits<std::int64_t>::max()
 /// Some systems refuse a single transfer of 2 GiB or more, others shorten it.
 constexpr std::int64_t largestTransfer = std::int64_t{1} << 30;
 
-struct FreeBlocks {
-  std::uint64_t count;
-  std::uint64_t size;
-};
-
-// What differs between the platforms. Calls answer like system calls: negative with errno set on failure.
-
-#if defined(__APPLE__)
-
-int openDirectoryWithoutLinks(const char* path) {
-  return ::open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW_ANY | O_CLOEXEC);
-}
-
-int exchangePaths(const char* a, const char* b) { return ::renamex_np(a, b, RENAME_SWAP); }
-
-int syncToDevice(int fd) {
-  const int result = ::fcntl(fd, F_FULLFSYNC);
-  const bool refused = result < 0 && (errno == ENOTSUP || errno == EINVAL || errno == ENOTTY);
-  return refused ? ::fsync(fd) : result;
-}
-
-void requestUncachedReads(int fd) { ::fcntl(fd, F_NOCACHE, 1); }
-
-void dropPages(int, off_t, off_t) {}
-
-bool arePagesCached(int, off_t, off_t) { return false; }
-
-int usableProcessors() { return 0; }
-
-void writeBack(int, off_t, off_t) {}
-
-FreeBlocks freeBlocks(const std::string& path) {
-  struct statfs status {};
-  checkedCall(RepackError::fileStatFailed, path, [&] { return ::statfs(path.c_str(), &status); });
-  return {status.f_bavail, status.f_bsize};
-}
-
-#else
-
-/// Component by component, for where the system cannot do it in one call.
-int openComponents(const std::string& path, int flags) {
-  FileDescriptor directory(::open(path.starts_with('/') ? "/" : ".", flags));
-  for (std::size_t start = 0; directory && start < path.size();) {
-    const std::size_t end = std::min(path.find('/', start), path.size());
-    const std::string name = path.substr(start, end - start);
-    start = end + 1;
-    if (!name.empty())
-      directory = FileDescriptor(::openat(directory.get(), name.c_str(), flags | O_NOFOLLOW));
-  }
-  return directory.release();
-}
-
-int openDirectoryWithoutLinks(const char* path) {
-  constexpr int flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
-  struct open_how how {};
-  how.flags = flags;
-  how.resolve = RESOLVE_NO_SYMLINKS;
-  const long result = ::syscall(SYS_openat2, AT_FDCWD, path, &how, sizeof how);
-  // A kernel before 5.6, or a sandbox that has not heard of the call.
-  const bool isUnknown = result < 0 && (errno == ENOSYS || errno == EPERM);
-  return isUnknown ? openComponents(path, flags) : static_cast<int>(result);
-}
-
-int exchangePaths(const char* a, const char* b) {
-  return ::renameat2(AT_FDCWD, a, AT_FDCWD, b, RENAME_EXCHANGE);
-}
-
-int syncToDevice(int fd) { return ::fsync(fd); }
-
-void requestUncachedReads(int) {}
-
-void dropPages(int fd, off_t offset, off_t length) {
-  ::posix_fadvise(fd, offset, length, POSIX_FADV_DONTNEED);
-}
-
-bool arePagesCached(int fd, off_t offset, off_t length) {
-  // Reading ahead and dropping go by larger pieces than this.
-  constexpr off_t sampleStep = 524288;
-  struct stat status {};
-  // Of a file that is another's the system says that every page is cached.
-  if (::fstat(fd, &status) != 0 || status.st_uid != ::geteuid() || offset >= status.st_size) return false;
-  const off_t end = std::min(length, status.st_size - offset);
-  void* const range = ::mmap(nullptr, static_cast<std::size_t>(end), PROT_READ, MAP_SHARED, fd, offset);
-  if (range == MAP_FAILED) return false;
-  unsigned char state = 1;
-  for (off_t at = 0; at < end && (state & 1) != 0; at += sampleStep) {
-    if (::mincore(static_cast<char*>(range) + at, 1, &state) != 0) state = 0;
-  }
-  ::munmap(range, static_cast<std::size_t>(end));
-  return (state & 1) != 0;
-}
-
-int usableProcessors() {
-  cpu_set_t processors;
-  return ::sched_getaffinity(0, sizeof processors, &processors) == 0 ? CPU_COUNT(&processors) : 0;
-}
-
-void writeBack(int fd, off_t offset, off_t length) {
-  if (length == 0) return;  // It would mean all that follows.
-  ::sync_file_range(fd, offset, length, SYNC_FILE_RANGE_WRITE);
-}
-
-FreeBlocks freeBlocks(const std::string& path) {
-  struct statvfs status {};
-  checkedCall(RepackError::fileStatFailed, path, [&] { return ::statvfs(path.c_str(), &status); });
-  return {status.f_bavail, status.f_frsize};
-}
-
-#endif
-
 // Every descriptor is closed on exec.
 FileDescriptor openPath(const std::string& path, int flags, unsigned mode = 0) {
   return FileDescriptor(checkedCall(RepackError::fileOpenFailed, path,
@@ -155,8 +36,8 @@ FileDescriptor openPath(const std::string& path, int flags, unsigned mode = 0) {
 struct Entry {
   template <typename MakeError>
   Entry(const std::string& path, MakeError&& makeError)
-      : directory(
-            checkedCall(makeError, [&] { return openDirectoryWithoutLinks(directoryOf(path).c_str()); })),
+      : directory(checkedCall(
+            makeError, [&] { return platform::openDirectoryWithoutLinks(directoryOf(path).c_str()); })),
         name(lastPathComponent(path)) {
     if (name.empty()) name = ".";
   }
@@ -336,7 +217,8 @@ void Posix::rename(const std::string& from, const std::string& to) {
 }
 
 void Posix::renameSwap(const std::string& a, const std::string& b) {
-  checkedCall(RepackError::promotionUnsupported, a, [&] { return exchangePaths(a.c_str(), b.c_str()); });
+  checkedCall(RepackError::promotionUnsupported, a,
+              [&] { return platform::exchangePaths(a.c_str(), b.c_str()); });
 }
 
 void Posix::unlink(const std::string& path) {
@@ -384,7 +266,7 @@ void Posix::ftruncate(int fd, const std::string& path, std::uint64_t size) {
 }
 
 void Posix::fsync(int fd, const std::string& path) {
-  checkedCall(RepackError::fsyncFailed, path, [&] { return syncToDevice(fd); });
+  checkedCall(RepackError::fsyncFailed, path, [&] { return platform::syncToDevice(fd); });
 }
 
 void Posix::fsyncDirectory(const std::string& path) {
@@ -430,29 +312,29 @@ void Posix::atomicWrite(std::string_view data, const std::string& path, const st
   fsyncDirectory(directory);
 }
 
-void Posix::bypassPageCache(int fd) noexcept { requestUncachedReads(fd); }
+void Posix::bypassPageCache(int fd) noexcept { platform::requestUncachedReads(fd); }
 
 void Posix::dropCachedPages(int fd, std::uint64_t offset, std::uint64_t length) noexcept {
-  dropPages(fd, static_cast<off_t>(offset), static_cast<off_t>(length));
+  platform::dropPages(fd, static_cast<off_t>(offset), static_cast<off_t>(length));
 }
 
 bool Posix::isCached(int fd, std::uint64_t offset, std::uint64_t length) noexcept {
-  return arePagesCached(fd, static_cast<off_t>(offset), static_cast<off_t>(length));
+  return platform::arePagesCached(fd, static_cast<off_t>(offset), static_cast<off_t>(length));
 }
 
 std::size_t Posix::availableProcessors() noexcept {
-  const int usable = usableProcessors();
+  const int usable = platform::usableProcessors();
   const unsigned count = usable > 0 ? static_cast<unsigned>(usable) : std::thread::hardware_concurrency();
   return std::max(count, 1U);
 }
 
 void Posix::startWriteBack(int fd, std::uint64_t offset, std::uint64_t length) noexcept {
-  writeBack(fd, static_cast<off_t>(offset), static_cast<off_t>(length));
+  platform::writeBack(fd, static_cast<off_t>(offset), static_cast<off_t>(length));
 }
 
 std::uint64_t Posix::availableBytes(const std::string& path) {
   constexpr std::uint64_t most = std::numeric_limits<std::uint64_t>::max();
-  const FreeBlocks blocks = freeBlocks(path);
+  const platform::FreeBlocks blocks = platform::freeBlocks(path);
   return blocks.size != 0 && blocks.count > most / blocks.size ? most : blocks.count * blocks.size;
 }
 
