@@ -1,6 +1,9 @@
 #include "VellicorFormat/JsonReading.h"
 
-#include <cmath>
+#include <algorithm>
+#include <charconv>
+#include <cstdlib>
+#include <limits>
 
 #include <fmt/format.h>
 
@@ -8,6 +11,8 @@
 
 namespace vellicor {
 namespace {
+
+using Json = nlohmann::json;
 
 /// Refuses, before anything is built, text whose tree would nest too deep or take memory out of proportion.
 /// Text that is no JSON may pass; the parser refuses it.
@@ -36,12 +41,110 @@ void checkProportions(std::string_view text) {
   }
 }
 
-/// The integral value of a double strictly between `below` and `above`, which are exact.
-template <typename Integer>
-std::optional<Integer> exactDouble(double value, double below, double above) {
-  if (!(value > below && value < above) || value != std::trunc(value)) return std::nullopt;
-  return static_cast<Integer>(value);
+/// A decimal number: its digits without zeros at either end, times ten to the power of `exponent`.
+struct Decimal {
+  std::string digits;
+  std::int64_t exponent = 0;
+};
+
+/// Nothing when the exponent does not fit.
+std::optional<Decimal> decimalOf(std::string_view number) {
+  const std::size_t mark = std::min(number.find_first_of("eE"), number.size());
+  const std::string_view mantissa = number.substr(0, mark);
+  std::string_view exponent = number.substr(std::min(mark + 1, number.size()));
+  if (exponent.starts_with('+')) exponent.remove_prefix(1);
+
+  Decimal decimal;
+  const auto [end, error] =
+      std::from_chars(exponent.data(), exponent.data() + exponent.size(), decimal.exponent);
+  constexpr std::int64_t farOut = std::int64_t{1} << 40;
+  if (error == std::errc::result_out_of_range || decimal.exponent > farOut || decimal.exponent < -farOut) {
+    return std::nullopt;
+  }
+  const std::size_t point = std::min(mantissa.find('.'), mantissa.size());
+  const std::string_view fraction = mantissa.substr(std::min(point + 1, mantissa.size()));
+  decimal.digits.append(mantissa.substr(0, point)).append(fraction);
+  decimal.exponent -= static_cast<std::int64_t>(fraction.size());
+  const std::size_t used = decimal.digits.find_last_not_of('0') + 1;
+  decimal.exponent += static_cast<std::int64_t>(decimal.digits.size() - used);
+  decimal.digits.resize(used);
+  decimal.digits.erase(0, decimal.digits.find_first_not_of('0'));
+  return decimal;
 }
+
+/// Empties a value from its leaves on, as deep as `maximumJsonDepth`.
+void takeApart(Json& value) noexcept {
+  if (auto* const array = value.get_ptr<Json::array_t*>()) {
+    for (Json& element : *array) takeApart(element);
+    array->clear();
+  } else if (auto* const object = value.get_ptr<Json::object_t*>()) {
+    for (auto& [ignored, member] : *object) takeApart(member);
+    object->clear();
+  }
+}
+
+/// Builds the tree from the parser's events, whose names are the parser's.
+class TreeBuilder {
+ public:
+  bool null() { return add(nullptr); }
+  bool boolean(bool value) { return add(value); }
+  bool number_integer(std::int64_t value) { return add(value); }
+  bool number_unsigned(std::uint64_t value) { return add(value); }
+  bool number_float(double value, const std::string& number) {
+    const std::optional<std::int64_t> integer = exactIntegerOf(number);
+    return integer ? add(*integer) : add(value);
+  }
+  bool string(std::string& value) { return add(std::move(value)); }
+  bool binary(Json::binary_t&) { std::abort(); }  // No part of JSON texts.
+
+  bool start_object(std::size_t) { return open(Json::object()); }
+  bool end_object() { return close(); }
+  bool start_array(std::size_t) { return open(Json::array()); }
+  bool end_array() { return close(); }
+  bool key(std::string& name) {
+    key_ = std::move(name);
+    return true;
+  }
+
+  bool parse_error(std::size_t, const std::string&, const Json::exception& error) {
+    throw jsonMalformed(error);
+  }
+
+  JsonTree take() { return std::move(tree_); }
+
+ private:
+  bool add(Json value) {
+    place() = std::move(value);
+    return true;
+  }
+
+  bool open(Json container) {
+    Json& opened = place();
+    opened = std::move(container);
+    open_.push_back(&opened);
+    return true;
+  }
+
+  bool close() {
+    open_.pop_back();
+    return true;
+  }
+
+  /// Where the value goes that comes now. A container is not added to before the one inside it is closed, so
+  /// the pointers to the open ones hold.
+  Json& place() {
+    if (open_.empty()) return tree_.root;
+    Json& container = *open_.back();
+    if (container.is_array()) return container.emplace_back();
+    Json& member = container[key_];
+    takeApart(member);  // Of a key given twice the last value counts.
+    return member;
+  }
+
+  JsonTree tree_;
+  std::vector<Json*> open_;
+  std::string key_;
+};
 
 }  // namespace
 
@@ -57,26 +160,54 @@ JsonDecodingError jsonMalformed(const nlohmann::json::exception& error) {
   return JsonDecodingError(repairedUtf8(text.substr(0, enough)) + "...");
 }
 
-nlohmann::json parseJson(std::string_view text) {
-  checkProportions(text);
-  try {
-    return nlohmann::json::parse(text);
-  } catch (const nlohmann::json::exception& error) {
-    throw jsonMalformed(error);
+void requireNoNul(std::string_view text) {
+  const std::size_t at = text.find('\0');
+  if (at != std::string_view::npos) throw JsonDecodingError(fmt::format("JSON with a NUL byte at {}", at));
+}
+
+std::optional<std::int64_t> exactIntegerOf(std::string_view number) {
+  constexpr std::int64_t limit = std::int64_t{1} << std::numeric_limits<double>::digits;
+  constexpr std::size_t limitDigits = 16;
+  const bool isNegative = number.starts_with('-');
+  if (isNegative) number.remove_prefix(1);
+  const std::optional<Decimal> decimal = decimalOf(number);
+  if (!decimal) return std::nullopt;
+  if (decimal->digits.empty()) return isNegative ? std::nullopt : std::optional<std::int64_t>(0);
+  if (decimal->exponent < 0 || decimal->digits.size() > limitDigits ||
+      decimal->exponent > static_cast<std::int64_t>(limitDigits - decimal->digits.size())) {
+    return std::nullopt;
   }
+  std::int64_t value = 0;
+  for (const char digit : decimal->digits) value = value * 10 + (digit - '0');
+  for (std::int64_t i = 0; i < decimal->exponent; ++i) value *= 10;
+  if (value >= limit) return std::nullopt;
+  return isNegative ? -value : value;
+}
+
+JsonTree& JsonTree::operator=(JsonTree&& other) noexcept {
+  root.swap(other.root);
+  return *this;
+}
+
+JsonTree::~JsonTree() { takeApart(root); }
+
+JsonTree parseJson(std::string_view text) {
+  requireNoNul(text);
+  checkProportions(text);
+  TreeBuilder builder;
+  Json::sax_parse(text, &builder);
+  return builder.take();
 }
 
 std::optional<std::int64_t> exactInteger(const nlohmann::json& value) {
-  if (value.is_number_float()) return exactDouble<std::int64_t>(value.get<double>(), -0x1p63, 0x1p63);
-  if (!value.is_number()) return std::nullopt;
+  if (!value.is_number_integer()) return std::nullopt;
   if (value.is_number_unsigned() && !std::in_range<std::int64_t>(value.get<std::uint64_t>()))
     return std::nullopt;
   return value.get<std::int64_t>();
 }
 
 std::optional<std::uint64_t> exactUnsigned(const nlohmann::json& value) {
-  if (value.is_number_float()) return exactDouble<std::uint64_t>(value.get<double>(), -1, 0x1p64);
-  if (!value.is_number()) return std::nullopt;
+  if (!value.is_number_integer()) return std::nullopt;
   if (!value.is_number_unsigned() && value.get<std::int64_t>() < 0) return std::nullopt;
   return value.get<std::uint64_t>();
 }

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <exception>
+#include <new>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -24,16 +25,32 @@ class JsonDecodingError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// Parses one JSON document (RFC 8259, strict UTF-8, nothing but white space behind it). Nesting deeper than
-/// `maximumJsonDepth` is refused before anything is built, so hostile brackets cost no memory. Throws
-/// `JsonDecodingError` with the parser's own words, shortened where it quotes megabytes.
-nlohmann::json parseJson(std::string_view text);
+/// A parsed document. Unlike that of its root, whose destructor takes memory, its end always succeeds.
+struct JsonTree {
+  JsonTree() = default;
+  JsonTree(JsonTree&&) noexcept = default;
+  JsonTree& operator=(JsonTree&& other) noexcept;
+  ~JsonTree();
+
+  nlohmann::json root;
+};
+
+/// Parses one JSON document (RFC 8259, strict UTF-8, nothing but white space after it). Nesting deeper than
+/// `maximumJsonDepth` is refused before anything is built, so hostile brackets cost no memory. A number that
+/// `exactIntegerOf` knows becomes an integer, also where it was written as 3.0. Throws `JsonDecodingError`
+/// with the parser's own words, shortened where it quotes megabytes.
+JsonTree parseJson(std::string_view text);
 
 inline constexpr std::size_t maximumJsonDepth = 512;
 /// What is thrown for deeper texts.
 JsonDecodingError jsonTooDeep();
 /// The parser's own words for malformed text, without the megabytes that it may quote.
 JsonDecodingError jsonMalformed(const nlohmann::json::exception& error);
+/// Throws `JsonDecodingError` for a text with a NUL byte anywhere: the parser takes one for the text's end.
+void requireNoNul(std::string_view text);
+/// The value of a JSON number written with a fraction or an exponent, if that is exactly an integer of less
+/// than 2^53: from there on the parser's doubles do not tell neighbouring integers apart. Nothing for -0.0.
+std::optional<std::int64_t> exactIntegerOf(std::string_view number);
 
 /// Five times what the largest record of this system holds. At up to 160 bytes each, the tree of a text stays
 /// below 256 MiB.
@@ -41,8 +58,8 @@ inline constexpr std::size_t maximumJsonValues = 1500000;
 
 /// Typed access to the members of one JSON object; `where` names the object in messages ("" for the
 /// document). Every accessor throws `JsonDecodingError` when the member is missing or of another type.
-/// Numbers are exact: an integer accessor takes a number with an integral value that fits, never a fraction
-/// (3.0 counts as 3).
+/// Numbers are exact: an integer accessor takes an integer that fits, or what `exactIntegerOf` knows as one
+/// (3.0 counts as 3), never a fraction and nothing that was rounded.
 class JsonObject {
  public:
   /// Throws `JsonDecodingError` when `value` is not an object. Keeps a reference to `value`.
@@ -75,15 +92,18 @@ class JsonObject {
   std::string where_;
 };
 
-/// The exact integral value of a JSON number, or nothing for any other value or one that does not fit.
+/// The integer that a parsed value is, or nothing for any other value or one that does not fit.
 std::optional<std::int64_t> exactInteger(const nlohmann::json& value);
 std::optional<std::uint64_t> exactUnsigned(const nlohmann::json& value);
 
-/// What `work` returns; whatever it throws becomes a `MorlenFormatError` invalid(field, <its text>).
+/// What `work` returns; whatever it throws becomes a `MorlenFormatError` invalid(field, <its text>), but for
+/// want of memory, which says nothing about the record.
 template <typename Work>
 auto asFormatRecord(std::string_view field, Work&& work) {
   try {
     return std::forward<Work>(work)();
+  } catch (const std::bad_alloc&) {
+    throw;
   } catch (const std::exception& error) {
     throw MorlenFormatError::invalid(std::string(field), error.what());
   }

@@ -159,7 +159,10 @@ class StreamReader {
   bool boolean(bool value) { return scalar(value); }
   bool number_integer(std::int64_t value) { return scalar(value); }
   bool number_unsigned(std::uint64_t value) { return scalar(value); }
-  bool number_float(double value, const std::string&) { return scalar(value); }
+  bool number_float(double value, const std::string& number) {
+    const std::optional<std::int64_t> integer = exactIntegerOf(number);
+    return integer ? scalar(*integer) : scalar(value);
+  }
   bool string(std::string& value) { return scalar(std::move(value)); }
   bool binary(Json::binary_t&) { std::abort(); }  // No part of JSON texts.
 
@@ -249,6 +252,7 @@ std::optional<std::string_view> JsonShape::requiredMember(std::size_t) const { r
 JsonShape::Child JsonShape::element(void*) const { return {}; }
 
 void readJsonInto(std::string_view text, const JsonShape& shape, void* place) {
+  requireNoNul(text);
   StreamReader reader(shape, place);
   Json::sax_parse(text, &reader);
   reader.requireNoFault();

@@ -245,8 +245,8 @@ void writeManifestFiles(CanonicalJson& json, const std::map<std::string, MorlenM
 
 MorlenManifestV1 MorlenManifestCodec::decode(std::string_view json) {
   MorlenManifestV1 manifest = asFormatRecord("manifest.json", [json] {
-    const nlohmann::json document = parseJson(json);
-    return readManifest(JsonObject(document, ""));
+    const JsonTree document = parseJson(json);
+    return readManifest(JsonObject(document.root, ""));
   });
   validate(manifest);
   return manifest;

@@ -22,6 +22,11 @@ icu::UnicodeString fromUtf8(std::string_view text) {
   return icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), static_cast<std::int32_t>(text.size())));
 }
 
+void requireSuccess(UErrorCode status) {
+  if (status == U_MEMORY_ALLOCATION_ERROR) throw std::bad_alloc();
+  if (U_FAILURE(status)) throw std::runtime_error(u_errorName(status));
+}
+
 std::string toUtf8(const icu::UnicodeString& text) {
   if (text.isBogus()) throw std::bad_alloc();
   std::string utf8;
@@ -112,10 +117,10 @@ std::string canonicalComposition(std::string_view text) {
   if (isAscii(text)) return std::string(text);
   UErrorCode status = U_ZERO_ERROR;
   const icu::Normalizer2* normalizer = icu::Normalizer2::getNFCInstance(status);
-  if (U_FAILURE(status)) throw std::runtime_error(u_errorName(status));
+  requireSuccess(status);
   const icu::UnicodeString composed =
       normalizer->normalize(inCanonicalOrder(*normalizer, fromUtf8(text)), status);
-  if (U_FAILURE(status)) throw std::runtime_error(u_errorName(status));
+  requireSuccess(status);
   return toUtf8(composed);
 }
 

@@ -61,8 +61,9 @@ void readResidentIndex(Artifact& artifact) {
 }
 
 void readReceipt(Artifact& artifact) try {
-  const auto json = parseJson(artifact.directory.readMetadata(Artifact::receiptName, maximumReceiptBytes));
-  const JsonObject receipt(json, "");
+  const JsonTree json =
+      parseJson(artifact.directory.readMetadata(Artifact::receiptName, maximumReceiptBytes));
+  const JsonObject receipt(json.root, "");
   artifact.receipt = {.sourceRepoID = receipt.optionalString("sourceRepoID"),
                       .sourceRevision = receipt.optionalString("sourceRevision"),
                       .toolVersion = receipt.optionalString("toolVersion"),

@@ -9,8 +9,6 @@ namespace vellicor {
 
 namespace {
 
-constexpr unsigned fileMode = 0644;
-
 std::string physicalTarget(const std::string& path) {
   const std::string absolute = standardizedPath(path);
   return joinPath(Posix::physicalPath(parentPath(absolute)), lastPathComponent(absolute));
@@ -23,7 +21,7 @@ OutputFile::OutputFile(const std::string& path, Existing existing)
       existing_(existing),
       temporary_(joinPath(parentPath(path_), fmt::format(".vellicor-{}.tmp", randomUuid()))) {
   requireFree();
-  file_ = Posix::openCreateExclusive(temporary_.path(), fileMode);
+  file_ = Posix::openCreateExclusive(temporary_.path(), Posix::FileMode::shared);
 }
 
 void OutputFile::append(std::span<const std::byte> bytes) {

@@ -13,6 +13,7 @@
 #include "VellicorInspect/Report.h"
 #include "VellicorInspect/TensorExport.h"
 #include "VellicorInspect/Text.h"
+#include "VellicorTerminal/SafeText.h"
 
 namespace vellicor {
 
@@ -77,7 +78,7 @@ InspectOutcome inspect(const std::vector<std::string>& arguments, std::optional<
 } catch (const RepackError& error) {
   return failure(1, error.description());
 } catch (const std::exception& error) {
-  return failure(1, error.what());
+  return failure(1, reasonOf(error));
 }
 
 }  // namespace vellicor

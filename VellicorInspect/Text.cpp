@@ -7,7 +7,8 @@
 
 #include <fmt/format.h>
 #include <unicode/uchar.h>
-#include <unicode/utf8.h>
+
+#include "VellicorTerminal/SafeText.h"
 
 namespace vellicor {
 
@@ -31,11 +32,6 @@ std::size_t byteOfCharacter(std::string_view text, std::size_t number) {
   return at;
 }
 
-void appendEscaped(std::string& out, std::string_view bytes) {
-  for (const char c : bytes)
-    fmt::format_to(std::back_inserter(out), "\\x{:02x}", static_cast<unsigned char>(c));
-}
-
 std::string groupedDigits(std::uint64_t number) {
   const std::string digits = fmt::format("{}", number);
   std::string grouped;
@@ -49,18 +45,9 @@ std::string groupedDigits(std::uint64_t number) {
 }  // namespace
 
 std::string printable(std::string_view text) {
-  std::string out;
-  const auto* units = reinterpret_cast<const std::uint8_t*>(text.data());
-  for (std::size_t at = 0; at < text.size();) {
-    const std::size_t start = at;
-    UChar32 character = 0;
-    U8_NEXT(units, at, text.size(), character);
-    const std::string_view bytes = text.substr(start, at - start);
-    const bool shows = character == ' ' || (character > 0 && u_isgraph(character) != 0);
-    if (shows) out += bytes;
-    if (!shows) appendEscaped(out, bytes);
-  }
-  return out;
+  return escaped(text, [](char32_t character) {
+    return character == U' ' || u_isgraph(static_cast<UChar32>(character)) != 0;
+  });
 }
 
 std::string printableJson(std::string_view json) {

@@ -12,6 +12,7 @@
 
 #include "VellicorInspect/EndingSignals.h"
 #include "VellicorInspect/Run.h"
+#include "VellicorTerminal/StandardStreams.h"
 
 namespace {
 
@@ -19,18 +20,6 @@ std::optional<std::size_t> terminalWidth() {
   winsize size{};
   if (::isatty(STDOUT_FILENO) == 0 || ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0) return std::nullopt;
   return size.ws_col > 0 ? std::optional<std::size_t>(size.ws_col) : std::nullopt;
-}
-
-/// Writes the text to its end. Returns 0 or what the failing write reported.
-int writeAll(int fd, std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t written = ::write(fd, text.data(), text.size());
-    const int code = errno;
-    if (written < 0 && code == EINTR) continue;
-    if (written < 0) return code;
-    text.remove_prefix(static_cast<std::size_t>(written));
-  }
-  return 0;
 }
 
 /// Only until the files are written: a reader of standard output that is slow can be left by a signal at
@@ -43,13 +32,15 @@ vellicor::InspectOutcome inspectWithSignalsNoted(const std::vector<std::string>&
 }  // namespace
 
 int main(int argc, char** argv) {
+  vellicor::openStandardStreams();
   // A reader that has seen enough, or a limit on file sizes, ends a write and not the program.
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);
   const auto outcome = inspectWithSignalsNoted(std::vector<std::string>(argv, argv + argc));
-  writeAll(STDERR_FILENO, outcome.errors);
-  const int code = writeAll(STDOUT_FILENO, outcome.output);
+  vellicor::writeAll(STDERR_FILENO, outcome.errors);
+  const int code = vellicor::writeAll(STDOUT_FILENO, outcome.output);
   if (code == 0 || code == EPIPE) return outcome.status;
-  writeAll(STDERR_FILENO, fmt::format("VellicorInspect: write(standard output) failed: errno {}\n", code));
+  vellicor::writeAll(STDERR_FILENO,
+                     fmt::format("VellicorInspect: write(standard output) failed: errno {}\n", code));
   return 1;
 }

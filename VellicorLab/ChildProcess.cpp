@@ -4,12 +4,14 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <stdexcept>
 #include <string_view>
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#if defined(__linux__)
+#include <sys/prctl.h>
+#endif
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -49,7 +51,28 @@ void redirect(int stream, const std::string& path, int flags) {
   ::dup2(::open(path.c_str(), flags | O_CLOEXEC), stream);
 }
 
+[[noreturn]] void failChild(const char* what, int code) {
+  throw std::runtime_error(fmt::format("{} failed: errno {}", what, code));
+}
+
 }  // namespace
+
+int waitForEnd(pid_t child) {
+  int status = 0;
+  while (::waitpid(child, &status, 0) < 0) {
+    const int code = errno;
+    if (code != EINTR) failChild("waitpid", code);
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+void endWithParent([[maybe_unused]] pid_t parent) {
+#if defined(__linux__)
+  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+  // It may have ended before that call.
+  if (::getppid() != parent) ::_exit(126);
+#endif
+}
 
 ChildProcess::ChildProcess(const std::vector<std::string>& command, const ProcessSurroundings& surroundings) {
   // Between fork and exec a child of a program with threads must not allocate: all is made ready before.
@@ -62,9 +85,15 @@ ChildProcess::ChildProcess(const std::vector<std::string>& command, const Proces
   // They are there to be read even if the child is killed before it opens them.
   for (const std::string& stream : {input, output, errors}) writeFile(stream, "");
 
-  pid_ = ::fork();
-  if (pid_ < 0) throw std::runtime_error("fork failed");
-  if (pid_ > 0) return;
+  const pid_t parent = ::getpid();
+  const pid_t child = ::fork();
+  const int code = errno;
+  if (child < 0) failChild("fork", code);
+  if (child > 0) {
+    pid_ = child;
+    return;
+  }
+  endWithParent(parent);
   redirect(STDIN_FILENO, input, O_RDONLY);
   redirect(STDOUT_FILENO, output, O_WRONLY);
   redirect(STDERR_FILENO, errors, O_WRONLY);
@@ -76,21 +105,31 @@ ChildProcess::ChildProcess(const std::vector<std::string>& command, const Proces
 }
 
 ChildProcess::~ChildProcess() {
-  if (pid_ < 0) return;
-  kill(SIGKILL);
-  ::waitpid(pid_, nullptr, 0);
+  if (pid_ == 0) return;
+  ::kill(pid_, SIGKILL);
+  while (::waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
+  }
 }
 
-void ChildProcess::kill(int signal) const { ::kill(pid_, signal); }
+void ChildProcess::kill(int signal) const {
+  if (pid_ == 0) throw std::logic_error("the child has been reaped");
+  ::kill(pid_, signal);
+}
+
+bool ChildProcess::waitForStop() const {
+  siginfo_t info{};
+  while (::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WSTOPPED | WNOWAIT) < 0) {
+    const int code = errno;
+    if (code != EINTR) failChild("waitid", code);
+  }
+  return info.si_code == CLD_STOPPED;
+}
 
 ProcessResult ChildProcess::wait() {
-  int status = 0;
-  while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-  }
-  pid_ = -1;
-  return {.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
-          .output = readFile(streams_ / "output"),
-          .errors = readFile(streams_ / "errors")};
+  if (pid_ == 0) throw std::logic_error("the child has been reaped");
+  const int status = waitForEnd(pid_);
+  pid_ = 0;
+  return {.status = status, .output = readFile(streams_ / "output"), .errors = readFile(streams_ / "errors")};
 }
 
 ProcessResult runProcess(const std::vector<std::string>& command, const ProcessSurroundings& surroundings) {

@@ -27,8 +27,16 @@ struct ProcessSurroundings {
   std::function<void()> beforeStart{};
 };
 
+/// Waits for the end of a child of this process and reaps it. Returns the exit status, or 128 + the signal
+/// that ended it; throws `std::runtime_error` when this process has no such child.
+int waitForEnd(pid_t child);
+
+/// For a child, right after its fork: it is killed as soon as the thread of `parent` that forked it ends.
+/// Does nothing where the system has no such arrangement.
+void endWithParent(pid_t parent);
+
 /// A child process with its standard output and error collected and an empty standard input. A child that is
-/// still running when the object goes is killed.
+/// still running when the object goes is killed, and so is one whose parent was killed (see `endWithParent`).
 class ChildProcess {
  public:
   explicit ChildProcess(const std::vector<std::string>& command,
@@ -37,12 +45,16 @@ class ChildProcess {
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
+  /// Throws `std::logic_error` once `wait` has returned: the number may be another process's by then.
   void kill(int signal) const;
-  /// Waits for the child's end and reaps it.
+  /// Waits until the child has stopped itself or has ended; returns whether it has stopped.
+  bool waitForStop() const;
+  /// Waits for the child's end and reaps it. Called once.
   ProcessResult wait();
 
  private:
-  pid_t pid_ = -1;
+  /// 0 once the child has been reaped.
+  pid_t pid_ = 0;
   /// The files that stand for its standard streams.
   TemporaryDirectory streams_;
 };

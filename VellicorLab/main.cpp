@@ -26,6 +26,8 @@
 #include "VellicorRepack/Run.h"
 #include "VellicorRepackCore/Base/Environment.h"
 #include "VellicorRepackCore/Install/SupportedModelSource.h"
+#include "VellicorTerminal/SafeText.h"
+#include "VellicorTerminal/StandardStreams.h"
 
 namespace vellicor {
 
@@ -234,9 +236,10 @@ int runLab(int argumentCount, char** arguments) {
 }  // namespace vellicor
 
 int main(int argumentCount, char** arguments) try {
+  vellicor::openStandardStreams();
   return vellicor::runLab(argumentCount, arguments);
 } catch (const std::exception& error) {
   vellicor::writeToConsole(vellicor::ConsoleStream::standardError,
-                           fmt::format("VellicorLab: {}\n", error.what()));
+                           vellicor::errorLine(fmt::format("VellicorLab: {}", vellicor::reasonOf(error))));
   return vellicor::ExitStatus::failure;
 }

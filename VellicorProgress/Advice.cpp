@@ -82,11 +82,20 @@ Advice afterNetworkError(std::string_view, const FailureSituation& situation) {
 }
 
 Advice afterProxyError(std::string_view, const FailureSituation& situation) {
-  return "mend or leave out the proxy (see https_proxy and no_proxy), then " + again(situation);
+  return "correct or leave out the proxy (see https_proxy and no_proxy), then " + again(situation);
+}
+
+Advice afterProxyRefusal(std::string_view text, const FailureSituation& situation) {
+  if (numberBehind(text, " with status ") != 407) return afterProxyError(text, situation);
+  return "put a user and a password that the proxy takes into https_proxy, then " + again(situation);
 }
 
 Advice afterTlsError(std::string_view, const FailureSituation& situation) {
-  return "mend or unset SSL_CERT_FILE and check the clock, then " + again(situation);
+  return "correct or unset SSL_CERT_FILE and check the clock, then " + again(situation);
+}
+
+Advice afterProxyCertificate(std::string_view, const FailureSituation& situation) {
+  return "let SSL_CERT_FILE name the certificates of the proxy's authority too, then " + again(situation);
 }
 
 Advice afterLongDelay(std::string_view, const FailureSituation& situation) {
@@ -95,6 +104,10 @@ Advice afterLongDelay(std::string_view, const FailureSituation& situation) {
 
 Advice whileBusy(std::string_view, const FailureSituation&) {
   return "another installer is working on this output: wait for its end, or stop it";
+}
+
+Advice afterWantOfMemory(std::string_view, const FailureSituation& situation) {
+  return "free some memory, then " + again(situation);
 }
 
 Advice afterCancellation(std::string_view, const FailureSituation& situation) { return again(situation); }
@@ -115,9 +128,29 @@ Advice outputExists(std::string_view, const FailureSituation&) {
   return "replace the output with --overwrite, or name another --output";
 }
 
-Advice noExchange(std::string_view, const FailureSituation&) {
-  return "this file system cannot exchange directories: move the old output away, then run with --resume "
-         "and without --overwrite";
+Advice noExchange(std::string_view text, const FailureSituation& situation) {
+  if (numberBehind(text, "errno ") == EBUSY) {
+    return "the output is a mount point and cannot be replaced: name a directory inside it";
+  }
+  const bool isSaved = situation.isResume || situation.reached == Viewer::Reached::copying;
+  return fmt::format(
+      "this file system cannot exchange directories: move the old output away, then run {}without "
+      "--overwrite",
+      isSaved ? "with --resume and " : "");
+}
+
+Advice damagedFiles(std::string_view, const FailureSituation& situation) {
+  return "another program or a failing disk changed the files: see to that, then " + again(situation);
+}
+
+Advice halfState(std::string_view, const FailureSituation&) {
+  return "remove what is left with --discard-partial, then install again without --resume, unless "
+         "--overwrite "
+         "has put the new artifact in place already";
+}
+
+Advice oldArtifactStays(std::string_view, const FailureSituation&) {
+  return "the install is done: remove what is left of the old artifact with --discard-partial";
 }
 
 // Found before anything is begun.
@@ -141,6 +174,16 @@ constexpr std::array installRows = {
     AdviceRow{"remote HTTP ", "", afterHttpStatus},
     AdviceRow{"remote Retry-After ", "", afterLongDelay},
     AdviceRow{"remote body for ", " was truncated: ", afterNetworkError},
+    AdviceRow{"could not find the address of the proxy ", "", afterProxyError},
+    AdviceRow{"could not connect to the proxy ", "", afterProxyError},
+    AdviceRow{"no answer from the proxy ", "", afterProxyError},
+    AdviceRow{"no secure connection to the proxy ", "", afterProxyError},
+    AdviceRow{"the head of the answer of the proxy ", "", afterProxyError},
+    AdviceRow{"the answer of the proxy ", "", afterProxyError},
+    AdviceRow{"the connection to the proxy ", "", afterProxyError},
+    AdviceRow{"the proxy ", " refused a connection to ", afterProxyRefusal},
+    AdviceRow{"the proxy ", "", afterProxyError},
+    AdviceRow{"", " names no proxy that can be used", afterProxyError},
     AdviceRow{"could not find the address of ", "", afterNetworkError},
     AdviceRow{"could not connect to ", "", afterNetworkError},
     AdviceRow{"could not open a connection to ", "", afterNetworkError},
@@ -150,9 +193,9 @@ constexpr std::array installRows = {
     AdviceRow{"the connection to ", " was lost", afterNetworkError},
     AdviceRow{"no answer from ", " seconds (", afterNetworkError},
     AdviceRow{"", " closed the connection w", afterNetworkError},
-    AdviceRow{"the proxy could not be used to connect to ", "", afterProxyError},
-    AdviceRow{"the proxy refused a connection to ", "", afterProxyError},
-    AdviceRow{"the server's certificate is not trusted", "", afterTlsError},
+    AdviceRow{"the certificate of the proxy ", "", afterProxyCertificate},
+    AdviceRow{"the certificate of ", " through the proxy ", afterProxyCertificate},
+    AdviceRow{"the certificate of ", "", afterTlsError},
     AdviceRow{"the certificates to trust could not be read", "", afterTlsError},
     AdviceRow{"no secure connection to ", "", afterTlsError},
     AdviceRow{"insufficient disk space for ", ": required ", afterShortDisk},
@@ -164,11 +207,16 @@ constexpr std::array installRows = {
     AdviceRow{"no resumable install state exists for ", "", nothingSaved},
     AdviceRow{"install state is incompatible: saved download exists", "", savedDownload},
     AdviceRow{"install state is incompatible: ", "", uselessSave},
+    AdviceRow{"install state at ", " changed after it was ", damagedFiles},
+    AdviceRow{"install state at ", " bytes outside every range changed", damagedFiles},
+    AdviceRow{"install state at ", " must exist together", halfState},
     AdviceRow{"install state at ", " is corrupt: ", uselessSave},
+    AdviceRow{"unsafe installer path ", ": the new artifact is in place, ", oldArtifactStays},
     AdviceRow{"atomic directory promotion is unsupported for ", "", noExchange},
     AdviceRow{"configuration invalid: output directory already exists: ", "", outputExists},
     AdviceRow{"configuration invalid: HF_ENDPOINT ", "", wrongEndpoint},
     AdviceRow{"configuration invalid: the access token contains characters ", "", wrongToken},
+    AdviceRow{"not enough memory", "", afterWantOfMemory},
     AdviceRow{"cancelled", "", afterCancellation},
 };
 

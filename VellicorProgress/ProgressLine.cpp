@@ -39,8 +39,8 @@ bool mayBecomeProgress(std::string_view begun) {
 std::optional<ModelInstallProgress> decodeProgressLine(std::string_view line) {
   if (!line.starts_with(lineMark)) return std::nullopt;
   try {
-    const nlohmann::json document = parseJson(line.substr(lineMark.size()));
-    return eventOf(JsonObject(document, ""));
+    const JsonTree document = parseJson(line.substr(lineMark.size()));
+    return eventOf(JsonObject(document.root, ""));
   } catch (const JsonDecodingError&) {
     return std::nullopt;
   }

@@ -35,6 +35,8 @@ struct PhaseState {
   /// hashing: the current file and how many there were, this one included.
   std::string file;
   std::uint64_t files = 0;
+  /// metadata, copying: nothing comes, because there is no network.
+  bool isOffline = false;
 
   std::uint64_t fetchedBytes() const { return doneBytes - reusedBytes; }
   /// Rounded down, so that 100 means done.

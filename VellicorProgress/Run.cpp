@@ -12,7 +12,6 @@
 #include <string_view>
 #include <system_error>
 
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <poll.h>
 #include <sys/wait.h>
@@ -23,6 +22,9 @@
 #include "VellicorProgress/Signals.h"
 #include "VellicorProgress/Terminal.h"
 #include "VellicorProgress/Viewer.h"
+#include "VellicorRepackCore/Base/NetworkRoute.h"
+#include "VellicorTerminal/SafeText.h"
+#include "VellicorTerminal/StandardStreams.h"
 
 namespace vellicor {
 
@@ -53,31 +55,14 @@ class Stream {
   explicit Stream(int fd) : fd_(fd) {}
 
   void write(std::string_view text) {
-    while (!text.empty()) {
-      const ssize_t written = ::write(fd_, text.data(), text.size());
-      if (written >= 0) {
-        text.remove_prefix(static_cast<std::size_t>(written));
-      } else if (!mayTryAgain(errno)) {
-        return;
-      }
-    }
+    const int error = writeAll(fd_, text);
+    if (error == EPIPE) Signals::endBy(SIGPIPE);
+    if (error_ == 0) error_ = error;
   }
 
   int error() const { return error_; }
 
  private:
-  bool mayTryAgain(int error) {
-    if (error == EINTR) return true;
-    if (error == EPIPE) Signals::endBy(SIGPIPE);
-    if (error == EAGAIN) {
-      pollfd ready{.fd = fd_, .events = POLLOUT, .revents = 0};
-      ::poll(&ready, 1, -1);
-      return true;
-    }
-    if (error_ == 0) error_ = error;
-    return false;
-  }
-
   int fd_;
   int error_ = 0;
 };
@@ -90,9 +75,9 @@ void complain(std::string_view text) {
 class Session {
  public:
   /// Reads standard input.
-  Session() : viewer_(facts_.mode(), facts_.look()), input_(STDIN_FILENO) {}
+  Session() : viewer_(facts_.mode(), facts_.look(), hasDefaultRoute), input_(STDIN_FILENO) {}
   explicit Session(const std::vector<std::string>& command)
-      : viewer_(facts_.mode(), facts_.look()),
+      : viewer_(facts_.mode(), facts_.look(), hasDefaultRoute),
         child_(std::make_unique<ChildRun>(
             command, ::isatty(STDERR_FILENO) == 1 ? ChildRun::Errors::piped : ChildRun::Errors::inherited)),
         input_(child_->output()),
@@ -269,13 +254,6 @@ int refuse(std::string_view why) {
   return misuse;
 }
 
-// A pipe that took the number of a closed standard stream would be mistaken for it.
-void openStandardStreams() {
-  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-    if (::fcntl(stream, F_GETFD) < 0) ::open("/dev/null", stream == STDIN_FILENO ? O_RDONLY : O_WRONLY);
-  }
-}
-
 int runCommand(const std::vector<std::string>& command) try {
   return Session(command).run();
 } catch (const CannotRun& error) {
@@ -286,7 +264,6 @@ int runCommand(const std::vector<std::string>& command) try {
 }  // namespace
 
 int runProgressViewer(const std::vector<std::string>& arguments) try {
-  openStandardStreams();
   Stream output(STDOUT_FILENO);
   if (arguments.size() < 2) {
     if (::isatty(STDIN_FILENO) == 1) return refuse("there is no command and nothing is piped in");
@@ -308,7 +285,7 @@ int runProgressViewer(const std::vector<std::string>& arguments) try {
   }
   return refuse("unknown argument: " + first);
 } catch (const std::exception& error) {
-  complain(error.what());
+  complain(reasonOf(error));
   return failure;
 }
 

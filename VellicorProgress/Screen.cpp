@@ -180,6 +180,11 @@ std::string copyLine(const PhaseState& state, const Look& look) {
 }
 
 std::string waitingText(const PhaseState& state) {
+  constexpr std::string_view offline = "no network; waiting for one";
+  if (state.isOffline && state.phase == InstallPhase::copying) {
+    return fmt::format("{}%, {}", state.percent(), offline);
+  }
+  if (state.isOffline) return std::string(offline);
   switch (state.phase) {
     case InstallPhase::metadata:
       return "reading the source's metadata and any saved download";
@@ -274,6 +279,7 @@ std::string endedText(const PhaseState& state, PhaseEnd end) {
 }  // namespace
 
 std::string liveLine(const PhaseState& state, const Look& look) {
+  if (state.isOffline) return waitLine(state, look);
   switch (state.phase) {
     case InstallPhase::copying:
       return copyLine(state, look);
@@ -302,10 +308,11 @@ std::string endedLine(const PhaseState& state, PhaseEnd end, const Look& look) {
 
 std::string plainLine(const PhaseState& state, Glyphs glyphs) {
   std::vector<std::string> parts;
-  if (state.phase == InstallPhase::copying) {
+  const bool isOnline = !state.isOffline;
+  if (isOnline && state.phase == InstallPhase::copying) {
     parts = {fmt::format("{}%", state.percent()), bytesOfText(state.doneBytes, state.totalBytes),
              state.rate ? rateText(*state.rate) : "", leftText(state), reusedText(state)};
-  } else if (state.phase == InstallPhase::hashing) {
+  } else if (isOnline && state.phase == InstallPhase::hashing) {
     parts = {displayText(state.file, glyphs), fmt::format("file {}", state.files)};
   } else {
     parts = {waitingText(state)};

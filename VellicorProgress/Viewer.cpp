@@ -51,7 +51,12 @@ std::string Viewer::beforeErrors(std::string_view bytes, ProgressTime now) {
 
 std::string Viewer::tick(ProgressTime now) {
   if (mode_ == Mode::live) return drawIfDue(now);
-  return mayDraw() && now - last_ >= plainInterval ? plainStatus(now) : "";
+  if (!mayDraw() || now - last_ < plainInterval) return "";
+  const bool wasOffline = hasSaidOffline_;
+  hasSaidOffline_ = state(now).isOffline;
+  if (!wasOffline || !hasSaidOffline_) return plainStatus(now);
+  last_ = now;
+  return "";
 }
 
 std::optional<ProgressTime> Viewer::nextTick() const {
@@ -100,6 +105,7 @@ std::string Viewer::takeEvent(const ModelInstallProgress& event, ProgressTime no
   phase_ = phase;
   reached_ = std::max(reached_, reachedBy(phase));
   hasNews_ = true;
+  lastEvent_ = now;
   if (isMomentary(phase)) {
     text += endPhase(PhaseEnd::finished, now);
   } else if (isNew && mode_ == Mode::plain) {
@@ -136,7 +142,7 @@ std::string Viewer::line(const std::string& text) {
 
 std::string Viewer::plainStatus(ProgressTime now) {
   last_ = now;
-  return line(plainLine(*meter_.current(now), look_.glyphs));
+  return line(plainLine(state(now), look_.glyphs));
 }
 
 std::string Viewer::drawIfDue(ProgressTime now) {
@@ -146,7 +152,7 @@ std::string Viewer::drawIfDue(ProgressTime now) {
 
 std::string Viewer::draw(ProgressTime now) {
   std::string text(isDrawn_ ? "" : hideCursor);
-  text += liveLine(*meter_.current(now), look_);
+  text += liveLine(state(now), look_);
   text += eraseRest;
   isDrawn_ = true;
   hasNews_ = false;
@@ -160,6 +166,14 @@ std::string Viewer::erase() {
   std::string text(wasResized_ ? eraseBelow : eraseLine);
   wasResized_ = false;
   return text += showCursor;
+}
+
+// Of the phase that there must be.
+PhaseState Viewer::state(ProgressTime now) const {
+  PhaseState shown = *meter_.current(now);
+  const bool waitsForHub = phase_ == InstallPhase::metadata || phase_ == InstallPhase::copying;
+  shown.isOffline = waitsForHub && now - lastEvent_ >= networkPatience && hasNetwork_ && !hasNetwork_();
+  return shown;
 }
 
 bool Viewer::mayDraw() const { return phase_ && !isHidden_ && !isMidLine_; }

@@ -1,9 +1,11 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "VellicorProgress/ProgressLine.h"
 #include "VellicorProgress/ProgressMeter.h"
@@ -19,6 +21,8 @@ namespace vellicor {
 /// window keeps the cursor on the line's first row. The cursor is hidden exactly while a line is drawn. A
 /// line that the command has not finished is never drawn over: the live line waits for its end, and a line
 /// that stays begins on a row of its own.
+///
+/// An install waits where there is no network. Then the line says so, in a log once.
 class Viewer {
  public:
   enum class Mode { live, plain };
@@ -28,8 +32,12 @@ class Viewer {
   static constexpr std::chrono::milliseconds shortestRedraw{100};
   static constexpr std::chrono::seconds longestRedraw{1};
   static constexpr std::chrono::seconds plainInterval{10};
+  /// Without an event for so long while the hub is waited for, the network is looked at.
+  static constexpr std::chrono::seconds networkPatience{3};
 
-  Viewer(Mode mode, Look look) : mode_(mode), look_(look) {}
+  /// `hasNetwork` may be empty: there always is one.
+  Viewer(Mode mode, Look look, std::function<bool()> hasNetwork = {})
+      : mode_(mode), look_(look), hasNetwork_(std::move(hasNetwork)) {}
 
   std::string takeOutput(std::string_view bytes, ProgressTime now);
   /// What must be written before these bytes of standard error, when both show on the same terminal. The
@@ -60,15 +68,20 @@ class Viewer {
   std::string draw(ProgressTime now);
   std::string erase();
   bool mayDraw() const;
+  PhaseState state(ProgressTime now) const;
 
   Mode mode_;
   Look look_;
+  std::function<bool()> hasNetwork_;
   ProgressLineReader reader_;
   ProgressMeter meter_;
   std::optional<InstallPhase> phase_;
   Reached reached_ = Reached::nothing;
   /// When something was last drawn, or in plain mode the last line written.
   ProgressTime last_;
+  ProgressTime lastEvent_;
+  /// Plain: the log says so already.
+  bool hasSaidOffline_ = false;
   bool isDrawn_ = false;
   bool hasNews_ = false;
   bool isHidden_ = false;

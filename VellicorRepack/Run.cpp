@@ -2,7 +2,6 @@
 
 #include <csignal>
 #include <exception>
-#include <filesystem>
 #include <optional>
 #include <variant>
 
@@ -17,6 +16,7 @@
 #include "VellicorRepackCore/Install/SupportedModelSource.h"
 #include "VellicorRepackCore/Reporting/RepackAudit.h"
 #include "VellicorRepackCore/Verification/VerifiedInstallTool.h"
+#include "VellicorTerminal/SafeText.h"
 
 namespace vellicor {
 
@@ -24,11 +24,21 @@ namespace {
 
 void print(const std::string& text) { writeToConsole(ConsoleStream::standardOutput, text); }
 
-int reportFailure(std::string_view operation, const std::exception& error) {
+/// The whole text of an error, which may hold a NUL.
+std::string_view textOf(const std::exception& error) {
   const auto* repackError = dynamic_cast<const RepackError*>(&error);
-  const std::string_view text =
-      repackError == nullptr ? std::string_view(error.what()) : std::string_view(repackError->description());
-  writeToConsole(ConsoleStream::standardError, fmt::format("{} failed: {}\n", operation, text));
+  return repackError == nullptr ? reasonOf(error) : std::string_view(repackError->description());
+}
+
+int reportFailure(std::string_view operation, const std::exception& error) noexcept {
+  try {
+    writeToConsole(ConsoleStream::standardError,
+                   errorLine(fmt::format("{} failed: {}", operation, textOf(error))));
+  } catch (const std::exception&) {
+    for (const std::string_view piece : {operation, std::string_view(" failed: not enough memory\n")}) {
+      writeToConsole(ConsoleStream::standardError, piece);
+    }
+  }
   return ExitStatus::failure;
 }
 
@@ -37,7 +47,8 @@ int reportParseError(const ParseError& error) {
     print(fmt::format("{}\n", usageText));
     return ExitStatus::success;
   }
-  writeToConsole(ConsoleStream::standardError, fmt::format("error: {}\n\n{}\n", error.what(), usageText));
+  writeToConsole(ConsoleStream::standardError,
+                 errorLine(fmt::format("error: {}", error.what())) + fmt::format("\n{}\n", usageText));
   return ExitStatus::usage;
 }
 
@@ -86,7 +97,8 @@ int run(const std::vector<std::string>& arguments) {
 }
 
 std::string absoluteOutputPath(const std::string& output) {
-  std::string path = (std::filesystem::current_path() / output).string();
+  if (output.empty()) return output;
+  std::string path = absolutePath(output);
   while (path.size() > 1 && path.ends_with('/')) path.pop_back();
   return path;
 }

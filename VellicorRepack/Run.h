@@ -25,7 +25,7 @@ void ignoreWriteSignals();
 int run(const std::vector<std::string>& arguments);
 
 /// The output as typed, against the current directory and without trailing slashes; "." and ".." components
-/// stay as they are.
+/// stay as they are, and so does an empty one, which names nothing. Throws as `absolutePath` does.
 std::string absoluteOutputPath(const std::string& output);
 
 /// Runs one install and prints what an install prints; `name` goes into the "Installed " line. Returns the

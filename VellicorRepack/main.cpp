@@ -2,8 +2,10 @@
 #include <vector>
 
 #include "VellicorRepack/Run.h"
+#include "VellicorTerminal/StandardStreams.h"
 
 int main(int argc, char** argv) {
+  vellicor::openStandardStreams();
   vellicor::ignoreWriteSignals();
   return vellicor::run(std::vector<std::string>(argv, argv + argc));
 }

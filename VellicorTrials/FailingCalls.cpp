@@ -32,7 +32,7 @@ struct Point {
 std::string textOf(const FileCall& call, std::int32_t code) {
   const auto length = static_cast<std::int64_t>(call.length);
   const std::string& name = call.name;
-  if (name == "open" || name == "flock" || name == "unlink") {
+  if (name == "open" || name == "flock" || name == "unlink" || name == "remove") {
     return RepackError::fileOpenFailed(call.path, code).description();
   }
   if (name == "stat" || name == "statvfs") return RepackError::fileStatFailed(call.path, code).description();
@@ -41,13 +41,17 @@ std::string textOf(const FileCall& call, std::int32_t code) {
   if (name == "ftruncate") return RepackError::ftruncateFailed(call.path, code).description();
   if (name == "fsync") return RepackError::fsyncFailed(call.path, code).description();
   if (name == "rename") return RepackError::renameFailed(call.path, call.otherPath, code).description();
-  if (name == "exchange") return RepackError::promotionUnsupported(call.path, code).description();
+  if (name == "exchange") {
+    // The one that is tried at the start is reported for the output.
+    const std::string path = call.path.substr(0, call.path.rfind(".exchange-"));
+    return RepackError::promotionUnsupported(path, code).description();
+  }
   return "";
 }
 
 /// Whether the printed line ends in the installer's text for the call; in that of the operation on an entry
 /// whose directory could not be opened; or in the standard library's where a directory could not be made,
-/// listed or removed.
+/// made durable, listed or removed.
 bool isTextOf(const std::string& line, const std::string& operation, const FileCall& call,
               std::int32_t code) {
   if (!line.starts_with(operation + " failed: ")) return false;
@@ -58,7 +62,8 @@ bool isTextOf(const std::string& line, const std::string& operation, const FileC
       line.ends_with(fmt::format(" failed: errno {}\n", code))) {
     return true;
   }
-  const bool isStandard = opens || call.name == "mkdir" || call.name == "remove" || call.name == "stat";
+  const bool isStandard =
+      opens || call.name == "mkdir" || call.name == "remove" || call.name == "stat" || call.name == "fsync";
   return isStandard && line.find("filesystem error: ") != std::string::npos;
 }
 
@@ -126,8 +131,14 @@ void tryScenario(const Scenario& scenario, const TrialOptions& options, TrialRep
   // A verification is all hashing; of an install it is a small part.
   const bool triesThreads = scenario.operation == Scenario::Operation::verify || options.full;
   std::vector<Point> points;
+  const auto exchange = std::ranges::find(untouched.calls.rbegin(), untouched.calls.rend(),
+                                          std::string("exchange"), &FileCall::name);
   for (const FileCall& call : untouched.calls) {
-    for (const std::string& action : actionsAt(call, options)) points.push_back({call, action});
+    std::vector<std::string> actions = actionsAt(call, options);
+    // The few calls after an exchange decide whether anything is fetched again: each is a process's last one.
+    const bool isAfterExchange = exchange != untouched.calls.rend() && call.number > exchange->number;
+    if (isAfterExchange && !options.full) actions = {"die"};
+    for (const std::string& action : actions) points.push_back({call, action});
     if (triesThreads) points.push_back({call, fmt::to_string(EIO), Processors::all});
     benches.front()->count("calls");
   }

@@ -1,6 +1,7 @@
 #include "VellicorTrials/FileCallRecord.h"
 
 #include <array>
+#include <csignal>
 #include <filesystem>
 #include <stdexcept>
 
@@ -75,8 +76,13 @@ FileCallRun runWithFileCalls(const std::vector<std::string>& command, const File
       {"VELLICOR_CALLS_ACTION", plan.action}};
   if (plan.keepsData) environment.emplace_back("VELLICOR_CALLS_DATA", "1");
   const bool isConfined = plan.processors == FileCallPlan::Processors::one;
-  ProcessResult result = runProcess(
+  ChildProcess process(
       command, {.environment = environment, .beforeStart = isConfined ? stayOnOneProcessor : nullptr});
+  if (plan.whileStopped && process.waitForStop()) {
+    plan.whileStopped();
+    process.kill(SIGCONT);
+  }
+  ProcessResult result = process.wait();
   return {.result = std::move(result), .calls = parseFileCalls(readFile(recordPath))};
 }
 

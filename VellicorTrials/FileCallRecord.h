@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -38,8 +39,10 @@ struct FileCallPlan {
   std::string root{};
   /// The call to act at; 0 for none.
   std::uint64_t point = 0;
-  /// "die", "tear", "short" or an errno.
+  /// "die", "tear", "short", "stop" or an errno.
   std::string action{};
+  /// Called while the process is stopped before the call.
+  std::function<void()> whileStopped{};
   bool keepsData = false;
   /// On one processor the program works without helpers, and its calls have the same numbers in every run.
   Processors processors = Processors::one;

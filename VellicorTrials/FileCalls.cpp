@@ -3,8 +3,10 @@
 //   VELLICOR_CALLS_ROOT    the directory; calls on anything else are not counted
 //   VELLICOR_CALLS_RECORD  the file that the record is appended to
 //   VELLICOR_CALLS_POINT   the number of the call to act at, from 1
-//   VELLICOR_CALLS_ACTION  "die" before it, "tear" (write half, then die), "short" (transfer half), or an
-//   errno VELLICOR_CALLS_DATA    when set, the record holds the bytes that were written
+//   VELLICOR_CALLS_ACTION  "die" before it, "stop" before it until somebody has the process go on, "tear"
+//   (write
+//                          half, then die), "short" (transfer half), or an errno
+//   VELLICOR_CALLS_DATA    when set, the record holds the bytes that were written
 // FileCallRecord.h reads the record and describes its lines.
 
 #include <atomic>
@@ -119,7 +121,9 @@ auto through(Call call, Perform&& perform) -> decltype(perform(call.length)) {
   const long number = ++s.calls;
   const bool isPoint = number == s.point;
   const bool isCut = isPoint && (s.action == "short" || s.action == "tear");
-  if (isPoint && !isCut) {
+  const bool isStop = isPoint && s.action == "stop";
+  if (isStop) ::raise(SIGSTOP);
+  if (isPoint && !isCut && !isStop) {
     record(number, call, s.action);
     if (s.action == "die") ::kill(::getpid(), SIGKILL);
     errno = static_cast<int>(std::strtol(s.action.c_str(), nullptr, 10));
@@ -178,6 +182,7 @@ int trialFtruncate(int fd, off_t size) STANDS_FOR("ftruncate64");
 int trialFsync(int fd) STANDS_FOR("fsync");
 int trialFlock(int fd, int operation) STANDS_FOR("flock");
 int trialMkdir(const char* path, mode_t mode) STANDS_FOR("mkdir");
+int trialMkdirAt(int directory, const char* path, mode_t mode) STANDS_FOR("mkdirat");
 int trialRmdir(const char* path) STANDS_FOR("rmdir");
 int trialUnlink(const char* path) STANDS_FOR("unlink");
 int trialRemove(const char* path) STANDS_FOR("remove");
@@ -268,6 +273,11 @@ int trialFlock(int fd, int operation) {
 
 int trialMkdir(const char* path, mode_t mode) {
   return plain<int(const char*, mode_t)>("mkdir", {.name = "mkdir", .path = path}, path, mode);
+}
+
+int trialMkdirAt(int directory, const char* path, mode_t mode) {
+  return plain<int(int, const char*, mode_t)>("mkdirat", {.name = "mkdir", .path = pathAt(directory, path)},
+                                              directory, path, mode);
 }
 
 int trialRmdir(const char* path) {

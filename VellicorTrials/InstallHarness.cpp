@@ -15,9 +15,9 @@ namespace fs = std::filesystem;
 
 std::map<std::string, std::string> readTree(const std::string& directory) {
   std::map<std::string, std::string> files;
-  if (!fs::exists(directory)) return files;
+  if (!fs::is_directory(fs::symlink_status(directory))) return files;
   for (const auto& entry : fs::recursive_directory_iterator(directory)) {
-    if (!entry.is_regular_file()) continue;
+    if (!fs::is_regular_file(entry.symlink_status())) continue;
     files[fs::relative(entry.path(), directory).generic_string()] = readFile(entry.path().string());
   }
   return files;
@@ -85,7 +85,7 @@ RemoteStreamingRepackOptions InstallHarness::options() const {
 }
 
 RemoteStreamingRepackResult InstallHarness::install(const RemoteStreamingRepackOptions& options,
-                                                    std::stop_token stop) {
+                                                    CancellationToken stop) {
   audit = {};
   events.clear();
   return RemoteStreamingRepacker(options, audit, std::move(stop)).run([&](const ModelInstallProgress& event) {
@@ -93,7 +93,8 @@ RemoteStreamingRepackResult InstallHarness::install(const RemoteStreamingRepackO
   });
 }
 
-std::string InstallHarness::installError(const RemoteStreamingRepackOptions& options, std::stop_token stop) {
+std::string InstallHarness::installError(const RemoteStreamingRepackOptions& options,
+                                         CancellationToken stop) {
   try {
     install(options, std::move(stop));
   } catch (const std::exception& error) {
@@ -136,10 +137,11 @@ void InstallHarness::interruptAtRange(std::size_t index) {
   });
 }
 
-std::vector<std::string> InstallHarness::payloadRanges() const {
+std::vector<std::string> InstallHarness::payloadRanges(std::uint64_t firstConnection) const {
   std::vector<std::string> ranges;
   for (const HubRequest& request : hub->requests()) {
-    if (isPayload(*checkpoint, request)) ranges.push_back(request.file + " " + request.range);
+    const bool isNew = request.connection >= firstConnection;
+    if (isNew && isPayload(*checkpoint, request)) ranges.push_back(request.file + " " + request.range);
   }
   return ranges;
 }

@@ -4,7 +4,6 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <stop_token>
 #include <string>
 #include <vector>
 
@@ -12,6 +11,7 @@
 #include "VellicorLab/PredictedArtifact.h"
 #include "VellicorLab/SyntheticCheckpoint.h"
 #include "VellicorLab/TemporaryDirectory.h"
+#include "VellicorRepackCore/Base/Cancellation.h"
 #include "VellicorRepackCore/Install/RemoteStreamingRepacker.h"
 #include "VellicorRepackCore/Reporting/ModelInstallProgress.h"
 
@@ -19,7 +19,8 @@ namespace vellicor {
 
 inline constexpr const char* labRepoID = "lab-owner/lab-model";
 
-/// Relative path to content of every regular file below a directory; empty for a directory that is not there.
+/// Relative path to content of every regular file below a directory, links not followed; empty for a
+/// directory that is not there.
 std::map<std::string, std::string> readTree(const std::string& directory);
 
 /// Where the build put a program of the project.
@@ -41,9 +42,10 @@ class InstallHarness {
   /// Of an install without retry delays or disk reserve, in small ranges.
   RemoteStreamingRepackOptions options() const;
 
-  RemoteStreamingRepackResult install(const RemoteStreamingRepackOptions& options, std::stop_token stop = {});
+  RemoteStreamingRepackResult install(const RemoteStreamingRepackOptions& options,
+                                      CancellationToken stop = {});
   /// The error's text, or "no error".
-  std::string installError(const RemoteStreamingRepackOptions& options, std::stop_token stop = {});
+  std::string installError(const RemoteStreamingRepackOptions& options, CancellationToken stop = {});
 
   /// Fails the install at the payload range number `index`, from 0, leaving the ranges before it in the
   /// checkpoint.
@@ -55,8 +57,9 @@ class InstallHarness {
   /// What the install must leave, to be compared with what it left.
   PredictedArtifact predicted() const { return PredictedArtifact(*checkpoint); }
 
-  /// "file range" of every payload range that was answered or refused on its last hop, in order.
-  std::vector<std::string> payloadRanges() const;
+  /// "file range" of every payload range that was answered or refused on its last hop, in order, on the
+  /// connections from that number on.
+  std::vector<std::string> payloadRanges(std::uint64_t firstConnection = 0) const;
 
   TemporaryDirectory directory;
   std::shared_ptr<SyntheticCheckpoint> checkpoint;

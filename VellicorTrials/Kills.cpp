@@ -21,12 +21,16 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t shortKills = 50;
 constexpr std::size_t fullKills = 4000;
+constexpr int killed = 128 + SIGKILL;
 
 /// One output after another, each installed under fire.
 class KilledInstalls {
  public:
   KilledInstalls(std::uint64_t seed, TrialReport& report)
-      : report_(report), random_(seed), harness_(SyntheticCheckpoint::custom({}, seed)), recovery_(harness_) {
+      : report_(report),
+        random_(seed),
+        harness_(SyntheticCheckpoint::custom({}, seed)),
+        recovery_(harness_, report) {
     const auto start = Clock::now();
     startAndKill(false, true);
     wholeInstall_ = Clock::now() - start;
@@ -38,27 +42,25 @@ class KilledInstalls {
   }
 
  private:
-  /// Starts and kills until a start ends by itself; returns the kills that hit.
+  /// Starts and kills until a start ends by itself or has promoted; returns the kills that hit, at least 1.
   std::size_t installOnce(std::size_t most) {
     std::filesystem::remove_all(harness_.output);
+    harness_.hub->clearRequests();
     std::size_t hits = 0;
-    bool resumes = false;
-    for (;;) {
-      const bool spared = hits >= most;
-      const ProcessResult result = startAndKill(resumes, spared);
-      if (result.status == 128 + SIGKILL) {
-        report_.count("kills");
-        ++hits;
-        if (recovery_.hasOutput()) break;
-        resumes = true;
-        continue;
-      }
-      if (result.status == 0) break;
-      resumes = next(result.errors);
+    ProcessResult result;
+    do {
+      recovery_.judgeCost(Recovery::Saved::intact, [&] { result = startAndKill(hits > 0, hits >= most); });
+      if (result.status == killed) ++hits;
+    } while (result.status == killed && !recovery_.hasOutput());
+    const auto says = [&](const char* text) { return result.errors.find(text) != std::string::npos; };
+    const bool isEarly = says("no resumable install state exists for ") ||
+                         says("partial directory and checkpoint must exist together");
+    if (isEarly) report_.count("kills so early that nothing could be resumed");
+    if (result.status != 0 && result.status != killed && !isEarly) {
+      throw std::runtime_error(fmt::format("after a kill: status {}, {}", result.status, result.errors));
     }
-    judgeOutput();
-    const auto left = recovery_.leftovers();
-    if (!left.empty()) RemoteStreamingRepacker::discardPartial(harness_.output);
+    recovery_.recover(Recovery::Overwrite::no);
+    report_.count("kills", hits);
     report_.count("installs that ended");
     return std::max<std::size_t>(hits, 1);
   }
@@ -73,23 +75,6 @@ class KilledInstalls {
       process.kill(SIGKILL);
     }
     return process.wait();
-  }
-
-  /// Does what a refusal says; returns whether the next start is a resume.
-  bool next(const std::string& refusal) {
-    const auto says = [&](const char* text) { return refusal.find(text) != std::string::npos; };
-    if (says("no resumable install state exists for ")) return false;
-    if (says("partial directory and checkpoint must exist together")) {
-      RemoteStreamingRepacker::discardPartial(harness_.output);
-      report_.count("states without a checkpoint, discarded");
-      return false;
-    }
-    throw std::runtime_error("refused after a kill: " + refusal);
-  }
-
-  void judgeOutput() {
-    if (!recovery_.hasOutput()) return;
-    for (const std::string& wrong : recovery_.wrongs()) report_.fail("after a kill: " + wrong);
   }
 
   TrialReport& report_;

@@ -71,7 +71,7 @@ class SwapBench {
     victim_ = place_ + "/victim";
     moved_ = place_ + "/moved";
     harness_.output = place_ + "/m.morlen";
-    recovery_.emplace(harness_);
+    recovery_.emplace(harness_, report_);
   }
 
   std::size_t requestsOfAll() {
@@ -145,7 +145,8 @@ class SwapBench {
       if (!isInside || swap.request % 2 == 0) putBack(harness_.output + std::string(swap.target));
       report_.count("links: installs that refused one, recovered");
     }
-    const std::vector<std::string> steps = recovery_->recover(Recovery::Overwrite::no);
+    const std::vector<std::string> steps =
+        recovery_->recover(Recovery::Overwrite::no, Recovery::Saved::changed);
     requireUntouchedVictim();
     if (!fs::is_directory(fs::symlink_status(harness_.output))) throw std::runtime_error("a linked artifact");
   }

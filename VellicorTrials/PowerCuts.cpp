@@ -37,8 +37,22 @@ struct CutState {
   const char* loss;
 };
 
+/// What was reported as done survives the loss of all that was not synced.
+void judgeReportedSuccess(ScenarioBench& bench, const DiskModel& disk, std::mt19937_64& random,
+                          TrialReport& report) {
+  bench.clear();
+  materialize(disk.after(Loss::everything, random), bench.place());
+  try {
+    bench.judgeSuccess();
+    bench.judgeOutput();
+    report.count("reported successes that last");
+  } catch (const std::exception& error) {
+    report.fail(fmt::format("{}, power cut after the report: {}", bench.scenario().name, error.what()));
+  }
+}
+
 /// The distinct states that power cuts after each call may leave.
-std::vector<CutState> statesOf(ScenarioBench& bench, const TrialOptions& options) {
+std::vector<CutState> statesOf(ScenarioBench& bench, const TrialOptions& options, TrialReport& report) {
   bench.reset();
   DiskModel disk(bench.place());
   const FileCallRun recorded = bench.run({.keepsData = true});
@@ -62,6 +76,7 @@ std::vector<CutState> statesOf(ScenarioBench& bench, const TrialOptions& options
       }
     }
   }
+  judgeReportedSuccess(bench, disk, random, report);
   return states;
 }
 
@@ -84,7 +99,7 @@ void tryState(ScenarioBench& bench, const CutState& state, TrialReport& report) 
 void tryPowerCuts(const TrialOptions& options, TrialReport& report) {
   for (const Scenario& scenario : allScenarios()) {
     const auto benches = benchesFor(scenario, report);
-    const std::vector<CutState> states = statesOf(*benches.front(), options);
+    const std::vector<CutState> states = statesOf(*benches.front(), options, report);
     forEachInParallel(states.size(), report, [&](std::size_t worker, std::size_t item) {
       tryState(*benches[worker], states[item], report);
     });

@@ -58,7 +58,7 @@ class RaceTrack {
     place_ = harness_.directory / "place";
     harness_.output = place_ + "/m.morlen";
     harness_.checkpoint->setSmallFile(differingFile, "new");
-    recovery_.emplace(harness_);
+    recovery_.emplace(harness_, report_);
   }
 
   void raceInstalls(std::size_t processes) {

@@ -14,7 +14,11 @@ namespace fs = std::filesystem;
 
 using Operation = Scenario::Operation;
 
-void prepareNothing(InstallHarness&) {}
+/// Two directories on the way to the output are still to be made.
+void chooseNewDirectory(InstallHarness& harness) {
+  const fs::path output = harness.output;
+  harness.output = (output.parent_path() / "new/within" / output.filename()).string();
+}
 
 void interruptHalfway(InstallHarness& harness) {
   harness.interruptAtRange(3);
@@ -29,6 +33,7 @@ void interruptAndCut(InstallHarness& harness) {
 }
 
 void placeOldArtifact(InstallHarness& harness) {
+  writeFile(harness.output + "/manifest.json", "old");
   writeFile(harness.output + "/old", "old");
   writeFile(harness.output + "/more/old", "old too");
 }
@@ -51,11 +56,13 @@ std::vector<std::string> verify(const InstallHarness& harness) {
 
 const std::vector<Scenario>& table() {
   static const std::vector<Scenario> scenarios = {
-      {"install", Operation::install, prepareNothing, install},
+      {"install", Operation::install, chooseNewDirectory, install},
       {"resume", Operation::install, interruptHalfway, resume},
-      {"resume over damaged files", Operation::install, interruptAndCut, resume},
+      {"resume over damaged files", Operation::install, interruptAndCut, resume, Recovery::Overwrite::no,
+       Recovery::Saved::changed},
       {"overwrite", Operation::install, placeOldArtifact, overwrite, Recovery::Overwrite::yes},
-      {"discard", Operation::discard, interruptHalfway, discard},
+      {"discard", Operation::discard, interruptHalfway, discard, Recovery::Overwrite::no,
+       Recovery::Saved::changed},
       {"verify", Operation::verify, installWhole, verify},
   };
   return scenarios;
@@ -86,7 +93,7 @@ ScenarioBench::ScenarioBench(const Scenario& scenario, TrialReport& report)
   harness_.output = place_ + "/m.morlen";
   scenario_.prepare(harness_);
   fs::rename(place_, saved_);
-  recovery_ = std::make_unique<Recovery>(harness_);
+  recovery_ = std::make_unique<Recovery>(harness_, report_);
 }
 
 void ScenarioBench::reset() {
@@ -106,10 +113,13 @@ FileCallRun ScenarioBench::run(FileCallPlan plan) const {
   return runWithFileCalls(scenario_.command(harness_), plan, harness_.directory / "record");
 }
 
+bool ScenarioBench::isOldInPlace() const { return fs::exists(harness_.output + "/old"); }
+
 void ScenarioBench::judgeSuccess() {
   if (scenario_.operation != Operation::discard && !recovery_->hasOutput()) {
     throw std::runtime_error("success without an artifact");
   }
+  if (isOldInPlace()) throw std::runtime_error("success with the old artifact in place");
   const std::vector<std::string> left = recovery_->leftovers();
   if (scenario_.operation == Operation::discard && !left.empty()) {
     throw std::runtime_error(fmt::format("{} stayed", fmt::join(left, ", ")));
@@ -118,11 +128,7 @@ void ScenarioBench::judgeSuccess() {
 
 void ScenarioBench::judgeOutput() {
   if (!recovery_->hasOutput()) return;
-  const bool isOld = scenario_.overwrite == Recovery::Overwrite::yes && fs::exists(harness_.output + "/old");
-  if (isOld && readFile(harness_.output + "/old") == "old" &&
-      readFile(harness_.output + "/more/old") == "old too") {
-    return;
-  }
+  if (isOldInPlace() && readTree(harness_.output) == readTree(saved_ + "/m.morlen")) return;
   std::vector<std::string> wrongs = recovery_->wrongs();
   // What could not be removed, or was not when the process ended: in no manifest, and in no reader's way.
   std::erase_if(wrongs, [&](const std::string& wrong) {
@@ -135,8 +141,8 @@ void ScenarioBench::judgeOutput() {
   if (!wrongs.empty()) throw std::runtime_error(fmt::format("{}", fmt::join(wrongs, "; ")));
 }
 
-void ScenarioBench::recover() {
-  if (scenario_.operation != Operation::verify) recovery_->recover(scenario_.overwrite);
+void ScenarioBench::recover(Recovery::Saved saved) {
+  if (scenario_.operation != Operation::verify) recovery_->recover(scenario_.overwrite, saved);
 }
 
 std::vector<std::unique_ptr<ScenarioBench>> benchesFor(const Scenario& scenario, TrialReport& report) {

@@ -22,6 +22,8 @@ struct Scenario {
   void (*prepare)(InstallHarness&);
   std::vector<std::string> (*command)(const InstallHarness&);
   Recovery::Overwrite overwrite = Recovery::Overwrite::no;
+  /// Of the saved download that it starts from or leaves.
+  Recovery::Saved saved = Recovery::Saved::intact;
 
   /// The first word of what it prints when it fails.
   std::string spokenName() const;
@@ -48,16 +50,24 @@ class ScenarioBench {
   /// Throws `std::runtime_error` unless what stands at the output, if anything does, is the old artifact
   /// untouched or the right one. Removes, and counts, unlisted entries that may stay inside.
   void judgeOutput();
-  /// Throws `std::runtime_error` unless what is printed leads from here to the right artifact.
-  void recover();
+  /// Throws `std::runtime_error` unless what is printed leads from here to the right artifact, at no more
+  /// than its cost.
+  void recover(Recovery::Saved saved);
+  void recover() { recover(scenario_.saved); }
 
   const Scenario& scenario() const { return scenario_; }
   /// The directory that holds the output and all that belongs to it.
   const std::string& place() const { return place_; }
+  /// The output, which a scenario may choose below that directory, and its partial directory.
+  const std::string& output() const { return harness_.output; }
+  std::string partial() const { return harness_.output + ".partial"; }
+  Recovery& recovery() { return *recovery_; }
   /// Counts in the report under the scenario's name.
   void count(const std::string& figure) { report_.count(scenario_.name + ": " + figure); }
 
  private:
+  bool isOldInPlace() const;
+
   const Scenario& scenario_;
   TrialReport& report_;
   InstallHarness harness_;

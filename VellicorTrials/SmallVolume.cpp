@@ -10,9 +10,9 @@
 #include <fmt/format.h>
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include "VellicorLab/ChildProcess.h"
 #include "VellicorLab/TemporaryDirectory.h"
 
 namespace vellicor {
@@ -70,7 +70,8 @@ void readReport(const std::string& path, TrialReport& report) {
   }
 }
 
-int runChild(const std::function<void(TrialReport&)>& work, const std::string& path) {
+/// What it throws would take the child into its parent's work, hence noexcept.
+int runChild(const std::function<void(TrialReport&)>& work, const std::string& path) noexcept {
   if (!enterOwnMounts()) return notPermitted;
   TrialReport report;
   try {
@@ -86,14 +87,18 @@ int runChild(const std::function<void(TrialReport&)>& work, const std::string& p
 
 bool runWithOwnMounts(TrialReport& report, const std::function<void(TrialReport&)>& work) {
   const TemporaryDirectory place;
+  const std::string path = place / "report";
+  const pid_t parent = ::getpid();
   const pid_t child = ::fork();
   if (child < 0) throw std::runtime_error("fork failed");
-  if (child == 0) ::_exit(runChild(work, place / "report"));
-  int status = 0;
-  ::waitpid(child, &status, 0);
-  if (WIFEXITED(status) && WEXITSTATUS(status) == notPermitted) return false;
+  if (child == 0) {
+    endWithParent(parent);
+    ::_exit(runChild(work, path));
+  }
+  const int status = waitForEnd(child);
+  if (status == notPermitted) return false;
   if (status != 0) throw std::runtime_error(fmt::format("the child with own mounts ended with {}", status));
-  readReport(place / "report", report);
+  readReport(path, report);
   return true;
 }
 

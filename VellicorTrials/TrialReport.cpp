@@ -8,6 +8,8 @@
 
 #include <fmt/format.h>
 
+#include "VellicorRepackCore/Base/JoiningThread.h"
+
 namespace vellicor {
 
 void TrialReport::count(const std::string& figure, std::uint64_t number) {
@@ -44,8 +46,10 @@ void forEachInParallel(std::size_t count, TrialReport& report,
       }
     }
   };
-  std::vector<std::jthread> threads;
-  for (std::size_t worker = 0; worker < workerCount(); ++worker) threads.emplace_back(runItems, worker);
+  std::vector<JoiningThread> threads;
+  for (std::size_t worker = 0; worker < workerCount(); ++worker) {
+    threads.emplace_back([&runItems, worker] { runItems(worker); });
+  }
 }
 
 }  // namespace vellicor

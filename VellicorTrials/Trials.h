@@ -22,6 +22,10 @@ void tryKills(const TrialOptions& options, TrialReport& report);
 /// its process: what is printed is the failure's own text, and what is left leads to the right artifact.
 void tryFailingCalls(const TrialOptions& options, TrialReport& report);
 
+/// Bits of committed ranges flip, and files change, while an install goes on: nothing wrong is promoted, and
+/// only what differs is fetched again.
+void tryFlips(const TrialOptions& options, TrialReport& report);
+
 /// The power fails at each moment of the same operations, and of what was not synced any part is lost.
 void tryPowerCuts(const TrialOptions& options, TrialReport& report);
 

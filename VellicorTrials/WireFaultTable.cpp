@@ -173,7 +173,7 @@ void addConnectionFaults(Table& table) {
 void addSlowness(Table& table) {
   constexpr RemoteDownloadSessionPolicy impatient{.requestTimeoutSeconds = 1.0};
   constexpr RemoteDownloadSessionPolicy brief{.requestTimeoutSeconds = 1.0, .resourceTimeoutSeconds = 1.5};
-  const WireExpectation silence = again("no answer from {host} for 1 seconds (*");
+  const WireExpectation silence = again("no answer from {server} for 1 seconds (*");
   const WireExpectation tooLong = again("the exchange with {server} did not end within its time (*");
   const auto add = [&](const char* name, HubFault fault, Rule rule,
                        const RemoteDownloadSessionPolicy& policy) {
@@ -207,7 +207,7 @@ void addRedirects(Table& table) {
                     onlyHttps = ": only HTTPS redirects are allowed";
   const Rule notHttps = unfollowed(refused(rejected + "http://{server}/*" + onlyHttps));
   const Rule noUrl = unfollowed(refused(rejected + "<unknown>" + onlyHttps));
-  const Rule noTrust = unfollowed(refused("the server's certificate is not trusted: *"));
+  const Rule noTrust = unfollowed(refused("the certificate of unnamed.localhost:*"));
   const Rule noLocation = unfollowed(refused("remote HTTP 302: https://{server}/*"));
   const Rule wrongLength = inBodies(harmless, refused(invalid + "wrong Content-Length for {file}"));
   const HubFault vast{.headers = {{"content-length", "100000000"}}, .extraBytes = 100000000};

@@ -12,6 +12,8 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
+#include "VellicorRepackCore/Base/Cancellation.h"
+#include "VellicorRepackCore/Base/JoiningThread.h"
 #include "VellicorRepackCore/Remote/CurlTransport.h"
 #include "VellicorTrials/OwnProcess.h"
 #include "VellicorTrials/Recovery.h"
@@ -137,7 +139,7 @@ class Bench {
                  [](LocalHub::Options& options) {
                    options.certificateNames = {"localhost", "127.0.0.1", thirdHost};
                  }),
-        recovery_(harness_) {
+        recovery_(harness_, report) {
     harness_.rangeChunkBytes = 1024;
     require(install({}) == "no error", "an install without faults failed");
     const std::vector<HubRequest> log = harness_.hub->requests();
@@ -170,7 +172,7 @@ class Bench {
       const std::string error =
           fmt::format("could not connect to localhost:{}: Connection refused (*", harness_.hub->port());
       const auto isReached = awaitPlace(place, {.stallBeforeHead = true});
-      std::jthread goer([&] {
+      JoiningThread goer([&] {
         static_cast<void>(isReached->try_acquire_for(longestInstall));
         harness_.hub.reset();
       });
@@ -227,7 +229,7 @@ class Bench {
   }
 
   /// The error's text, or "no error".
-  std::string install(const RemoteDownloadSessionPolicy& policy, std::stop_token stop = {},
+  std::string install(const RemoteDownloadSessionPolicy& policy, CancellationToken stop = {},
                       std::uint64_t retryDelayNs = 0) {
     report_.count("installs");
     RemoteStreamingRepackOptions options = harness_.options();
@@ -348,17 +350,17 @@ class Bench {
 
   void cancelOnce(const WirePlace& place, const HubFault& fault) {
     const auto isReached = awaitPlace(place, fault);
-    std::stop_source source;
+    CancellationSource source;
     Clock::time_point asked;
-    std::jthread canceller([&] {
+    JoiningThread canceller([&] {
       static_cast<void>(isReached->try_acquire_for(longestInstall));
       // Any moment from here on is as good.
       std::this_thread::sleep_for(20ms);
       asked = Clock::now();
-      source.request_stop();
+      source.cancel();
     });
     constexpr std::uint64_t longRetryDelay = 10'000'000'000;
-    const std::string error = install({}, source.get_token(), longRetryDelay);
+    const std::string error = install({}, source.token(), longRetryDelay);
     const auto returned = Clock::now();
     canceller.join();
     require(error == "cancelled", error);

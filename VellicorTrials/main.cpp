@@ -73,7 +73,7 @@ std::vector<NamedTrial> allTrials() {
   return {
     {"kills", tryKills}, {"wire", tryWireFaults}, {"links", tryLinks}, {"races", tryRaces},
 #if defined(VELLICOR_FILE_CALLS)
-        {"calls", tryFailingCalls}, {"power", tryPowerCuts}, {"disks", tryDisks},
+        {"calls", tryFailingCalls}, {"flips", tryFlips}, {"power", tryPowerCuts}, {"disks", tryDisks},
 #endif
   };
 }

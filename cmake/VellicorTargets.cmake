@@ -22,14 +22,21 @@ find_package(ICU 70 REQUIRED COMPONENTS uc i18n)
 find_package(fmt 9 REQUIRED)
 find_package(nlohmann_json 3.11 REQUIRED)
 
+option(VELLICOR_LIBCXX "Build with libc++ where it is not the system's standard library; needs clang" OFF)
+if(VELLICOR_LIBCXX)
+  add_compile_options(-stdlib=libc++)
+  # The system's C++ libraries are built with another standard library: fmt's headers hold all of it.
+  add_link_options(-stdlib=libc++ -Wl,--as-needed)
+  set_target_properties(fmt::fmt PROPERTIES INTERFACE_COMPILE_DEFINITIONS FMT_HEADER_ONLY=1)
+endif()
+
 option(VELLICOR_SANITIZE "Build with the address and undefined-behaviour sanitizers" OFF)
 option(VELLICOR_FUZZ "Build the fuzzing programs instead of the tests; needs clang with libFuzzer" OFF)
 
 add_library(VellicorSettings INTERFACE)
 target_compile_features(VellicorSettings INTERFACE cxx_std_20)
 target_include_directories(VellicorSettings INTERFACE "${PROJECT_SOURCE_DIR}")
-# libc++ keeps std::stop_token behind a switch of its own; other standard libraries do not know the name.
-target_compile_definitions(VellicorSettings INTERFACE _FILE_OFFSET_BITS=64 _LIBCPP_ENABLE_EXPERIMENTAL)
+target_compile_definitions(VellicorSettings INTERFACE _FILE_OFFSET_BITS=64)
 target_compile_options(
   VellicorSettings
   INTERFACE -Wall

@@ -120,6 +120,11 @@ TEST(DiskSpaceChecker, MeasuresWhereTheOutputWillLand) {
   EXPECT_THAT(errorText([&] { DiskSpaceChecker::requireAvailable(directory / "c.d/models", most, 0); }),
               ::testing::StartsWith(fmt::format("insufficient disk space for {}: required {}, available ",
                                                 directory / "c.d/models", most)));
+  // A volume of its own that holds nothing.
+  const std::string volume = directory / "volume.d";
+  fs::create_directory_symlink(fs::exists("/proc/self") ? "/proc" : "/dev", volume);
+  EXPECT_EQ(errorText([&] { DiskSpaceChecker::requireAvailable(volume, 1, 0); }),
+            fmt::format("insufficient disk space for {}: required 1, available 0", volume));
 }
 
 }  // namespace

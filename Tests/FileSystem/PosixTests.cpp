@@ -1,12 +1,18 @@
+#include <atomic>
+#include <chrono>
 #include <filesystem>
+#include <thread>
 
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "Tests/Support/Expect.h"
 #include "VellicorLab/TemporaryDirectory.h"
+#include "VellicorRepackCore/FileSystem/FileStamp.h"
 #include "VellicorRepackCore/FileSystem/Posix.h"
 
 namespace vellicor {
@@ -15,6 +21,7 @@ namespace {
 namespace fs = std::filesystem;
 using namespace testing;
 using Kind = Posix::EntryKind;
+constexpr auto ownerOnly = Posix::FileMode::ownerOnly;
 
 /// A file, a directory, a link, a dangling link and a named pipe.
 class PosixTest : public ::testing::Test {
@@ -47,8 +54,8 @@ TEST_F(PosixTest, RefusalsNameTheCallThePathAndTheErrno) {
       {[&] { Posix::openExistingRW(missing); }, failed("open", missing, ENOENT)},
       {[&] { Posix::openDirectory(file); }, failed("open", file, ENOTDIR)},
       {[&] { Posix::openLock(dangling); }, failed("open", dangling, ELOOP)},
-      {[&] { Posix::openCreateExclusive(file, 0600); }, failed("open", file, EEXIST)},
-      {[&] { Posix::openCreateExclusive(dangling, 0600); }, failed("open", dangling, EEXIST)},
+      {[&] { Posix::openCreateExclusive(file, ownerOnly); }, failed("open", file, EEXIST)},
+      {[&] { Posix::openCreateExclusive(dangling, ownerOnly); }, failed("open", dangling, EEXIST)},
       {[&] { Posix::fileSize(-1, "f"); }, failed("fstat", "f", EBADF)},
       {[&] { Posix::entryKind(file + "/x"); }, failed("fstat", file + "/x", ENOTDIR)},
       {[&] { Posix::physicalPath(dangling); }, failed("fstat", dangling, ENOENT)},
@@ -57,6 +64,10 @@ TEST_F(PosixTest, RefusalsNameTheCallThePathAndTheErrno) {
       {[&] { Posix::rename(missing, "/x"); }, failed("rename", missing + " -> /x", ENOENT)},
       {[&] { Posix::renameSwap(folder, missing); },
        fmt::format("atomic directory promotion is unsupported for {}: errno {}", folder, ENOENT)},
+      {[&] { Posix::mkdir(folder); }, "no error"},
+      {[&] { Posix::mkdir(missing + "/x"); }, failed("open", missing + "/x", ENOENT)},
+      {[&] { Posix::listDirectory(file); }, failed("open", file, ENOTDIR)},
+      {[&] { Posix::removeTree(missing); }, "no error"},
       {[&] { Posix::fsync(-1, "f"); }, failed("fsync", "f", EBADF)},
       {[&] { Posix::fsyncDirectory(missing); }, failed("open", missing, ENOENT)},
       {[&] { Posix::ftruncate(-1, "f", 1); }, failed("ftruncate", "f", EBADF)},
@@ -78,6 +89,10 @@ TEST_F(PosixTest, RefusalsNameTheCallThePathAndTheErrno) {
   };
   for (const auto& [action, expected] : rows) EXPECT_EQ(errorText(action), expected);
   EXPECT_THAT(errorText([&] { Posix::mkdirP(file + "/x"); }), ::testing::HasSubstr(file));
+  fs::create_directory_symlink(folder, directory / "linked");
+  for (const std::string& path : {file, directory / "linked"}) {
+    EXPECT_THAT(errorText([&] { Posix::mkdir(path); }), ::testing::HasSubstr(path)) << "no directory itself";
+  }
   EXPECT_EQ(readFile(file), "abc");
   EXPECT_EQ(Posix::entryKind(directory / "nowhere"), Kind::absent) << "a dangling link was followed";
 }
@@ -106,12 +121,14 @@ TEST_F(PosixTest, NothingIsReachedThroughALinkedDirectory) {
       {[&] { Posix::openReadNoFollow(entry); }, entry},
       {[&] { Posix::openExistingRW(entry); }, entry},
       {[&] { Posix::openCreateRWNoFollow(other); }, other},
-      {[&] { Posix::openCreateExclusive(other, 0600); }, other},
+      {[&] { Posix::openCreateExclusive(other, ownerOnly); }, other},
       {[&] { Posix::openDirectory(linked + "/sub"); }, linked + "/sub"},
+      {[&] { Posix::mkdir(other); }, other},
+      {[&] { Posix::listDirectory(linked + "/sub"); }, linked + "/sub"},
       {[&] { Posix::readBoundedData(entry, 3); }, entry},
       {[&] { Posix::unlink(entry); }, entry},
       {[&] { Posix::removeTree(entry); }, entry},
-      {[&] { Posix::atomicWrite("new", other, linked + "/sub"); }, other + ".tmp"},
+      {[&] { Posix::atomicWrite("new", other, linked + "/sub", ownerOnly); }, other + ".tmp"},
   };
   // Going from component to component, a system calls a link no directory.
   const auto isRefused = [](const std::string& operation) {
@@ -125,9 +142,54 @@ TEST_F(PosixTest, NothingIsReachedThroughALinkedDirectory) {
               isRefused(fmt::format("rename({} -> {})", entry, directory / "x")));
   EXPECT_THAT(errorText([&] { Posix::rename(file, other); }),
               isRefused(fmt::format("rename({} -> {})", file, other)));
+  for (const auto& [a, b] : {std::pair(entry, file), std::pair(file, entry)}) {
+    EXPECT_THAT(
+        errorText([&, &from = a, &to = b] { Posix::renameSwap(from, to); }),
+        ::testing::StartsWith(fmt::format("atomic directory promotion is unsupported for {}: errno ", a)));
+  }
   EXPECT_EQ(readFile(folder + "/sub/entry"), "abc");
   EXPECT_EQ(readFile(file), "abc");
-  EXPECT_EQ(std::distance(fs::directory_iterator(folder + "/sub"), fs::directory_iterator()), 1);
+  EXPECT_THAT(Posix::listDirectory(folder + "/sub"), ::testing::ElementsAre("entry"));
+}
+
+TEST_F(PosixTest, ATreeIsRemovedWhateverItsShape) {
+  constexpr int levels = 300, files = 1500;
+  FileDescriptor at = Posix::openDirectory(folder);
+  for (int i = 0; i < levels; ++i) {
+    ASSERT_EQ(::mkdirat(at.get(), "down", 0777), 0);
+    at = FileDescriptor(::openat(at.get(), "down", O_RDONLY | O_DIRECTORY));
+    ASSERT_EQ(::symlinkat(directory.path().c_str(), at.get(), "out"), 0) << errno;
+  }
+  for (int i = 0; i < files; ++i) writeFile(fmt::format("{}/many/{}", folder, i), "");
+
+  struct rlimit before {};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+  const struct rlimit few { .rlim_cur = 100, .rlim_max = before.rlim_max };
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
+  const std::string error = errorText([&] { Posix::removeTree(folder); });
+  ::setrlimit(RLIMIT_NOFILE, &before);
+  EXPECT_EQ(error, "no error");
+  EXPECT_EQ(Posix::entryKind(folder), Kind::absent);
+  EXPECT_EQ(readFile(file), "abc") << "a link was followed";
+}
+
+TEST_F(PosixTest, ADirectoryThatBecomesALinkMeanwhileLeadsNowhere) {
+  const std::string swapped = directory / "swapped", victim = directory / "victim/entry";
+  writeFile(victim, "abc");
+  fs::create_directory_symlink(directory / "victim", swapped);
+  std::atomic<bool> ends = false;
+  std::thread swapper([&] {
+    while (!ends) Posix::renameSwap(folder, swapped);
+  });
+  constexpr int rounds = 3000;
+  for (int i = 0; i < rounds; ++i) {
+    errorText([&] { Posix::unlink(folder + "/entry"); });
+    errorText([&] { Posix::removeTree(folder + "/entry"); });
+    errorText([&] { Posix::mkdir(folder + "/new"); });
+  }
+  ends = true;
+  swapper.join();
+  EXPECT_THAT(Posix::listDirectory(directory / "victim"), ::testing::ElementsAre("entry"));
 }
 
 TEST_F(PosixTest, FollowsLinksWhereItIsToldTo) {
@@ -138,7 +200,7 @@ TEST_F(PosixTest, FollowsLinksWhereItIsToldTo) {
 
 TEST_F(PosixTest, AtomicWriteLeavesTheOldOrTheNewFile) {
   const auto write = [&](const std::function<void()>& afterRename = nullptr) {
-    return errorText([&] { Posix::atomicWrite("new", file, directory.path(), afterRename); });
+    return errorText([&] { Posix::atomicWrite("new", file, directory.path(), ownerOnly, afterRename); });
   };
   const std::string temporary = file + ".tmp";
   const auto isRefusedFor = [&](Kind kind) {
@@ -158,9 +220,22 @@ TEST_F(PosixTest, AtomicWriteLeavesTheOldOrTheNewFile) {
   EXPECT_EQ(readFile(file), "new");
   EXPECT_EQ(fs::status(file).permissions(), fs::perms::owner_read | fs::perms::owner_write);
 
-  EXPECT_EQ(errorText([&] { Posix::atomicWrite("new", folder, directory.path()); }),
+  EXPECT_EQ(errorText([&] { Posix::atomicWrite("new", folder, directory.path(), ownerOnly); }),
             fmt::format("rename({0}.tmp -> {0}) failed: errno {1}", folder, EISDIR));
   EXPECT_EQ(Posix::entryKind(folder + ".tmp"), Kind::absent);
+}
+
+TEST(PosixBlocks, AreRoomAndHolesAreNot) {
+  if (::access("/dev/shm", W_OK) != 0) GTEST_SKIP() << "no file system that surely writes in place";
+  const TemporaryDirectory memory("/dev/shm");
+  const std::string file = memory / "file";
+  writeFile(file, std::string(10000, 'x'));
+  const FileDescriptor open = Posix::openExistingRW(file);
+  EXPECT_EQ(Posix::bytesInPlace(open.get(), file), 10000U);
+  constexpr std::uint64_t sparseBytes = 64 << 20;
+  Posix::ftruncate(open.get(), file, sparseBytes);
+  EXPECT_GE(Posix::bytesInPlace(open.get(), file), 10000U);
+  EXPECT_LT(Posix::bytesInPlace(open.get(), file), sparseBytes);
 }
 
 TEST(Paths, AreStandardizedLexically) {
@@ -169,6 +244,30 @@ TEST(Paths, AreStandardizedLexically) {
       {"/a/../..", "/"},        {"/a//b/", "/a/b"}, {"/a/./b/../c", "/a/c"},
       {"/..a/...", "/..a/..."}, {"", here},         {"x/.", here + "/x"}};
   for (const auto& [path, expected] : rows) EXPECT_EQ(standardizedPath(path), expected) << path;
+}
+
+TEST_F(PosixTest, AStampProvesThatNothingHappenedToAFile) {
+  const auto stamp = [&] { return FileStamp::of(Posix::openReadNoFollow(file).get(), file); };
+  const auto setAge = [&](std::chrono::hours age) {
+    fs::last_write_time(file, fs::file_time_type::clock::now() - age);
+  };
+  const std::vector<std::pair<std::string, std::function<void()>>> rows = {
+      {"nothing", [] {}},
+      {"written", [&] { writeFile(file, "abd"); }},
+      {"longer", [&] { fs::resize_file(file, 4); }},
+      {"replaced", [&] { fs::rename(file, file + "~"), fs::copy_file(file + "~", file); }},
+  };
+  for (const auto& [change, perform] : rows) {
+    setAge(std::chrono::hours(1));
+    FileStamp before = stamp();
+    before.isSettled = true;
+    perform();
+    EXPECT_EQ(before.provesUnchanged(stamp()), change == "nothing") << change;
+    before.isSettled = false;
+    EXPECT_FALSE(before.provesUnchanged(stamp())) << change;
+  }
+  setAge(std::chrono::hours(-1));
+  EXPECT_FALSE(stamp().isSettled) << "changed after now";
 }
 
 }  // namespace

@@ -1,14 +1,19 @@
+#include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <new>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "Tests/Fuzz/FailingAllocation.h"
 #include "Tests/Fuzz/Targets.h"
 #include "VellicorFormat/MorlenResidentIndexV1.h"
 #include "VellicorLab/TemporaryDirectory.h"
@@ -51,6 +56,7 @@ void expectWithinLimits(const Target& target, const std::string& name, const std
     }();
     std::_Exit(0);
   }
+  ASSERT_GT(child, 0) << "no process could be started";
   int status = -1;
   EXPECT_EQ(::waitpid(child, &status, 0), child);
   EXPECT_EQ(status, 0) << name << ", " << input.size() << " bytes";
@@ -189,6 +195,34 @@ TEST_P(HostileInput, EndsWithinLimits) {
   if (target.name != "resident") return;
   expectWithinLimits(target, "all entries", region(200000, 7, 7));
   expectWithinLimits(target, "names that share bytes", region(100000, 65535, 16));
+}
+
+/// Runs the target until none of its allocations fails any more.
+void failEachAllocation(const Target& target, const std::string& input) {
+  target.run(std::as_bytes(std::span(input)));
+  for (std::size_t failing = 1;; ++failing) {
+    bool isReported = false;
+    allocationsUntilFailure = failing;
+    try {
+      target.run(std::as_bytes(std::span(input)));
+    } catch (const std::bad_alloc&) {
+      isReported = true;
+    }
+    const bool hasFailed = std::exchange(allocationsUntilFailure, 0) == 0;
+    EXPECT_EQ(isReported, hasFailed) << "allocation " << failing;
+    if (!hasFailed) return;
+  }
+}
+
+TEST_P(HostileInput, IsNotBlamedForWantOfMemory) {
+  const std::string corpus = fmt::format("{}/{}", VELLICOR_FUZZ_CORPUS, GetParam().name);
+  std::size_t files = 0;
+  for (const auto& file : std::filesystem::directory_iterator(corpus)) {
+    SCOPED_TRACE(file.path().string());
+    failEachAllocation(GetParam(), readFile(file.path().string()));
+    ++files;
+  }
+  EXPECT_GT(files, 0U);
 }
 
 INSTANTIATE_TEST_SUITE_P(Decoders, HostileInput, ::testing::ValuesIn(targets),

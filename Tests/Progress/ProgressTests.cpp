@@ -268,6 +268,34 @@ TEST(Viewer, WithoutATerminalSaysSomethingEveryTenSeconds) {
             "Installed\n");
 }
 
+TEST(Viewer, SaysThatThereIsNoNetwork) {
+  bool hasNetwork = false;
+  const auto isThere = [&] { return hasNetwork; };
+  Viewer viewer(Viewer::Mode::live, {.columns = 90}, isThere);
+  viewer.takeOutput(metadataLine, start);
+  const std::string reading = "Metadata   reading the source's metadata and any saved download  ";
+  EXPECT_EQ(viewer.tick(start + 2s), reading + "2.0 s\033[K\r");
+  EXPECT_EQ(viewer.tick(start + 3s), "Metadata   no network; waiting for one  3.0 s\033[K\r");
+  hasNetwork = true;
+  EXPECT_EQ(viewer.tick(start + 4s), reading + "4.0 s\033[K\r");
+
+  hasNetwork = false;
+  Viewer log(Viewer::Mode::plain, {}, isThere);
+  const std::string half =
+      R"(PROGRESS {"downloadedBytes":5,"phase":"copying","reusedBytes":0,"totalBytes":10})"
+      "\n";
+  std::string said = log.takeOutput(half, start);
+  for (int second = 1; second <= 50; ++second) {
+    hasNetwork = second > 35;
+    said += log.tick(start + seconds(second));
+  }
+  EXPECT_EQ(said,
+            "Copying: 50%, 5/10 B\n"
+            "Copying: 50%, no network; waiting for one\n"
+            "Copying: 50%, 5/10 B, 0 B/s, stalled\n"
+            "Copying: 50%, 5/10 B, 0 B/s, stalled\n");
+}
+
 TEST(Advice, NamesTheNextStepWhereOneIsKnown) {
   const FailureSituation none{};
   const FailureSituation early{.reached = Viewer::Reached::started};
@@ -278,8 +306,8 @@ TEST(Advice, NamesTheNextStepWhereOneIsKnown) {
   const std::string discard =
       "remove the saved download with --discard-partial, then install again without --resume";
   const std::string busy = "another installer is working on this output: wait for its end, or stop it";
-  const std::string proxy = "mend or leave out the proxy (see https_proxy and no_proxy), then " + resume;
-  const std::string certificates = "mend or unset SSL_CERT_FILE and check the clock, then " + resume;
+  const std::string proxy = "correct or leave out the proxy (see https_proxy and no_proxy), then " + resume;
+  const std::string certificates = "correct or unset SSL_CERT_FILE and check the clock, then " + resume;
   const std::string shortDisk =
       "insufficient disk space for /a: required 9: required 3000000500, available 500";
   const std::vector<std::tuple<std::string, FailureSituation, std::string>> rows = {
@@ -294,9 +322,14 @@ TEST(Advice, NamesTheNextStepWhereOneIsKnown) {
       {"there is no network to reach h (u)", fresh, "check the network, then " + resume},
       {"the exchange with h did not end within its time (u)", fresh, "check the network, then " + resume},
       {"the exchange with h failed: Failed reading (u)", fresh, "check the network, then " + resume},
-      {"the proxy could not be used to connect to h (u)", fresh, proxy},
-      {"the proxy refused a connection to h with status 407 (u)", fresh, proxy},
-      {"the server's certificate is not trusted: certificate has expired: u", fresh, certificates},
+      {"could not connect to the proxy p:1: Connection refused (u)", fresh, proxy},
+      {"https_proxy names no proxy that can be used (u)", fresh, proxy},
+      {"the proxy p:1 refused a connection to h with status 403 (u)", fresh, proxy},
+      {"the proxy p:1 refused a connection to h with status 407 (u)", fresh,
+       "put a user and a password that the proxy takes into https_proxy, then " + resume},
+      {"the certificate of h:1 through the proxy p:1 is not trusted: self-signed certificate (u)", fresh,
+       "let SSL_CERT_FILE name the certificates of the proxy's authority too, then " + resume},
+      {"the certificate of h:1 is not trusted: certificate has expired (u)", fresh, certificates},
       {"the certificates to trust could not be read from /c (u)", fresh, certificates},
       {"no secure connection to h could be agreed on: wrong version number (u)", fresh, certificates},
       {"configuration invalid: the access token contains characters that an Authorization header cannot "
@@ -312,6 +345,7 @@ TEST(Advice, NamesTheNextStepWhereOneIsKnown) {
        "free at least 3000000000 bytes (3.00 GB) on the disk of /a: required 9, then " + again},
       {"pwrite(/a) short: expected 4096, wrote 100, errno 28", fresh,
        "the disk or its quota is full: free space, then " + resume},
+      {"not enough memory", resumed, "free some memory, then " + again},
       {"another installer holds /a.install.lock", fresh, busy},
       {"no resumable install state exists for /a", none,
        "there is nothing to continue: run the same command without --resume"},
@@ -319,6 +353,13 @@ TEST(Advice, NamesTheNextStepWhereOneIsKnown) {
        "continue the saved download with --resume, or remove it with --discard-partial"},
       {"install state is incompatible: saved download source or copy plan changed", resumed, discard},
       {"install state at /a.partial is corrupt: checkpoint contains an unknown range", resumed, discard},
+      {"install state at /a.partial/b is corrupt: range-00000001 changed after it was finished", fresh,
+       "another program or a failing disk changed the files: see to that, then " + resume},
+      {"atomic directory promotion is unsupported for /a: errno 16", none,
+       "the output is a mount point and cannot be replaced: name a directory inside it"},
+      {"unsafe installer path /a.partial: the new artifact is in place, but the old one could not be "
+       "removed: b",
+       fresh, "the install is done: remove what is left of the old artifact with --discard-partial"},
       {"configuration invalid: output directory already exists: /a", none,
        "replace the output with --overwrite, or name another --output"},
   };

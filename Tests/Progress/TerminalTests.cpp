@@ -8,7 +8,9 @@
 #include <filesystem>
 #include <functional>
 #include <regex>
+#include <stdexcept>
 #include <string>
+#include <system_error>
 #include <tuple>
 #include <utility>
 #include <vector>
@@ -127,11 +129,12 @@ class ViewerOnTerminal {
     winsize size = sizeOf(80);
     pid_ = ::forkpty(&terminal_, nullptr, nullptr, &size);
     if (pid_ == 0) ::_exit(::execv(arguments[0], arguments.data()));
+    if (pid_ < 0) throw std::system_error(errno, std::generic_category(), "forkpty");
     ::fcntl(terminal_, F_SETFD, FD_CLOEXEC);
   }
   ~ViewerOnTerminal() {
     if (pid_ > 0) {
-      ::kill(pid_, SIGKILL);
+      signal(SIGKILL);
       ::waitpid(pid_, nullptr, 0);
     }
     ::close(terminal_);
@@ -149,13 +152,16 @@ class ViewerOnTerminal {
     progress("\"phase\":\"copying\",\"reusedBytes\":" + std::to_string(reused) + ",\"downloadedBytes\":" +
              std::to_string(downloaded) + ",\"totalBytes\":" + std::to_string(total));
   }
-  /// The viewer alone, not its command.
-  void stop() {
-    ASSERT_EQ(::kill(pid_, SIGSTOP), 0);
+  /// To the viewer alone, not its command, and to nobody once the viewer is reaped.
+  void signal(int number) const {
+    if (pid_ <= 0) throw std::logic_error("there is no viewer to signal");
+    EXPECT_EQ(::kill(pid_, number), 0);
+  }
+  void stop() const {
+    signal(SIGSTOP);
     ASSERT_EQ(::waitpid(pid_, nullptr, WUNTRACED), pid_);
   }
   bool hasForeground() const { return ::tcgetpgrp(terminal_) == pid_; }
-  void resume() { ASSERT_EQ(::kill(pid_, SIGCONT), 0); }
   void type(char key) { ASSERT_EQ(::write(terminal_, &key, 1), 1); }
   void setColumns(unsigned short columns) {
     const winsize size = sizeOf(columns);
@@ -221,7 +227,18 @@ class ViewerOnTerminal {
   std::string bytes_;
 };
 
-TEST(ProgressOnTerminal, ShowsAnInstallFromBeginningToEnd) {
+class ProgressOnTerminal : public Test {
+ protected:
+  void SetUp() override {
+    int terminal = -1, side = -1;
+    if (::openpty(&terminal, &side, nullptr, nullptr, nullptr) != 0)
+      GTEST_SKIP() << "no pseudo-terminal can be had here: " << std::generic_category().message(errno);
+    ::close(side);
+    ::close(terminal);
+  }
+};
+
+TEST_F(ProgressOnTerminal, ShowsAnInstallFromBeginningToEnd) {
   ViewerOnTerminal viewer;
   viewer.progress(R"("phase":"metadata")");
   viewer.waitForRow("Metadata   reading the source's metadata");
@@ -250,18 +267,18 @@ TEST(ProgressOnTerminal, ShowsAnInstallFromBeginningToEnd) {
                   "Hashing    1 file in N s", "Finalizing done in N s", "Installed it"));
 }
 
-TEST(ProgressOnTerminal, EndsAsItsCommandDoesAndSaysWhatToDo) {
+TEST_F(ProgressOnTerminal, EndsAsItsCommandDoesAndSaysWhatToDo) {
   const std::string lost = "install failed: the connection to h was lost (https://h/a)";
   const std::string stopped = "Copying    stopped at 50%, 1.00/2.00 kB, after N s";
   const std::string next = "next step: run the same command again with --resume";
   const std::string check = "next step: check the network, then run the same command again with --resume";
-  const std::string keyboard = "^C";
+  const std::string keyboard = "^C", terminated = "SIGTERM to the viewer";
   const std::vector<std::tuple<std::string, int, std::vector<std::string>>> rows = {
       {"echo '" + lost + "' >&2; exit 3", 3 << 8, {stopped, lost, check}},
       {"echo oops >&2; exit 4", 4 << 8, {"oops", stopped}},
       {"kill -KILL $$", SIGKILL, {stopped, next}},
       {"ulimit -c 0; kill -ABRT $$", SIGABRT, {stopped, next}},
-      {"kill -TERM $PPID; sleep 60", SIGTERM, {stopped, next}},
+      {terminated, SIGTERM, {stopped, next}},
       {keyboard, SIGINT, {stopped, next}},
   };
   for (const auto& [act, status, shown] : rows) {
@@ -269,13 +286,13 @@ TEST(ProgressOnTerminal, EndsAsItsCommandDoesAndSaysWhatToDo) {
     ViewerOnTerminal viewer;
     viewer.copied(500, 500, 2000);
     viewer.waitForRow("Copying    █");
-    act == keyboard ? viewer.type('\x03') : viewer.order(act);
+    act == keyboard ? viewer.type('\x03') : act == terminated ? viewer.signal(SIGTERM) : viewer.order(act);
     EXPECT_EQ(viewer.wait(), status) << "no core file either";
     EXPECT_EQ(viewer.rows(), shown);
   }
 }
 
-TEST(ProgressOnTerminal, DrawsNothingWhenContinuedInTheBackground) {
+TEST_F(ProgressOnTerminal, DrawsNothingWhenContinuedInTheBackground) {
   ViewerOnTerminal viewer;
   viewer.copied(500, 500, 2000);
   viewer.waitForRow("Copying    █");
@@ -284,7 +301,7 @@ TEST(ProgressOnTerminal, DrawsNothingWhenContinuedInTheBackground) {
   viewer.waitForRow("prompt");
   if (viewer.hasForeground()) GTEST_SKIP() << "this shell does not take the terminal with its job control";
   const std::size_t before = viewer.bytes().size();
-  viewer.resume();
+  viewer.signal(SIGCONT);
   viewer.copied(500, 1000, 2000);
   viewer.order("echo a line");
   viewer.waitForRow("a line");
@@ -293,7 +310,7 @@ TEST(ProgressOnTerminal, DrawsNothingWhenContinuedInTheBackground) {
   EXPECT_EQ(viewer.wait(), 0);
 }
 
-TEST(ProgressOnTerminal, RespectsWhatTheEnvironmentAsks) {
+TEST_F(ProgressOnTerminal, RespectsWhatTheEnvironmentAsks) {
   const std::vector<std::tuple<std::string, std::string, bool, bool>> rows = {
       {"NO_COLOR=1", "Copying    ████", false, true},
       {"LC_ALL=C", "Copying    [####", true, true},

@@ -1,74 +1,44 @@
 #include <semaphore>
 #include <thread>
 
-#include <arpa/inet.h>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
-#include "Tests/Support/Expect.h"
-#include "Tests/Support/TinyHub.h"
-#include "VellicorRepackCore/Base/Errors.h"
-#include "VellicorRepackCore/Remote/CurlTransport.h"
+#include "Tests/Remote/HopOutcome.h"
+#include "Tests/Remote/PlainServer.h"
+#include "VellicorRepackCore/Base/Cancellation.h"
+#include "VellicorRepackCore/Base/JoiningThread.h"
+#include "VellicorRepackCore/Remote/RemoteDownloadSession.h"
 
 namespace vellicor::testing {
 namespace {
 
 using namespace std::chrono_literals;
-using Code = NetworkError::Code;
-
-using Outcome = std::pair<std::optional<Code>, std::string>;
-
-// "STATUS, N bytes", or what failed, with URL and HOST for the redacted URL and its host.
-Outcome outcomeOf(CurlTransport& transport, const std::string& url, const HttpHopLimits& limits = {}) {
-  const HttpRequest request{.url = *RemoteUrl::parse(url), .headers = parsedHeaders("Range: bytes=0-59999")};
-  Received received;
-  try {
-    transport.perform(request, limits, received, {});
-    return {std::nullopt, fmt::format("{}, {} bytes", received.head->status, received.body.size())};
-  } catch (const NetworkError& error) {
-    std::string text = error.what();
-    const auto mark = [&](const std::string& what, const char* name) {
-      if (text.find(what) != std::string::npos) text.replace(text.find(what), what.size(), name);
-    };
-    mark(request.url.withoutQueryAndFragment().value(), "URL");
-    mark(request.url.authority(), "HOST");
-    return {error.code(), text};
-  }
-}
 
 TEST(CurlTransportTests, turnsWhatTheServerDoesIntoAnswersAndErrors) {
   const TinyHub tiny;
-  const std::string url = tiny.redirected(tiny.shard);
+  const std::string url = tiny.redirected(tiny.shard), many(200000, 'x');
   const std::string interim = "HTTP/1.1 103 Early Hints\r\nlink: x\r\n\r\nHTTP/1.1 103 Early Hints\r\n\r\n";
   const std::string tooLarge = "the head of the answer of HOST is too large (URL)";
   const std::string reset = "the connection to HOST was lost: Connection reset by peer (URL)";
-  const std::string silence = "no answer from 127.0.0.1 for 0.2 seconds (URL)", all = "206, 60000 bytes";
+  const std::string silence = "no answer from HOST for 0.2 seconds (URL)";
   const std::string closed = "HOST closed the connection without an answer (URL)";
   const std::string closedWithin = "HOST closed the connection within its answer's head (URL)";
   const std::vector<std::tuple<std::string, HubFault, Outcome>> rows = {
-      {"chunked", {.chunked = true}, {std::nullopt, all}},
-      {"interim answers", {.preamble = interim}, {std::nullopt, all}},
-      {"HTTP/1.0", {.http10 = true}, {std::nullopt, all}},
-      {"more than announced", {.extraBytes = 5}, {std::nullopt, all}},
-      {"not found", {.status = 404, .body = "gone"}, {std::nullopt, "404, 4 bytes"}},
-      {"closed early", {.closeAfter = 1000}, {std::nullopt, "206, 1000 bytes"}},
-      {"closed before the body", {.closeAfter = 0}, {std::nullopt, "206, 0 bytes"}},
+      {"interim answers", {.preamble = interim}, {std::nullopt, "206, 60000 bytes"}},
       {"dropped early", {.dropAfter = 1000}, {std::nullopt, "206, 1000 bytes"}},
-      {"dropped within chunks", {.dropAfter = 1000, .chunked = true}, {std::nullopt, "206, 1000 bytes"}},
       {"reset before the head", {.resetBeforeHead = true}, {Code::connectionLost, reset}},
       {"reset within the body", {.resetAfter = 1000}, {Code::connectionLost, reset}},
-      {"stalled before the head", {.stallBeforeHead = true}, {Code::timedOut, silence}},
       {"stalled within the body", {.stallAfter = 1000}, {Code::timedOut, silence}},
       {"closed without an answer", {.closeBeforeHead = true}, {Code::connectionLost, closed}},
       {"closed within the head",
        {.preamble = "HTTP/1.1 200 OK\r\nx: ", .closeBeforeHead = true},
        {Code::connectionLost, closedWithin}},
       {"headers without end", {.endlessHeaders = true}, {Code::other, tooLarge}},
-      {"one endless header", {.headers = {{"x", std::string(200000, 'x')}}}, {Code::other, tooLarge}},
+      {"one endless header", {.headers = {{"x", many}}}, {Code::other, tooLarge}},
+      {"an endless status line", {.preamble = "HTTP/1.1 200 " + many}, {Code::other, tooLarge}},
       {"not HTTP", {.preamble = "garbage"}, {Code::other, "HOST gave an answer that is not HTTP (URL)"}},
   };
   for (const auto& [name, fault, expected] : rows) {
@@ -78,6 +48,22 @@ TEST(CurlTransportTests, turnsWhatTheServerDoesIntoAnswersAndErrors) {
     const auto idle = expected.second == silence ? 200ms : 60000ms;
     EXPECT_EQ(outcomeOf(transport, url, {.idleTimeout = idle}), expected);
   }
+}
+
+TEST(CurlTransportTests, sendsTheRequestAsItIsAndOnceMoreAfterALeftover) {
+  const TinyHub tiny;
+  CurlTransport transport(tiny.options());
+  const std::string path = "/o/n/resolve/../main/./config.json?x=%2F";
+  tiny.hub->setFaults([](const HubRequest& request) {
+    return request.number == 0 ? HubFault{.extraBytes = 5} : HubFault{.status = 404, .body = "gone"};
+  });
+  TinyHub::get(transport, tiny.hub->baseURL() + path, "Authorization: a", "HEAD");
+  EXPECT_EQ(TinyHub::get(transport, tiny.hub->baseURL() + path, "Range: bytes=1-").body, "gone");
+  const auto requests = tiny.hub->requests();
+  ASSERT_GE(requests.size(), 2u);
+  EXPECT_EQ(requests[0].method + requests[0].target + requests[0].authorization, "HEAD" + path + "a");
+  EXPECT_EQ(requests.back().method + requests.back().target + requests.back().range,
+            "GET" + path + "bytes=1-");
 }
 
 TEST(CurlTransportTests, slowAnswersMeetTheDeadlineOnly) {
@@ -106,12 +92,12 @@ TEST(CurlTransportTests, givesTheHeadAsItIs) {
 TEST(CurlTransportTests, trustsOnlyTheGivenCertificates) {
   const TinyHub tiny;
   const TinyHub other([](LocalHub::Options& options) { options.certificateNames = {"other.example"}; });
-  const std::string none = tiny.directory / "none", notTrusted = "the server's certificate is not trusted: ";
+  const std::string none = tiny.directory / "none", notTrusted = "the certificate of HOST is not trusted: ";
   const std::vector<std::tuple<std::string, std::optional<std::string>, std::string, std::string>> rows = {
-      {"system", std::nullopt, tiny.hub->baseURL(), notTrusted + "self-signed certificate: URL"},
-      {"another", other.hub->caFile(), tiny.hub->baseURL(), notTrusted + "self-signed certificate: URL"},
+      {"system", std::nullopt, tiny.hub->baseURL(), notTrusted + "self-signed certificate (URL)"},
+      {"another", other.hub->caFile(), tiny.hub->baseURL(), notTrusted + "self-signed certificate (URL)"},
       {"another name", other.hub->caFile(), other.hub->baseURL(),
-       notTrusted + "no alternative certificate subject name matches target host name 'localhost': URL"},
+       notTrusted + "it is made out to another name (URL)"},
       {"no file", none, tiny.hub->baseURL(),
        "the certificates to trust could not be read from " + none + " (URL)"},
   };
@@ -123,68 +109,77 @@ TEST(CurlTransportTests, trustsOnlyTheGivenCertificates) {
   EXPECT_TRUE(tiny.hub->requests().empty() && other.hub->requests().empty());
 }
 
-// A port of the loopback whose one client gets `answer` for its first bytes and is then reset or closed on.
-struct PlainServer {
-  explicit PlainServer(const std::optional<std::string>& answer = std::nullopt, bool resets = false)
-      : listener(::socket(AF_INET, SOCK_STREAM, 0)) {
-    sockaddr_in address{};
-    socklen_t size = sizeof(address);
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    auto* generic = reinterpret_cast<sockaddr*>(&address);
-    EXPECT_EQ(
-        ::bind(listener, generic, size) | ::listen(listener, 1) | ::getsockname(listener, generic, &size), 0);
-    port = ntohs(address.sin_port);
-    if (!answer) return;
-    thread = std::jthread(
-        [descriptor = listener, text = *answer, hard = linger{.l_onoff = resets, .l_linger = 0}] {
-          const int client = ::accept(descriptor, nullptr, nullptr);
-          char hello[4096];
-          EXPECT_GT(::read(client, hello, sizeof(hello)), 0);
-          EXPECT_EQ(::write(client, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-          EXPECT_EQ(::setsockopt(client, SOL_SOCKET, SO_LINGER, &hard, sizeof(hard)), 0);
-          ::close(client);
-        });
-  }
-  ~PlainServer() {
-    if (thread.joinable()) thread.join();
-    ::close(listener);
-  }
-  std::string url(const std::string& host = "127.0.0.1") const {
-    return fmt::format("https://{}:{}/x/y?token=secret", host, port);
-  }
-
-  int listener;
-  std::uint16_t port = 0;
-  std::jthread thread;
-};
+std::string plainUrl(const PlainServer& server, const std::string& host = "127.0.0.1") {
+  return "https://" + server.authority(host) + "/x/y?token=secret";
+}
 
 TEST(CurlTransportTests, namesWhatFailedBeforeTheRequest) {
   CurlTransport transport({});
-  const std::string silence = "no answer from 127.0.0.1 for 0.2 seconds (URL)";
-  const std::string lost = "the connection to HOST was lost", plain = "HTTP/1.0 200 OK\r\n\r\n";
-  const std::string noTls = "no secure connection to HOST could be agreed on: wrong version number (URL)";
-  const std::vector<std::tuple<std::string, std::optional<std::string>, bool, Outcome>> rows = {
-      {"silence", std::nullopt, false, {Code::timedOut, silence}},
-      {"orderly close", "", false, {Code::connectionLost, lost + " (URL)"}},
-      {"reset", "", true, {Code::connectionLost, lost + ": Connection reset by peer (URL)"}},
-      {"no TLS", plain, false, {Code::tls, noTls}},
+  const auto answers = [](const std::string& text, bool resets = false) {
+    return [=](int client, const std::string&) {
+      if (!text.empty()) PlainServer::send(client, text);
+      if (resets) PlainServer::resetAtClose(client);
+    };
   };
-  for (const auto& [name, answer, resets, expected] : rows) {
+  const std::string lost = "the connection to HOST was lost", alert("\x15\x03\x03\x00\x02\x02\x28", 7);
+  const std::string noTls = "no secure connection to HOST could be agreed on: ";
+  const std::vector<std::tuple<std::string, PlainServer::Serve, Outcome>> rows = {
+      {"silence", nullptr, {Code::timedOut, "no answer from HOST for 0.2 seconds (URL)"}},
+      {"orderly close", answers(""), {Code::connectionLost, lost + " (URL)"}},
+      {"close within a record", answers(alert.substr(0, 4)), {Code::connectionLost, lost + " (URL)"}},
+      {"reset", answers("", true), {Code::connectionLost, lost + ": Connection reset by peer (URL)"}},
+      {"reset again", answers("", true), {Code::connectionLost, lost + ": Connection reset by peer (URL)"}},
+      {"no TLS", answers("HTTP/1.0 200 OK\r\n\r\n"), {Code::tls, noTls + "wrong version number (URL)"}},
+      {"refusal", answers(alert), {Code::tls, noTls + "alert \"handshake failure\" (URL)"}},
+  };
+  for (const auto& [name, serve, expected] : rows) {
     SCOPED_TRACE(name);
-    const PlainServer server(answer, resets);
-    EXPECT_EQ(outcomeOf(transport, server.url(), {.idleTimeout = answer ? 60000ms : 200ms}), expected);
+    const PlainServer server(serve);
+    EXPECT_EQ(outcomeOf(transport, plainUrl(server), {.idleTimeout = serve ? 60000ms : 200ms}), expected);
   }
-  const std::string closed = PlainServer().url("localhost");
+  const std::string closed = plainUrl(PlainServer(), "localhost");
   EXPECT_EQ(outcomeOf(transport, closed),
             Outcome(Code::cannotConnect, "could not connect to HOST: Connection refused (URL)"));
   EXPECT_EQ(outcomeOf(transport, "http://localhost/x?token=secret"),
             Outcome(Code::other, "only HTTPS addresses are fetched (URL)"));
 }
 
+TEST(CurlTransportTests, tellsAShortageOfThisSide) {
+  const PlainServer server;
+  CurlTransport transport({});
+  rlimit before{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+  const rlimit none{.rlim_cur = 0, .rlim_max = before.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+  const Outcome outcome = outcomeOf(transport, plainUrl(server));
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+  EXPECT_EQ(outcome, Outcome(Code::resourceUnavailable,
+                             "could not open a connection to HOST: Too many open files (URL)"));
+}
+
+TEST(CurlTransportTests, refusesASecondThreadAndServesTheFirst) {
+  const TinyHub tiny;
+  RemoteDownloadSession session({.maximumConnectionsPerHost = 2},
+                                std::make_shared<CurlTransport>(tiny.options()));
+  const HttpRequest metadata{
+      .url = *RemoteUrl::parse(tiny.resolve("main/config.json")), .method = "HEAD", .headers = {}};
+  const HttpRequest range{.url = *RemoteUrl::parse(tiny.resolve("main/" + tiny.shard)),
+                          .headers = parsedHeaders("Range: bytes=0-59999; Accept-Encoding: identity")};
+  std::string second;
+  const auto onProgress = [&](std::uint64_t) {
+    std::thread([&] { second = errorText([&] { session.response(metadata, {}); }); }).join();
+  };
+  const std::string target = tiny.directory / "target";
+  const RemoteRangeExpectation expected{"f", 0, 60000, tiny.checkpoint->file(tiny.shard)->size(),
+                                        std::nullopt};
+  EXPECT_EQ(errorText([&] { session.transfer(range, target, expected, onProgress, {}); }), "no error");
+  EXPECT_EQ(second, "a transport performs one hop at a time, for one thread");
+  EXPECT_TRUE(readFile(target) == tiny.bytes(tiny.shard, 0, 60000));
+}
+
 TEST(CurlTransportTests, waitsOnlyWhileThereIsNoNetwork) {
   // By its name no loopback address, but one that reaches this machine's closed port.
-  const std::string away = PlainServer().url("0.0.0.0"), here = PlainServer().url();
+  const std::string away = plainUrl(PlainServer(), "0.0.0.0"), here = plainUrl(PlainServer());
   const std::vector<std::tuple<std::string, std::string, bool, bool, Code>> rows = {
       {"no network", away, true, false, Code::offline},
       {"a network", away, true, true, Code::cannotConnect},
@@ -236,15 +231,15 @@ TEST(CurlTransportTests, breaksOffAtOnceAndUsesNoBrokenConnectionAgain) {
       if (error == "body refused") throw std::domain_error(error);
       reached.release();
     };
-    std::stop_source source;
-    std::jthread stopper([&] {
+    CancellationSource source;
+    JoiningThread stopper([&] {
       reached.acquire();
-      source.request_stop();
+      source.cancel();
     });
     const HttpRequest request{.url = *RemoteUrl::parse(url), .headers = {}};
     const std::uint64_t connections = tiny.hub->connectionCount();
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(errorText([&] { transport.perform(request, {}, received, source.get_token()); }), error);
+    EXPECT_EQ(errorText([&] { transport.perform(request, {}, received, source.token()); }), error);
     if (error != "cancelled") reached.release();
     EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
     tiny.hub->setFaults(nullptr);

@@ -104,7 +104,8 @@ TEST(HuggingFaceRemote, SmallFilesArriveWholeOrNotAtAll) {
   const auto fetch = [](ScriptedHub& hub, std::uint64_t size) {
     hub.source.retryPolicy.attempts = 2;
     return errorText([&] {
-      hub.source.fetchSmallFile("f", {"f", commit, size, {}, {}}, 4, hub.target, nullptr);
+      hub.source.fetchSmallFile("f", {"f", commit, size, {}, {}}, 4, hub.target, Posix::FileMode::ownerOnly,
+                                nullptr);
     });
   };
   for (const auto& [size, answers, outcome, left] : rows) {

@@ -80,7 +80,7 @@ TEST(RetryLoop, RetriesWhatMayPassOnly) {
 TEST(RetryLoop, CancellationEndsTheWaitAndBeginsNothing) {
   ScriptedHub hub;
   const auto failing = [&] {
-    hub.stop.request_stop();
+    hub.stop.cancel();
     throw status(503);
   };
   const RetryEnvironment real = RetryEnvironment::production();

@@ -37,7 +37,7 @@ class ScriptedTransport final : public HttpTransport {
   std::vector<std::string> wire;
 
   void perform(const HttpRequest& request, const HttpHopLimits& hopLimits, HttpObserver& observer,
-               const std::stop_token& stop) override {
+               const CancellationToken& stop) override {
     const auto header = [&](const char* name) { return " " + request.headers.get(name).value_or("-"); };
     if (header("Accept-Encoding") != " identity") throw std::logic_error("the request allows compression");
     wire.push_back(request.method + " " + request.url.string() + header("Range") + header("Authorization"));
@@ -62,17 +62,17 @@ struct ScriptedHub {
   TemporaryDirectory directory;
   std::string scratch = directory / "scratch", target = directory / "sub/target";
   std::shared_ptr<ScriptedTransport> transport = std::make_shared<ScriptedTransport>();
-  std::stop_source stop;
+  CancellationSource stop;
   std::vector<std::uint64_t> waits;
   RepackAudit audit;
   RetryEnvironment environment{[] { return testNow; }, [] { return std::uint64_t{7}; },
                                [this](std::uint64_t delay, const auto&) { waits.push_back(delay); }};
-  std::shared_ptr<RemoteDownloadSession> session =
-      std::make_shared<RemoteDownloadSession>(RemoteDownloadSessionPolicy{}, transport);
+  std::shared_ptr<RemoteDownloadSession> session = std::make_shared<RemoteDownloadSession>(
+      RemoteDownloadSessionPolicy{.maximumConnectionsPerHost = 3}, transport);
   RemoteUrl base = RemoteUrl::parse("https://hub.test").value();
   RemoteRetryPolicy policy{.attempts = 1};
   HuggingFaceRemoteSource source{"o/n", "main",  {},     "T0KEN",     session,
-                                 base,  scratch, policy, environment, stop.get_token()};
+                                 base,  scratch, policy, environment, stop.token()};
 
   /// What downloading those bytes of "f" to the target comes to.
   std::string download(std::uint64_t size, std::uint64_t offset, std::int64_t length,

@@ -112,6 +112,7 @@ TEST(ArchInfo, ReadsConfiguration) {
   EXPECT_EQ(bent("2112", R"("2112")"), invalid + "missing intermediate_size");
   EXPECT_EQ(bent("262144", "9223372036854775808"), invalid + "missing vocab_size");
   EXPECT_EQ(bent("262144", "1e19"), invalid + "missing vocab_size");
+  EXPECT_EQ(bent("262144", "9007199254740993.0"), invalid + "missing vocab_size");
   EXPECT_EQ(bent("softcapping", "z"), invalid + "missing final_logit_softcapping");
 }
 

@@ -9,18 +9,26 @@
 
 namespace vellicor {
 
-OrderedWork::OrderedWork(std::size_t count, std::size_t workers, const std::stop_token& stop, Work work)
+OrderedWork::OrderedWork(std::size_t count, std::size_t workers, const CancellationToken& cancellation,
+                         Work work)
     : work_(std::move(work)),
-      forwarding_(stop, [this] { stop_.request_stop(); }),
       items_(count),
       end_(count),
-      lookAhead_(lookAheadPerWorker) {
+      lookAhead_(lookAheadPerWorker),
+      forwarding_(cancellation, [this] { stop(); }) {
   startThreads(std::min({workers, count, maximumWorkers}));
 }
 
 OrderedWork::~OrderedWork() {
-  stop_.request_stop();
+  stop();
   threads_.clear();
+}
+
+void OrderedWork::stop() {
+  stop_.cancel();
+  const std::lock_guard lock(mutex_);
+  itemDone_.notify_all();
+  roomMade_.notify_all();
 }
 
 void OrderedWork::startThreads(std::size_t workers) {
@@ -36,12 +44,14 @@ void OrderedWork::startThreads(std::size_t workers) {
 }
 
 void OrderedWork::runItems() {
-  const std::stop_token stop = stop_.get_token();
-  const auto hasRoom = [this] { return begun_ >= end_ || begun_ - handedOver_ < lookAhead_; };
+  const CancellationToken stop = stop_.token();
+  const auto mayGoOn = [&] {
+    return stop.isCancelled() || begun_ >= end_ || begun_ - handedOver_ < lookAhead_;
+  };
   std::unique_lock lock(mutex_);
   for (;;) {
-    roomMade_.wait(lock, stop, hasRoom);
-    if (stop.stop_requested() || begun_ >= end_) return;
+    roomMade_.wait(lock, mayGoOn);
+    if (stop.isCancelled() || begun_ >= end_) return;
     const std::size_t item = begun_++;
     lock.unlock();
     std::exception_ptr failure = failureOf([&] { work_(item, stop); });
@@ -55,7 +65,7 @@ void OrderedWork::runItems() {
 void OrderedWork::waitFor(std::size_t item) {
   std::unique_lock lock(mutex_);
   const auto isDone = [&] { return items_[item].isDone; };
-  itemDone_.wait(lock, stop_.get_token(), isDone);
+  itemDone_.wait(lock, [&] { return stop_.isCancelled() || isDone(); });
   if (item >= begun_) throw CancellationError();
   // One that has begun is still at work on what is the caller's.
   itemDone_.wait(lock, isDone);
@@ -66,8 +76,8 @@ void OrderedWork::waitFor(std::size_t item) {
 
 void OrderedWork::next() {
   if (!threads_.empty()) return waitFor(handedOver_);
-  throwIfCancelled(stop_.get_token());
-  work_(handedOver_++, stop_.get_token());
+  throwIfCancelled(stop_.token());
+  work_(handedOver_++, stop_.token());
 }
 
 }  // namespace vellicor

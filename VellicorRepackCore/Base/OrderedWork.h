@@ -5,9 +5,11 @@
 #include <exception>
 #include <functional>
 #include <mutex>
-#include <stop_token>
 #include <thread>
 #include <vector>
+
+#include "VellicorRepackCore/Base/Cancellation.h"
+#include "VellicorRepackCore/Base/JoiningThread.h"
 
 namespace vellicor {
 
@@ -32,15 +34,15 @@ class OrderedWork {
  public:
   /// Does an item, and should throw soon when a stop is asked for. What it leaves for the item is the
   /// caller's to read as soon as `next` has come to it, and has to outlive this object.
-  using Work = std::function<void(std::size_t item, const std::stop_token& stop)>;
+  using Work = std::function<void(std::size_t item, const CancellationToken& stop)>;
 
   static constexpr std::size_t maximumWorkers = 8;
   /// So that one item as long as dozens of others leaves nobody idle.
   static constexpr std::size_t lookAheadPerWorker = 32;
 
   /// Begins with items 0 to `count` - 1 on `workers` threads, but no more than `maximumWorkers` or than there
-  /// are items. A stop of `stop` stops the work.
-  OrderedWork(std::size_t count, std::size_t workers, const std::stop_token& stop, Work work);
+  /// are items. Cancelling `cancellation` stops the work.
+  OrderedWork(std::size_t count, std::size_t workers, const CancellationToken& cancellation, Work work);
   /// Stops what is still running and waits for its end.
   ~OrderedWork();
   OrderedWork(const OrderedWork&) = delete;
@@ -56,25 +58,26 @@ class OrderedWork {
     std::exception_ptr failure;
   };
 
+  void stop();
   void startThreads(std::size_t workers);
   void runItems();
   void waitFor(std::size_t item);
 
   const Work work_;
-  std::stop_source stop_;
-  const std::stop_callback<std::function<void()>> forwarding_;
+  CancellationSource stop_;
 
   std::mutex mutex_;
-  std::condition_variable_any itemDone_;
-  std::condition_variable_any roomMade_;
+  std::condition_variable itemDone_;
+  std::condition_variable roomMade_;
   std::vector<Item> items_;
-  /// Items from here on are not begun: all of them at first, none behind a failure later.
+  /// Items from here on are not begun: all of them at first, none after a failure later.
   std::size_t end_;
   std::size_t lookAhead_;
   std::size_t begun_ = 0;
   std::size_t handedOver_ = 0;
 
-  std::vector<std::jthread> threads_;
+  const CancellationCallback forwarding_;
+  std::vector<JoiningThread> threads_;
 };
 
 }  // namespace vellicor

@@ -41,6 +41,11 @@ Sha256Stream::Sha256Stream() : hasher_(std::make_unique<Hasher>()) {
           EVP_DigestInit_ex(hasher_->context.get(), EVP_sha256(), nullptr) == 1);
 }
 
+Sha256Stream::Sha256Stream(const Sha256Stream& other) : hasher_(std::make_unique<Hasher>()) {
+  require(hasher_->context != nullptr &&
+          EVP_MD_CTX_copy_ex(hasher_->context.get(), other.hasher_->context.get()) == 1);
+}
+
 Sha256Stream::~Sha256Stream() = default;
 Sha256Stream::Sha256Stream(Sha256Stream&&) noexcept = default;
 Sha256Stream& Sha256Stream::operator=(Sha256Stream&&) noexcept = default;

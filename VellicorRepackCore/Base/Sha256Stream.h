@@ -9,11 +9,13 @@
 
 namespace vellicor {
 
-/// One incremental SHA-256 (FIPS 180-4). Movable, used by one thread, finished once.
+/// One incremental SHA-256 (FIPS 180-4). Used by one thread, finished once; a copy goes on by itself from
+/// where the original stands.
 class Sha256Stream {
  public:
   Sha256Stream();
   ~Sha256Stream();
+  Sha256Stream(const Sha256Stream& other);
   Sha256Stream(Sha256Stream&&) noexcept;
   Sha256Stream& operator=(Sha256Stream&&) noexcept;
 

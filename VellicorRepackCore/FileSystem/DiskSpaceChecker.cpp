@@ -4,7 +4,10 @@
 #include <limits>
 #include <system_error>
 
+#include <sys/stat.h>
+
 #include "VellicorRepackCore/FileSystem/Posix.h"
+#include "VellicorRepackCore/FileSystem/SystemCall.h"
 
 namespace vellicor {
 
@@ -14,6 +17,19 @@ std::string nearestExistingDirectory(std::string directory) {
   std::error_code ignored;
   while (directory != "/" && !std::filesystem::exists(directory, ignored)) directory = parentPath(directory);
   return directory;
+}
+
+struct stat statusOf(const std::string& path) {
+  struct stat status {};
+  checkedCall(RepackError::fileStatFailed, path, [&] { return ::stat(path.c_str(), &status); });
+  return status;
+}
+
+/// The probe directory, or `path` itself when that is a volume of its own.
+std::string directoryToMeasure(const std::string& probe, const std::string& path) {
+  if (probe == path || Posix::entryKind(path) == Posix::EntryKind::absent) return probe;
+  const struct stat status = statusOf(path);
+  return S_ISDIR(status.st_mode) && status.st_dev != statusOf(probe).st_dev ? path : probe;
 }
 
 }  // namespace
@@ -29,8 +45,9 @@ DiskSpaceRequirement DiskSpaceChecker::requirement(const std::string& path, std:
 
 DiskSpaceRequirement DiskSpaceChecker::requireAvailable(const std::string& path, std::uint64_t bytes,
                                                         std::uint64_t reserveBytes) {
-  const std::string directory = directoryForProbe(path);
-  Posix::mkdirP(directory);
+  const std::string probe = directoryForProbe(path);
+  Posix::mkdirP(probe);
+  const std::string directory = directoryToMeasure(probe, path);
   DiskSpaceRequirement needed = requirement(directory, bytes, reserveBytes);
   if (!needed.canInstall()) {
     throw RepackError::diskSpaceInsufficient(directory, needed.requiredBytes, needed.availableBytes);

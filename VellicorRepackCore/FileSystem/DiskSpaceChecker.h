@@ -24,8 +24,8 @@ struct DiskSpaceChecker {
   static DiskSpaceRequirement requirement(const std::string& path, std::uint64_t bytes,
                                           std::uint64_t reserveBytes);
 
-  /// Creates the probe directory of `path` when it is missing, measures it, and throws
-  /// `diskSpaceInsufficient` when the space is short.
+  /// Creates the probe directory of `path` when it is missing, measures it, or `path` where that is a
+  /// directory on another device, and throws `diskSpaceInsufficient` when the space is short.
   static DiskSpaceRequirement requireAvailable(const std::string& path, std::uint64_t bytes,
                                                std::uint64_t reserveBytes);
 

@@ -49,7 +49,7 @@ InstallLock InstallLock::acquire(const std::string& outputDirectory) {
 void InstallLock::holdPartialDirectory() {
   if (partialDirectory_) return;
   const std::string& path = paths_.partialDirectory;
-  Posix::mkdirP(path);
+  Posix::mkdir(path);
   FileDescriptor directory = Posix::openDirectory(path);
   const int result = retryInterrupted([&] { return ::flock(directory.get(), LOCK_EX | LOCK_NB); });
   // Some network file systems lock no directories; any other failure is theirs.

@@ -2,10 +2,8 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <memory>
 #include <optional>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
@@ -15,6 +13,7 @@
 #include "VellicorRepackCore/Base/BoundedScratch.h"
 #include "VellicorRepackCore/Base/Cancellation.h"
 #include "VellicorRepackCore/Base/Sha256Stream.h"
+#include "VellicorRepackCore/FileSystem/DirectoryNames.h"
 #include "VellicorRepackCore/FileSystem/PageCacheTrail.h"
 #include "VellicorRepackCore/FileSystem/RemovedUnlessKept.h"
 #include "VellicorRepackCore/FileSystem/SystemCall.h"
@@ -22,37 +21,6 @@
 namespace vellicor {
 
 namespace {
-
-constexpr int directoryFlags = O_RDONLY | O_NOFOLLOW | O_DIRECTORY | O_CLOEXEC;
-
-struct CloseStream {
-  void operator()(DIR* stream) const noexcept { ::closedir(stream); }
-};
-using DirectoryStream = std::unique_ptr<DIR, CloseStream>;
-
-/// A stream over a directory of its own descriptor. Throws `fileOpenFailed`.
-DirectoryStream openStream(int fd, const std::string& path) {
-  FileDescriptor own(
-      checkedCall(RepackError::fileOpenFailed, path, [&] { return ::openat(fd, ".", directoryFlags); }));
-  DirectoryStream stream(::fdopendir(own.get()));
-  const std::int32_t code = errno;
-  if (!stream) throw RepackError::fileOpenFailed(path, code);
-  own.release();
-  return stream;
-}
-
-/// The next name but "." and "..", or nothing at the end. Throws `fileOpenFailed`.
-const char* nextName(DIR* stream, const std::string& path) {
-  for (;;) {
-    errno = 0;
-    const dirent* entry = ::readdir(stream);
-    const std::int32_t code = errno;
-    if (entry == nullptr && code != 0) throw RepackError::fileOpenFailed(path, code);
-    if (entry == nullptr) return nullptr;
-    const std::string_view name = entry->d_name;
-    if (name != "." && name != "..") return entry->d_name;
-  }
-}
 
 /// Runs a check of the path rules; its failure becomes "<prefix>: <text>".
 template <typename Check>
@@ -139,7 +107,7 @@ std::string MorlenDirectoryAccess::hash(const std::string& relativePath, PageCac
 }
 
 std::string MorlenDirectoryAccess::hash(int fd, const std::string& relativePath, PageCache cache,
-                                        const std::stop_token& stop) const {
+                                        const CancellationToken& stop) const {
   const auto readError = [&](std::int32_t code) {
     return RepackError::preadShort(fullPath(relativePath), hashChunkBytes, 0, code);
   };
@@ -174,8 +142,8 @@ std::vector<std::string> MorlenDirectoryAccess::relativeEntries(int maxDepth, st
 
 void MorlenDirectoryAccess::walk(int fd, const std::string& prefix, int depth, WalkState& state) const {
   const std::string directoryPath = fullPath(prefix);
-  const DirectoryStream stream = openStream(fd, directoryPath);
-  while (const char* name = nextName(stream.get(), directoryPath)) {
+  const auto listError = [&](std::int32_t code) { return RepackError::fileOpenFailed(directoryPath, code); };
+  forEachName(fd, listError, [&](const char* name) {
     const std::string entry = prefix.empty() ? name : joinPath(prefix, name);
     state.entries.push_back(entry);
     if (state.entries.size() > state.maxEntries) {
@@ -185,7 +153,7 @@ void MorlenDirectoryAccess::walk(int fd, const std::string& prefix, int depth, W
     struct stat status {};
     checkedCall(RepackError::fileStatFailed, fullPath(entry),
                 [&] { return ::fstatat(fd, name, &status, AT_SYMLINK_NOFOLLOW); });
-    if (!S_ISDIR(status.st_mode) || entry == "tokenizer") continue;
+    if (!S_ISDIR(status.st_mode) || entry == "tokenizer") return true;
     if (depth >= state.maxDepth) {
       throw RepackError::configurationInvalid(
           fmt::format("artifact directory nesting exceeds {}", state.maxDepth));
@@ -193,7 +161,8 @@ void MorlenDirectoryAccess::walk(int fd, const std::string& prefix, int depth, W
     const FileDescriptor child(checkedCall(RepackError::fileOpenFailed, fullPath(entry),
                                            [&] { return ::openat(fd, name, directoryFlags); }));
     walk(child.get(), entry, depth + 1, state);
-  }
+    return true;
+  });
 }
 
 void MorlenDirectoryAccess::atomicWrite(std::string_view data, const std::string& name) const {
@@ -203,8 +172,9 @@ void MorlenDirectoryAccess::atomicWrite(std::string_view data, const std::string
   const std::string temporary = ".morlen-" + randomUuid() + ".tmp";
   const std::string temporaryPath = fullPath(temporary);
   constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+  constexpr auto mode = static_cast<unsigned>(Posix::FileMode::shared);
   FileDescriptor file(checkedCall(RepackError::fileOpenFailed, temporaryPath,
-                                  [&] { return ::openat(root_.get(), temporary.c_str(), flags, 0600); }));
+                                  [&] { return ::openat(root_.get(), temporary.c_str(), flags, mode); }));
   RemovedUnlessKept cleanup(root_.get(), temporary);
   Posix::pwriteAll(file.get(), temporaryPath, data.data(), static_cast<std::int64_t>(data.size()), 0);
   Posix::fsync(file.get(), temporaryPath);

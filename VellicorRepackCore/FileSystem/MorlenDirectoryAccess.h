@@ -2,11 +2,11 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <stop_token>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "VellicorRepackCore/Base/Cancellation.h"
 #include "VellicorRepackCore/FileSystem/Posix.h"
 
 namespace vellicor {
@@ -44,14 +44,15 @@ class MorlenDirectoryAccess {
   std::string hash(const std::string& relativePath, PageCache cache) const;
   /// A stop is looked at before every chunk and throws `CancellationError`.
   std::string hash(int fd, const std::string& relativePath, PageCache cache,
-                   const std::stop_token& stop = {}) const;
+                   const CancellationToken& stop = {}) const;
 
   /// Every entry of the tree as a relative path, sorted ascending. A top-level directory named "tokenizer" is
   /// listed and not entered. Throws `configurationInvalid` beyond the bounds.
   std::vector<std::string> relativeEntries(int maxDepth = defaultMaxDepth,
                                            std::size_t maxEntries = defaultMaxEntries) const;
 
-  /// Creates or replaces a file at the directory's top level, atomically and durably, mode 0600.
+  /// Creates or replaces a file at the directory's top level, atomically and durably; for everyone whom the
+  /// umask lets.
   void atomicWrite(std::string_view data, const std::string& name) const;
 
  private:

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <filesystem>
 #include <stdexcept>
 #include <vector>
 
@@ -10,11 +9,12 @@
 #include <fmt/ranges.h>
 #include <openssl/rand.h>
 
+#include "VellicorRepackCore/Base/Environment.h"
+
 namespace vellicor {
 
 std::string standardizedPath(const std::string& path) {
-  const std::string absolute =
-      path.starts_with('/') ? path : std::filesystem::current_path().string() + "/" + path;
+  const std::string absolute = absolutePath(path);
   std::vector<std::string_view> components;
   for (std::size_t start = 0; start < absolute.size();) {
     const std::size_t end = std::min(absolute.find('/', start), absolute.size());

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <string_view>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -11,11 +12,14 @@
 #include <sys/mount.h>
 #include <sys/param.h>
 #else
+#include <linux/magic.h>
 #include <linux/openat2.h>
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/statvfs.h>
 #include <sys/syscall.h>
+#include <sys/sysmacros.h>
+#include <sys/vfs.h>
 #endif
 
 #include "VellicorRepackCore/FileSystem/Posix.h"
@@ -23,13 +27,19 @@
 
 namespace vellicor::platform {
 
+static std::int64_t nanoseconds(const struct timespec& time) {
+  return static_cast<std::int64_t>(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
+}
+
 #if defined(__APPLE__)
 
 int openDirectoryWithoutLinks(const char* path) {
   return ::open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW_ANY | O_CLOEXEC);
 }
 
-int exchangePaths(const char* a, const char* b) { return ::renamex_np(a, b, RENAME_SWAP); }
+int exchangeEntries(int directoryA, const char* a, int directoryB, const char* b) {
+  return ::renameatx_np(directoryA, a, directoryB, b, RENAME_SWAP);
+}
 
 int syncToDevice(int fd) {
   const int result = ::fcntl(fd, F_FULLFSYNC);
@@ -46,6 +56,26 @@ bool arePagesCached(int, off_t, off_t) { return false; }
 int usableProcessors() { return 0; }
 
 void writeBack(int, off_t, off_t) {}
+
+bool overwritesInPlace(int fd) {
+  struct statfs status {};
+  // Clones and snapshots keep what APFS overwrites.
+  return ::fstatfs(fd, &status) == 0 && std::string_view(status.f_fstypename) != "apfs";
+}
+
+FileTimes fileTimes(const struct stat& status) {
+  return {nanoseconds(status.st_mtimespec), nanoseconds(status.st_ctimespec)};
+}
+
+EntryTraits entryTraits(int directory, const char* name) {
+  constexpr unsigned protectedFlags = UF_IMMUTABLE | UF_APPEND | SF_IMMUTABLE | SF_APPEND;
+  struct stat entry {
+  }, holder{};
+  if (::fstatat(directory, name, &entry, AT_SYMLINK_NOFOLLOW) != 0 || ::fstat(directory, &holder) != 0)
+    return {};
+  return {.isMountPoint = entry.st_dev != holder.st_dev,
+          .isProtected = (entry.st_flags & protectedFlags) != 0};
+}
 
 FreeBlocks freeBlocks(const std::string& path) {
   struct statfs status {};
@@ -79,8 +109,8 @@ int openDirectoryWithoutLinks(const char* path) {
   return isUnknown ? openComponents(path, flags) : static_cast<int>(result);
 }
 
-int exchangePaths(const char* a, const char* b) {
-  return ::renameat2(AT_FDCWD, a, AT_FDCWD, b, RENAME_EXCHANGE);
+int exchangeEntries(int directoryA, const char* a, int directoryB, const char* b) {
+  return ::renameat2(directoryA, a, directoryB, b, RENAME_EXCHANGE);
 }
 
 int syncToDevice(int fd) { return ::fsync(fd); }
@@ -116,6 +146,41 @@ int usableProcessors() {
 void writeBack(int fd, off_t offset, off_t length) {
   if (length == 0) return;  // It would mean all that follows.
   ::sync_file_range(fd, offset, length, SYNC_FILE_RANGE_WRITE);
+}
+
+bool overwritesInPlace(int fd) {
+  // Not among the kernel's own headers.
+  constexpr std::uint32_t zfsMagic = 0x2fc12fc1, bcachefsMagic = 0xca451a4e;
+  struct statfs status {};
+  if (::fstatfs(fd, &status) != 0) return false;
+  switch (static_cast<std::uint32_t>(status.f_type)) {
+    case BTRFS_SUPER_MAGIC:
+    case F2FS_SUPER_MAGIC:
+    case NILFS_SUPER_MAGIC:
+    case zfsMagic:
+    case bcachefsMagic:
+      return false;
+    default:
+      return true;
+  }
+}
+
+FileTimes fileTimes(const struct stat& status) {
+  return {nanoseconds(status.st_mtim), nanoseconds(status.st_ctim)};
+}
+
+EntryTraits entryTraits(int directory, const char* name) {
+  // A directory of another device need not be a mount point, nor one of the same device none; the kernel
+  // tells from 5.8 on.
+  struct statx entry {};
+  if (::statx(directory, name, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, STATX_BASIC_STATS, &entry) != 0)
+    return {};
+  struct stat holder {};
+  const bool tellsMounts = (entry.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) != 0;
+  const bool isElsewhere =
+      ::fstat(directory, &holder) == 0 && holder.st_dev != makedev(entry.stx_dev_major, entry.stx_dev_minor);
+  return {.isMountPoint = tellsMounts ? (entry.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0 : isElsewhere,
+          .isProtected = (entry.stx_attributes & (STATX_ATTR_IMMUTABLE | STATX_ATTR_APPEND)) != 0};
 }
 
 FreeBlocks freeBlocks(const std::string& path) {

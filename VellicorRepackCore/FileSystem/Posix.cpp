@@ -1,12 +1,9 @@
 #include "VellicorRepackCore/FileSystem/Posix.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <limits>
 #include <memory>
-#include <system_error>
 #include <thread>
 
 #include <fcntl.h>
@@ -14,6 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "VellicorRepackCore/FileSystem/Entry.h"
 #include "VellicorRepackCore/FileSystem/Platform.h"
 #include "VellicorRepackCore/FileSystem/RemovedUnlessKept.h"
 #include "VellicorRepackCore/FileSystem/SystemCall.h"
@@ -32,27 +30,12 @@ FileDescriptor openPath(const std::string& path, int flags, unsigned mode = 0) {
                                     [&] { return ::open(path.c_str(), flags | O_CLOEXEC, mode); }));
 }
 
-/// An entry as the directory that holds it, reached through no link, and its name in there.
-struct Entry {
-  template <typename MakeError>
-  Entry(const std::string& path, MakeError&& makeError)
-      : directory(checkedCall(
-            makeError, [&] { return platform::openDirectoryWithoutLinks(directoryOf(path).c_str()); })),
-        name(lastPathComponent(path)) {
-    if (name.empty()) name = ".";
-  }
-
-  static std::string directoryOf(const std::string& path) {
-    const std::string parent = parentPath(path);
-    return parent.empty() ? "." : parent;
-  }
-
-  FileDescriptor directory;
-  std::string name;
-};
+auto openErrorOf(const std::string& path) {
+  return [&path](std::int32_t code) { return RepackError::fileOpenFailed(path, code); };
+}
 
 FileDescriptor openWithoutLinks(const std::string& path, int flags, unsigned mode = 0) {
-  const auto openError = [&](std::int32_t code) { return RepackError::fileOpenFailed(path, code); };
+  const auto openError = openErrorOf(path);
   const Entry entry(path, openError);
   return FileDescriptor(checkedCall(openError, [&] {
     return ::openat(entry.directory.get(), entry.name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC, mode);
@@ -153,11 +136,11 @@ FileDescriptor Posix::openCreateRW(const std::string& path) {
 }
 
 FileDescriptor Posix::openCreateRWNoFollow(const std::string& path) {
-  return openWithoutLinks(path, O_RDWR | O_CREAT | O_TRUNC, 0644);
+  return openWithoutLinks(path, O_RDWR | O_CREAT | O_TRUNC, static_cast<unsigned>(FileMode::shared));
 }
 
-FileDescriptor Posix::openCreateExclusive(const std::string& path, unsigned mode) {
-  return openWithoutLinks(path, O_WRONLY | O_CREAT | O_EXCL, mode);
+FileDescriptor Posix::openCreateExclusive(const std::string& path, FileMode mode) {
+  return openWithoutLinks(path, O_WRONLY | O_CREAT | O_EXCL, static_cast<unsigned>(mode));
 }
 
 FileDescriptor Posix::openDirectory(const std::string& path) {
@@ -165,12 +148,11 @@ FileDescriptor Posix::openDirectory(const std::string& path) {
 }
 
 FileDescriptor Posix::openLock(const std::string& path) {
-  return openWithoutLinks(path, O_RDWR | O_CREAT, 0600);
+  return openWithoutLinks(path, O_RDWR | O_CREAT, static_cast<unsigned>(FileMode::ownerOnly));
 }
 
 FileDescriptor Posix::openParent(const std::string& path) {
-  return std::move(
-      Entry(path, [&](std::int32_t code) { return RepackError::fileOpenFailed(path, code); }).directory);
+  return std::move(Entry(path, openErrorOf(path)).directory);
 }
 
 std::uint64_t Posix::fileSize(int fd, const std::string& path) {
@@ -195,6 +177,10 @@ bool Posix::descriptorMatchesPath(int fd, const std::string& path, EntryKind kin
   return opened.st_dev == named.st_dev && opened.st_ino == named.st_ino && kindOf(named.st_mode) == kind;
 }
 
+bool Posix::isMountPoint(const std::string& path) {
+  return platform::entryTraits(openParent(path).get(), lastPathComponent(path).c_str()).isMountPoint;
+}
+
 std::string Posix::physicalPath(const std::string& path) {
   struct Free {
     void operator()(char* p) const noexcept { std::free(p); }
@@ -204,8 +190,6 @@ std::string Posix::physicalPath(const std::string& path) {
   if (!resolved) throw RepackError::fileStatFailed(path, code);
   return resolved.get();
 }
-
-void Posix::mkdirP(const std::string& path) { std::filesystem::create_directories(path); }
 
 void Posix::rename(const std::string& from, const std::string& to) {
   const auto renameError = [&](std::int32_t code) { return RepackError::renameFailed(from, to, code); };
@@ -217,27 +201,28 @@ void Posix::rename(const std::string& from, const std::string& to) {
 }
 
 void Posix::renameSwap(const std::string& a, const std::string& b) {
-  checkedCall(RepackError::promotionUnsupported, a,
-              [&] { return platform::exchangePaths(a.c_str(), b.c_str()); });
+  const auto swapError = [&](std::int32_t code) { return RepackError::promotionUnsupported(a, code); };
+  const Entry first(a, swapError), second(b, swapError);
+  checkedCall(swapError, [&] {
+    return platform::exchangeEntries(first.directory.get(), first.name.c_str(), second.directory.get(),
+                                     second.name.c_str());
+  });
 }
 
 void Posix::unlink(const std::string& path) {
-  openParent(path);
-  checkedCall(RepackError::fileOpenFailed, path, [&] { return ::unlink(path.c_str()); });
+  const auto openError = openErrorOf(path);
+  const Entry entry(path, openError);
+  checkedCall(openError, [&] { return ::unlinkat(entry.directory.get(), entry.name.c_str(), 0); });
 }
 
-void Posix::removeTree(const std::string& path) {
-  openParent(path);
-  // A verification may put its receipt into an artifact that is being removed: once more for what came in
-  // between.
-  for (int attemptsLeft = 5;; --attemptsLeft) {
-    try {
-      std::filesystem::remove_all(path);
-      return;
-    } catch (const std::filesystem::filesystem_error& error) {
-      if (error.code() != std::errc::directory_not_empty || attemptsLeft == 0) throw;
-    }
-  }
+void Posix::removeEmptyDirectory(const std::string& path) {
+  const auto removeError = [&](std::int32_t code) { return RepackError::fileOpenFailed(path, code); };
+  const Entry entry(path, removeError);
+  const auto remove = [&] {
+    const int result = ::unlinkat(entry.directory.get(), entry.name.c_str(), AT_REMOVEDIR);
+    return result < 0 && errno == ENOENT ? 0 : result;
+  };
+  checkedCall(removeError, remove);
 }
 
 void Posix::preadAll(int fd, const std::string& path, void* buffer, std::int64_t count,
@@ -299,10 +284,10 @@ void Posix::writeWholeFile(const std::string& path, std::string_view data) {
 }
 
 void Posix::atomicWrite(std::string_view data, const std::string& path, const std::string& directory,
-                        const std::function<void()>& afterRename) {
+                        FileMode mode, const std::function<void()>& afterRename) {
   const std::string temporary = path + ".tmp";
   removeStaleTemporary(temporary, directory);
-  const FileDescriptor file = openCreateExclusive(temporary, 0600);
+  const FileDescriptor file = openCreateExclusive(temporary, mode);
   RemovedUnlessKept cleanup(temporary);
   writeContent(file.get(), temporary, data);
   fsync(file.get(), temporary);
@@ -330,6 +315,15 @@ std::size_t Posix::availableProcessors() noexcept {
 
 void Posix::startWriteBack(int fd, std::uint64_t offset, std::uint64_t length) noexcept {
   platform::writeBack(fd, static_cast<off_t>(offset), static_cast<off_t>(length));
+}
+
+std::uint64_t Posix::bytesInPlace(int fd, const std::string& path) {
+  const struct stat status = fileStatus(fd, path);
+  if (status.st_size <= 0 || status.st_blocks <= 0 || !platform::overwritesInPlace(fd)) return 0;
+  constexpr std::uint64_t blockBytes = 512;  // Whatever the file system's own are.
+  const auto size = static_cast<std::uint64_t>(status.st_size);
+  const auto blocks = static_cast<std::uint64_t>(status.st_blocks);
+  return blocks > size / blockBytes ? size : blocks * blockBytes;
 }
 
 std::uint64_t Posix::availableBytes(const std::string& path) {

@@ -6,6 +6,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "VellicorRepackCore/Base/Errors.h"
 #include "VellicorRepackCore/FileSystem/PathText.h"
@@ -50,6 +51,13 @@ struct Posix {
   /// The name of the case, for messages.
   static std::string_view name(EntryKind kind);
 
+  /// Who may use a file that is created.
+  enum class FileMode : unsigned {
+    ownerOnly = 0600,
+    /// Everyone whom the umask lets.
+    shared = 0666,
+  };
+
   // Opening. Each failure is `fileOpenFailed`.
   /// Follows symbolic links.
   static FileDescriptor openRead(const std::string& path);
@@ -57,10 +65,10 @@ struct Posix {
   static FileDescriptor openExistingRW(const std::string& path);
   /// Mode 0644; truncates an existing file and follows symbolic links.
   static FileDescriptor openCreateRW(const std::string& path);
-  /// The same without following any.
+  /// Of a file of the artifact: `FileMode::shared`; truncates an existing file and follows no link.
   static FileDescriptor openCreateRWNoFollow(const std::string& path);
   /// Write-only, the file must not exist, never through a link, closed on exec.
-  static FileDescriptor openCreateExclusive(const std::string& path, unsigned mode);
+  static FileDescriptor openCreateExclusive(const std::string& path, FileMode mode);
   static FileDescriptor openDirectory(const std::string& path);
   static FileDescriptor openLock(const std::string& path);
   /// The directory that holds `path`, for calls relative to it; proves that no link leads there.
@@ -72,19 +80,30 @@ struct Posix {
   static EntryKind entryKind(const std::string& path);
   /// Whether the path is a regular file, or an entry of another kind, and the very one that is open as `fd`.
   static bool descriptorMatchesPath(int fd, const std::string& path, EntryKind kind = EntryKind::regular);
+  /// Whether another file system, or another part of this one, is mounted at the path. False where the system
+  /// does not tell. Throws `fileOpenFailed` for a link on the way.
+  static bool isMountPoint(const std::string& path);
   /// The absolute path with every symbolic link resolved.
   static std::string physicalPath(const std::string& path);
-  /// Creates a directory and every missing parent, following links. Throws the standard library's
-  /// filesystem_error.
+  /// Creates a directory and every missing parent, following links. The name of each new one is durable,
+  /// except in a directory that this user may not read. Throws the standard library's filesystem_error.
   static void mkdirP(const std::string& path);
+  /// Creates a directory in an existing one, unless it is there. Throws `fileOpenFailed` when a link is on
+  /// the way or the directory that holds it is missing, otherwise the standard library's filesystem_error.
+  static void mkdir(const std::string& path);
+  /// The names in a directory, in no order, without "." and "..". Throws `fileOpenFailed`.
+  static std::vector<std::string> listDirectory(const std::string& path);
   static void rename(const std::string& from, const std::string& to);
-  /// Atomically exchanges two directory entries. Throws `promotionUnsupported` naming `a`.
+  /// Atomically exchanges two directory entries. Throws `promotionUnsupported` naming `a`, also for a link on
+  /// the way.
   static void renameSwap(const std::string& a, const std::string& b);
   /// Removes a file. Throws `fileOpenFailed`; a missing file is a failure like any other.
   static void unlink(const std::string& path);
-  /// Removes a file or a whole tree, without following links. A missing one is no error. Throws
+  /// Removes a file or a whole tree of any depth, without following links. A missing one is no error. Throws
   /// `fileOpenFailed` for a link on the way, otherwise the standard library's filesystem_error.
   static void removeTree(const std::string& path);
+  /// Removes a directory that holds nothing. A missing one is no error. Throws `fileOpenFailed`.
+  static void removeEmptyDirectory(const std::string& path);
 
   // Transfers of exactly `count` bytes at `offset`. Throw `preadShort`, `pwriteShort`, or
   // `configurationInvalid` for a range that no file offset can express.
@@ -109,10 +128,10 @@ struct Posix {
   /// A plain write of a whole file, replacing what is there; neither atomic nor durable.
   static void writeWholeFile(const std::string& path, std::string_view data);
 
-  /// Replaces a file atomically and durably through "<path>.tmp", mode 0600. `directory` is the one that
-  /// holds `path`. `afterRename`, when given, runs between the rename and the sync of the directory.
+  /// Replaces a file atomically and durably through "<path>.tmp". `directory` is the one that holds `path`.
+  /// `afterRename`, when given, runs between the rename and the sync of the directory.
   static void atomicWrite(std::string_view data, const std::string& path, const std::string& directory,
-                          const std::function<void()>& afterRename = nullptr);
+                          FileMode mode, const std::function<void()>& afterRename = nullptr);
 
   // Platform differences, one small function each.
   /// Asks that reads of this descriptor leave no pages in the cache (F_NOCACHE); a no-op where there is no
@@ -129,6 +148,10 @@ struct Posix {
   /// Starts writing what was written in [offset, offset + length) to the device, without waiting and without
   /// any promise, so that a later `fsync` has less to wait for; a no-op where it cannot be asked for.
   static void startWriteBack(int fd, std::uint64_t offset, std::uint64_t length) noexcept;
+  /// How many bytes of a file have blocks of their own that a write would use again, so that writing them
+  /// takes no free space; holes have none. 0 on file systems that write to new blocks and free the old ones
+  /// later, if at all. Throws `fileStatFailed`.
+  static std::uint64_t bytesInPlace(int fd, const std::string& path);
   /// Bytes available to an unprivileged writer on the path's file system. Throws `fileStatFailed`.
   static std::uint64_t availableBytes(const std::string& path);
 };

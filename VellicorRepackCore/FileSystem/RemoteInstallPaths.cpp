@@ -11,6 +11,10 @@ namespace vellicor {
 
 namespace {
 
+RepackError invalidBasename(const std::string& outputDirectory) {
+  return RepackError::installPathUnsafe(outputDirectory, "invalid output basename");
+}
+
 /// The base name in the form in which every file beside the output is named. The receipt spells the path as
 /// UTF-8, so a name that is none is refused like any other invalid one.
 std::string outputName(const std::string& standardizedOutput, const std::string& outputDirectory) {
@@ -18,7 +22,7 @@ std::string outputName(const std::string& standardizedOutput, const std::string&
   const bool isName = !name.empty() && name != "." && name != ".." && isWellFormedUtf8(name);
   std::string composed = isName ? canonicalComposition(name) : "";
   if (composed.empty() || composed.find('/') != std::string::npos) {
-    throw RepackError::installPathUnsafe(outputDirectory, "invalid output basename");
+    throw invalidBasename(outputDirectory);
   }
   return composed;
 }
@@ -32,6 +36,8 @@ void requireKind(const std::string& path, Posix::EntryKind allowed) {
 }  // namespace
 
 RemoteInstallPaths::RemoteInstallPaths(const std::string& outputDirectory) {
+  // Taken against the current directory, no path at all would name that directory itself.
+  if (outputDirectory.empty()) throw invalidBasename(outputDirectory);
   const std::string output = standardizedPath(outputDirectory);
   const std::string name = outputName(output, outputDirectory);
   const std::string parent = parentPath(output);

@@ -3,11 +3,10 @@
 #include <algorithm>
 #include <array>
 #include <exception>
-#include <filesystem>
 #include <map>
 #include <set>
+#include <span>
 #include <string_view>
-#include <system_error>
 #include <utility>
 
 #include <fmt/format.h>
@@ -39,6 +38,8 @@ struct Sidecar {
 };
 
 constexpr std::uint64_t mebibyte = 1048576;
+/// Files up to this size are cheap enough to be read again.
+constexpr std::uint64_t smallFileBytes = 64 * mebibyte;
 constexpr std::array<Sidecar, 5> sidecars = {{
     {"tokenizer.json", 64 * mebibyte, true},
     {"tokenizer_config.json", 4 * mebibyte, true},
@@ -108,13 +109,19 @@ struct HashedOutput {
   std::string sha256;
   std::uint64_t chunks = 0;
   std::int64_t scratchBytes = 0;
+  /// As the hashing began.
+  FileStamp stamp;
+  PayloadDamage damage;
 };
 
-void hashOutput(const std::string& file, const std::stop_token& stop, HashedOutput& output) {
+/// Reads a file from its first byte to its last. `pass`, when given, sees every byte.
+void hashOutput(const std::string& file, const CancellationToken& stop, PayloadProof::Pass* pass,
+                HashedOutput& output) {
   const FileDescriptor fd = Posix::openReadNoFollow(file);
   // The manifest will name this file, so its bytes are on the disk before its digest is recorded.
   Posix::fsync(fd.get(), file);
-  output.size = Posix::fileSize(fd.get(), file);
+  output.stamp = FileStamp::of(fd.get(), file);
+  output.size = output.stamp.size;
   PageCacheTrail trail(fd.get(), PageCacheTrail::Drops::allPages);
   AlignedBuffer buffer(hashChunkBytes);
   output.scratchBytes = hashChunkBytes;
@@ -124,19 +131,51 @@ void hashOutput(const std::string& file, const std::stop_token& stop, HashedOutp
     throwIfCancelled(stop);
     const std::uint64_t length = std::min<std::uint64_t>(buffer.size(), output.size - done);
     Posix::preadAll(fd.get(), file, buffer.data(), static_cast<std::int64_t>(length), done);
-    digest.update(buffer.bytes().first(static_cast<std::size_t>(length)));
+    const std::span<const std::byte> bytes = buffer.bytes().first(static_cast<std::size_t>(length));
+    digest.update(bytes);
+    if (pass != nullptr) pass->take(bytes);
     output.chunks += 1;
     done += length;
     trail.advanceTo(done);
   }
   trail.finishAt(output.size);
   output.sha256 = digest.finalizeHexString();
+  if (pass != nullptr) output.damage = pass->finish();
+}
+
+HashedOutput provenOutput(const std::string& file, const PayloadProof& proof, const CancellationToken& stop) {
+  HashedOutput output;
+  PayloadProof::Pass pass = proof.passOver(file);
+  hashOutput(file, stop, &pass, output);
+  return output;
+}
+
+std::vector<std::string> payloadPaths(const RepackPlan& plan) {
+  std::vector<std::string> relativePaths = {"model_weights.bin"};
+  for (const LayerFilePlan& layer : plan.layers) {
+    if (layer.expertsPerLayer < 1) continue;
+    relativePaths.push_back("packed_experts/" + lastPathComponent(layer.path));
+  }
+  return relativePaths;
+}
+
+void account(const HashedOutput& output, RepackAudit& audit) {
+  audit.largestScratchBytes = std::max(audit.largestScratchBytes, output.scratchBytes);
+  audit.byteCopyTiles += output.chunks;
+}
+
+RepackAudit::OutputFile recordOf(const char* relativePath, const std::string& content) {
+  return {.relativePath = relativePath, .size = content.size(), .sha256 = hashData(content)};
+}
+
+RepackError changedSince(const std::string& file) {
+  return RepackError::installStateCorrupt(file, "changed after it was recorded");
 }
 
 }  // namespace
 
 ArtifactRecorder::ArtifactRecorder(std::string partialDirectory, const RepackPlan& plan, RepackAudit& audit,
-                                   const ModelInstallProgressCallback& progress, std::stop_token stop)
+                                   const ModelInstallProgressCallback& progress, CancellationToken stop)
     : partialDirectory_(std::move(partialDirectory)),
       plan_(plan),
       audit_(audit),
@@ -147,13 +186,31 @@ std::string ArtifactRecorder::path(const std::string& relativePath) const {
   return joinPath(partialDirectory_, relativePath);
 }
 
-void ArtifactRecorder::recordPayload() {
-  std::vector<std::string> relativePaths = {"model_weights.bin"};
-  for (const LayerFilePlan& layer : plan_.layers) {
-    if (layer.expertsPerLayer < 1) continue;
-    relativePaths.push_back("packed_experts/" + lastPathComponent(layer.path));
+RecordedPayload ArtifactRecorder::recordPayload(const PayloadProof& proof) {
+  const std::vector<std::string> relativePaths = payloadPaths(plan_);
+  std::vector<HashedOutput> hashed(relativePaths.size());
+  // Some of them side by side; those that a stop or a failure cut short count as far as they came.
+  OrderedWork work(relativePaths.size(), Posix::availableProcessors(), stop_,
+                   [&](std::size_t item, const CancellationToken& stop) {
+                     const std::string file = path(relativePaths[item]);
+                     PayloadProof::Pass pass = proof.passOver(file);
+                     hashOutput(file, stop, &pass, hashed[item]);
+                   });
+  RecordedPayload payload;
+  for (std::size_t item = 0; item < relativePaths.size(); ++item) {
+    if (item > 0) throwIfCancelled(stop_);
+    announceHashing(relativePaths[item]);
+    const std::exception_ptr failure = failureOf([&] { work.next(); });
+    account(hashed[item], audit_);
+    if (failure) std::rethrow_exception(failure);
+    if (hashed[item].damage) {
+      payload.damage = std::move(hashed[item].damage);
+      return payload;
+    }
+    payload.stamps.emplace(relativePaths[item], hashed[item].stamp);
+    audit_.outputFiles.push_back({relativePaths[item], hashed[item].size, std::move(hashed[item].sha256)});
   }
-  recordOutputFiles(relativePaths);
+  return payload;
 }
 
 void ArtifactRecorder::requireReadableLayout(const RepackPlan& plan) {
@@ -168,7 +225,8 @@ void ArtifactRecorder::writeLayout() {
   const std::string layout = encodedLayout(plan_);
   const std::string file = path(ArtifactRecords::layoutPath);
   makeDirectory(parentPath(file));
-  Posix::atomicWrite(layout, file, parentPath(file));
+  clearPlace(ArtifactRecords::layoutPath);
+  Posix::atomicWrite(layout, file, parentPath(file), Posix::FileMode::shared);
   MorlenLayoutValidator::validate(file, plan_, &audit_);
   recordOutputFile(ArtifactRecords::layoutPath);
   throwIfCancelled(stop_);
@@ -184,46 +242,42 @@ void ArtifactRecorder::copyRemoteMetadataSidecars(const RemoteSnapshot& snapshot
     makeDirectory(directory);
     Posix::removeTree(path(relativePath));
     Posix::atomicWrite(Posix::readBoundedData(config, RemoteSnapshotLoader::maximumConfigBytes),
-                       path(relativePath), directory);
+                       path(relativePath), directory, Posix::FileMode::shared);
     recordOutputFile(relativePath);
   }
   for (const Sidecar& sidecar : sidecars) {
     throwIfCancelled(stop_);
     const std::optional<RemoteFileInfo> info = resolveSidecar(remote, sidecar, audit_);
     if (!info) continue;
-    remote.fetchSmallFile(sidecar.name, *info, sidecar.capBytes, joinPath(directory, sidecar.name), &audit_);
+    clearPlace(joinPath(sidecarDirectory, sidecar.name));
+    remote.fetchSmallFile(sidecar.name, *info, sidecar.capBytes, joinPath(directory, sidecar.name),
+                          Posix::FileMode::shared, &audit_);
     recordOutputFile(joinPath(sidecarDirectory, sidecar.name));
   }
   Posix::fsyncDirectory(directory);
 }
 
 void ArtifactRecorder::removeStrayEntries() {
-  std::set<std::string> kept;
+  std::set<std::string> directories, kept;
   for (const RepackAudit::OutputFile& output : audit_.outputFiles) {
     const std::string file = path(output.relativePath);
+    directories.insert(parentPath(file));
     kept.insert(file);
-    kept.insert(parentPath(file));
   }
+  kept.insert(directories.begin(), directories.end());
   // What cannot be removed stays: the manifest does not list it, and it harms no reader.
-  std::error_code ignored;
-  std::vector<std::filesystem::path> strays;
-  std::filesystem::recursive_directory_iterator entry(partialDirectory_, ignored);
-  for (; entry != std::filesystem::recursive_directory_iterator(); entry.increment(ignored)) {
-    if (kept.contains(entry->path().string())) continue;
-    entry.disable_recursion_pending();
-    strays.push_back(entry->path());
-  }
-  for (const std::filesystem::path& stray : strays) {
-    try {
-      Posix::removeTree(stray.string());
-    } catch (const std::exception&) {
-      continue;
-    }
+  for (const std::string& directory : directories) {
+    failureOf([&] {
+      for (const std::string& name : Posix::listDirectory(directory)) {
+        const std::string entry = joinPath(directory, name);
+        if (!kept.contains(entry)) failureOf([&] { Posix::removeTree(entry); });
+      }
+    });
   }
 }
 
-void ArtifactRecorder::writeManifestAndReceipt(const RemoteSnapshot& snapshot, const std::string& repoID,
-                                               const std::string& finalDirectory) {
+std::vector<RepackAudit::OutputFile> ArtifactRecorder::writeManifestAndReceipt(
+    const RemoteSnapshot& snapshot, const std::string& repoID, const std::string& finalDirectory) {
   std::vector<MorlenJSON::NamedFile> files;
   for (const RepackAudit::OutputFile& output : audit_.outputFiles) {
     files.push_back({output.relativePath, {output.size, output.sha256}});
@@ -234,7 +288,7 @@ void ArtifactRecorder::writeManifestAndReceipt(const RemoteSnapshot& snapshot, c
       layer == nullptr ? 0 : layer->expertsPerLayer, plan_.arch.numLayers,
       layer == nullptr ? 0 : layer->expertStride, manifestBitWidths(plan_));
   const std::string temporary = path(std::string(ArtifactRecords::manifestName) + ".tmp");
-  Posix::atomicWrite(manifest, temporary, partialDirectory_);
+  Posix::atomicWrite(manifest, temporary, partialDirectory_, Posix::FileMode::shared);
   audit_.outputBytesWritten += manifest.size();
   Posix::rename(temporary, path(ArtifactRecords::manifestName));
 
@@ -243,35 +297,67 @@ void ArtifactRecorder::writeManifestAndReceipt(const RemoteSnapshot& snapshot, c
       VerifiedInstallReceiptWriter::installToolVersion, audit_.outputFiles);
   MorlenDirectoryAccess(partialDirectory_)
       .atomicWrite(receipt, VerifiedInstallReceiptWriter::receiptFilename);
+  return {recordOf(ArtifactRecords::manifestName, manifest),
+          recordOf(VerifiedInstallReceiptWriter::receiptFilename, receipt)};
 }
 
-void ArtifactRecorder::requireInPlace() const {
-  for (const RepackAudit::OutputFile& output : audit_.outputFiles) {
-    Posix::openReadNoFollow(path(output.relativePath));
+PayloadDamage ArtifactRecorder::proveAgain(const RecordedPayload& payload, const PayloadProof& proof,
+                                           const std::vector<RepackAudit::OutputFile>& records) const {
+  for (const auto& [relativePath, stamp] : payload.stamps) {
+    const std::string file = path(relativePath);
+    if (Posix::entryKind(file) != Posix::EntryKind::regular) throw changedSince(file);
+    const FileDescriptor fd = Posix::openReadNoFollow(file);
+    const FileStamp now = FileStamp::of(fd.get(), file);
+    if (now.size <= smallFileBytes || !stamp.provesUnchanged(now)) {
+      HashedOutput again = provenOutput(file, proof, stop_);
+      if (again.damage) return std::move(again.damage);
+    }
+    // The path must still name what was looked at.
+    if (!Posix::descriptorMatchesPath(fd.get(), file)) throw changedSince(file);
   }
+  for (const RepackAudit::OutputFile& output : audit_.outputFiles) {
+    if (!payload.stamps.contains(output.relativePath)) requireUnchanged(output);
+  }
+  for (const RepackAudit::OutputFile& record : records) requireUnchanged(record);
+  return {};
+}
+
+void ArtifactRecorder::requireUnchanged(const RepackAudit::OutputFile& recorded) const {
+  const std::string file = path(recorded.relativePath);
+  if (Posix::entryKind(file) != Posix::EntryKind::regular) throw changedSince(file);
+  const FileDescriptor fd = Posix::openReadNoFollow(file);
+  HashedOutput again;
+  hashOutput(file, stop_, nullptr, again);
+  const bool isSameFile = again.stamp.inode == FileStamp::of(fd.get(), file).inode &&
+                          Posix::descriptorMatchesPath(fd.get(), file);
+  if (!isSameFile || again.size != recorded.size || again.sha256 != recorded.sha256) throw changedSince(file);
 }
 
 void ArtifactRecorder::makeDirectory(const std::string& directory) {
   if (Posix::entryKind(directory) != Posix::EntryKind::directory) Posix::removeTree(directory);
-  Posix::mkdirP(directory);
+  Posix::mkdir(directory);
 }
 
-void ArtifactRecorder::recordOutputFiles(const std::vector<std::string>& relativePaths) {
-  std::vector<HashedOutput> hashed(relativePaths.size());
-  OrderedWork work(relativePaths.size(), Posix::availableProcessors(), stop_,
-                   [&](std::size_t item, const std::stop_token& stop) {
-                     hashOutput(path(relativePaths[item]), stop, hashed[item]);
-                   });
-  for (std::size_t item = 0; item < relativePaths.size(); ++item) {
-    if (item > 0) throwIfCancelled(stop_);
-    progress_(HashingOutputProgress{relativePaths[item]});
-    throwIfCancelled(stop_);
-    const std::exception_ptr failure = failureOf([&] { work.next(); });
-    audit_.largestScratchBytes = std::max(audit_.largestScratchBytes, hashed[item].scratchBytes);
-    audit_.byteCopyTiles += hashed[item].chunks;
-    if (failure) std::rethrow_exception(failure);
-    audit_.outputFiles.push_back({relativePaths[item], hashed[item].size, std::move(hashed[item].sha256)});
-  }
+void ArtifactRecorder::clearPlace(const std::string& relativePath) const {
+  const std::string file = path(relativePath);
+  const Posix::EntryKind kind = Posix::entryKind(file);
+  const bool isFree = kind == Posix::EntryKind::absent || kind == Posix::EntryKind::regular;
+  if (!isFree) Posix::removeTree(file);
+}
+
+void ArtifactRecorder::announceHashing(const std::string& relativePath) const {
+  progress_(HashingOutputProgress{relativePath});
+  throwIfCancelled(stop_);
+}
+
+void ArtifactRecorder::recordOutputFile(const std::string& relativePath) {
+  announceHashing(relativePath);
+  HashedOutput hashed;
+  const std::exception_ptr failure =
+      failureOf([&] { hashOutput(path(relativePath), stop_, nullptr, hashed); });
+  account(hashed, audit_);
+  if (failure) std::rethrow_exception(failure);
+  audit_.outputFiles.push_back({relativePath, hashed.size, std::move(hashed.sha256)});
 }
 
 }  // namespace vellicor

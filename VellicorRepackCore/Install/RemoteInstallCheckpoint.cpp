@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <new>
 #include <optional>
 #include <set>
 #include <string_view>
@@ -66,8 +67,8 @@ RemoteCompletedRange decodeRange(const nlohmann::json& element, std::size_t inde
 }
 
 RemoteInstallCheckpoint decodeFields(std::string_view json) {
-  const nlohmann::json parsed = parseJson(json);
-  const JsonObject document(parsed, "");
+  const JsonTree parsed = parseJson(json);
+  const JsonObject document(parsed.root, "");
   RemoteInstallCheckpoint checkpoint;
   checkpoint.schema = document.integer("schema");
   checkpoint.repoID = document.string("repoID");
@@ -96,7 +97,7 @@ void RemoteInstallCheckpoint::write(const std::string& path, const std::string& 
   if (content.size() > maximumBytes) {
     throw RepackError::installStateCorrupt(path, fmt::format("checkpoint exceeds {}-byte cap", maximumBytes));
   }
-  Posix::atomicWrite(content, path, parentDirectory);
+  Posix::atomicWrite(content, path, parentDirectory, Posix::FileMode::ownerOnly);
 }
 
 std::string RemoteInstallCheckpoint::encoded() const {
@@ -129,6 +130,8 @@ RemoteInstallCheckpoint RemoteInstallCheckpoint::decode(std::string_view json, c
   RemoteInstallCheckpoint checkpoint;
   try {
     checkpoint = decodeFields(json);
+  } catch (const std::bad_alloc&) {
+    throw;
   } catch (const std::exception& error) {
     throw RepackError::installStateCorrupt(path, error.what());
   }

@@ -2,11 +2,8 @@
 
 #include <algorithm>
 #include <exception>
-#include <filesystem>
-#include <map>
 #include <optional>
 #include <set>
-#include <span>
 #include <utility>
 
 #include <fmt/format.h>
@@ -19,17 +16,20 @@
 #include "VellicorRepackCore/FileSystem/InstallLock.h"
 #include "VellicorRepackCore/FileSystem/Posix.h"
 #include "VellicorRepackCore/Install/ArtifactRecorder.h"
+#include "VellicorRepackCore/Install/PayloadProof.h"
+#include "VellicorRepackCore/Install/Promotion.h"
+#include "VellicorRepackCore/Install/SavedDownload.h"
 #include "VellicorRepackCore/Install/SourceByteProvider.h"
 #include "VellicorRepackCore/Output/ResidentWriter.h"
 #include "VellicorRepackCore/Remote/RemoteChunkPolicy.h"
 #include "VellicorRepackCore/Remote/RemoteSnapshotLoader.h"
+#include "VellicorRepackCore/Verification/VerifiedInstallTool.h"
 
 namespace vellicor {
 
 namespace {
 
 constexpr std::int64_t maximumWriteTileBytes = BoundedScratch::defaultLimitBytes;
-constexpr std::size_t proofBufferBytes = 524288;
 
 using EntryKind = Posix::EntryKind;
 
@@ -59,6 +59,7 @@ void checkEntryState(const RemoteInstallPaths& paths, const RemoteStreamingRepac
     throw RepackError::installStateIncompatible("saved download exists; resume or discard it");
   }
   if (!hasPartial && options.resume) throw RepackError::installStateMissing(paths.checkpointFile);
+  if (Posix::entryKind(paths.finalDirectory) == EntryKind::directory) Promotion::requireReplaceable(paths);
 }
 
 std::uint64_t totalOutputBytes(const RepackPlan& plan) {
@@ -72,33 +73,22 @@ std::uint64_t totalOutputBytes(const RepackPlan& plan) {
   return total;
 }
 
-bool beginsWith(int fd, const std::string& path, std::span<const std::byte> expected) {
-  AlignedBuffer buffer(std::min(proofBufferBytes, expected.size()));
-  for (std::size_t done = 0; done < expected.size();) {
-    const std::size_t length = std::min(buffer.size(), expected.size() - done);
-    Posix::preadAll(fd, path, buffer.data(), static_cast<std::int64_t>(length), done);
-    if (!std::equal(buffer.data(), buffer.data() + length, expected.data() + done)) return false;
-    done += length;
-  }
-  return true;
-}
-
 /// One install under its lock, from the checkpoint to the promoted artifact. Each step leaves what the next
 /// needs in a member; a failure anywhere leaves the disk as it is at that moment.
 class LockedInstall {
  public:
   LockedInstall(const RemoteStreamingRepackOptions& options, InstallLock& lock, RepackAudit& audit,
-                const ModelInstallProgressCallback& progress, const std::stop_token& stop)
+                const ModelInstallProgressCallback& progress, const CancellationToken& stop)
       : options_(options), lock_(lock), audit_(audit), progress_(progress), stop_(stop) {}
 
   RemoteStreamingRepackResult run() {
     throwIfCancelled(stop_);
     loadCheckpoint();
     loadSnapshotAndPlan();
-    if (resumed_) {
-      adoptCheckpoint(expectedCheckpoint());
-    } else {
+    if (!resumed_) {
       checkpoint_ = expectedCheckpoint();
+    } else if (adoptCheckpoint(expectedCheckpoint()) == Adopted::exchangedAlready) {
+      return options_.dryRunSpaceCheck ? finishDryRun() : finishExchange();
     }
     checkSpace();
     recordSource();
@@ -139,11 +129,19 @@ class LockedInstall {
                                                          : RemoteSnapshotLoader::KnownSource::accept;
     snapshot_ = RemoteSnapshotLoader::load(remote, knownSource, paths_.metadataDirectory, &audit_);
     remote_ = remote.pinned(snapshot_.resolvedCommit);
-    plan_ = RepackPlanner::plan(snapshot_.metadata, snapshot_.arch, snapshot_.shardHeaders,
-                                paths_.partialDirectory);
-    copies_ = RangeCopyPlanner::plan(plan_, options_.rangeChunkBytes, "identity", std::nullopt);
+    plan_ = planFor(paths_.partialDirectory);
+    copies_ = copiesOf(plan_);
     totalOutputBytes_ = totalOutputBytes(plan_);
     ArtifactRecorder::requireReadableLayout(plan_);
+    proof_.emplace(plan_, copies_, paths_.partialDirectory);
+  }
+
+  RepackPlan planFor(const std::string& directory) const {
+    return RepackPlanner::plan(snapshot_.metadata, snapshot_.arch, snapshot_.shardHeaders, directory);
+  }
+
+  RangeCopyPlan copiesOf(const RepackPlan& plan) const {
+    return RangeCopyPlanner::plan(plan, options_.rangeChunkBytes, "identity", std::nullopt);
   }
 
   RemoteInstallCheckpoint expectedCheckpoint() const {
@@ -156,79 +154,80 @@ class LockedInstall {
             .completedRanges = {}};
   }
 
-  void adoptCheckpoint(const RemoteInstallCheckpoint& expected) {
+  enum class Adopted { download, exchangedAlready };
+
+  Adopted adoptCheckpoint(const RemoteInstallCheckpoint& expected) {
     if (checkpoint_.resolvedCommit != expected.resolvedCommit ||
         checkpoint_.totalSourceBytes != expected.totalSourceBytes ||
         !checkpoint_.matches(expected.repoID, expected.requestedRevision, expected.sourceIndexSHA256,
                              expected.planFingerprint)) {
       throw RepackError::installStateIncompatible("saved download source or copy plan changed");
     }
-    if (outputFilesMatch()) {
-      checkpoint_.completedRanges = validatedCompletedRanges(checkpoint_.completedRanges);
-    } else {
-      clearPartialDirectory();
-      createOutputFiles();
-      checkpoint_.completedRanges.clear();
+    const bool filesMatch = SavedDownload::filesMatch(plan_, copies_, paths_.partialDirectory);
+    std::vector<RemoteCompletedRange> kept;
+    if (filesMatch) {
+      kept = SavedDownload::provenRanges(
+          checkpoint_.completedRanges, copies_, paths_.partialDirectory, stop_,
+          [&](const std::string& id, RangeProof proof) { proof_->add(id, std::move(proof)); });
     }
-    for (const RemoteCompletedRange& range : checkpoint_.completedRanges) {
+    for (const RemoteCompletedRange& range : kept) {
       reusedBytes_ = morlenCheckedAdd(reusedBytes_, range.sourceBytes, "reused bytes");
     }
+    const bool isLess = kept.size() < checkpoint_.completedRanges.size();
+    if (isLess && isExchanged(checkpoint_)) return Adopted::exchangedAlready;
+    if (!filesMatch) {
+      clearPartialDirectory();
+      createOutputFiles();
+    }
+    checkpoint_.completedRanges = std::move(kept);
     writeCheckpoint();
+    return Adopted::download;
   }
 
-  /// Whether the partial files are those of the plan: every one in its place, in no linked directory, at its
-  /// size, behind the plan's own index.
-  bool outputFilesMatch() const {
-    for (const RemoteExpectedOutput& output : copies_.expectedOutputs) {
-      const std::string path = joinPath(paths_.partialDirectory, output.relativePath);
-      if (Posix::entryKind(parentPath(path)) != EntryKind::directory) return false;
-      if (Posix::entryKind(path) != EntryKind::regular) return false;
-      if (Posix::fileSize(Posix::openReadNoFollow(path).get(), path) != output.size) return false;
+  /// Whether this is what a process leaves that ended right after its exchange: the output is a right
+  /// artifact of these very ranges, and the old one stands at the partial path.
+  bool isExchanged(const RemoteInstallCheckpoint& saved) const {
+    const std::size_t rangeCount = copies_.coalescedCopies.size();
+    if (!options_.overwrite || saved.completedRanges.size() != rangeCount) return false;
+    const std::string& output = paths_.finalDirectory;
+    try {
+      VerifiedInstallTool::check({output});
+      const RangeCopyPlan copies = copiesOf(planFor(output));
+      const auto forget = [](const std::string&, const RangeProof&) {};
+      return SavedDownload::provenRanges(saved.completedRanges, copies, output, stop_, forget).size() ==
+             rangeCount;
+    } catch (const RepackError&) {
+      return false;
     }
-    const std::string& path = plan_.resident.path;
-    return beginsWith(Posix::openReadNoFollow(path).get(), path, ResidentWriter::encodeIndex(plan_.resident));
-  }
-
-  /// The saved ranges whose bytes are still what they were; a range that differs is simply fetched again.
-  std::vector<RemoteCompletedRange> validatedCompletedRanges(
-      const std::vector<RemoteCompletedRange>& ranges) const {
-    std::map<std::string, const CoalescedRangeCopy*> copiesByID;
-    for (const CoalescedRangeCopy& copy : copies_.coalescedCopies) copiesByID.emplace(copy.id, &copy);
-
-    AlignedBuffer buffer(proofBufferBytes);
-    std::vector<RemoteCompletedRange> kept;
-    for (const RemoteCompletedRange& range : ranges) {
-      throwIfCancelled(stop_);
-      const auto copy = copiesByID.find(range.id);
-      if (copy == copiesByID.end() || range.sourceBytes != copy->second->size ||
-          range.destinationBytes != destinationByteCount(*copy->second)) {
-        throw RepackError::installStateCorrupt(paths_.partialDirectory,
-                                               "checkpoint contains an unknown range");
-      }
-      const std::string digest = HTTPRangeSourceByteProvider::destinationDigest(
-          *copy->second, paths_.partialDirectory, buffer.bytes());
-      if (digest == range.destinationDigest) kept.push_back(range);
-    }
-    std::sort(kept.begin(), kept.end(), [](const auto& a, const auto& b) { return a.id < b.id; });
-    return kept;
   }
 
   /// Empties the partial directory but for the metadata just fetched into it. The directory itself stays, so
   /// that it and the checkpoint exist together at every moment.
   void clearPartialDirectory() {
-    std::vector<std::string> entries;
-    for (const auto& entry : std::filesystem::directory_iterator(paths_.partialDirectory)) {
-      if (entry.path() != paths_.metadataDirectory) entries.push_back(entry.path().string());
+    for (const std::string& name : Posix::listDirectory(paths_.partialDirectory)) {
+      const std::string entry = joinPath(paths_.partialDirectory, name);
+      if (entry != paths_.metadataDirectory) Posix::removeTree(entry);
     }
-    for (const std::string& entry : entries) Posix::removeTree(entry);
+  }
+
+  /// The output bytes that a resume needs no more room for: those of the ranges that it keeps, or all that
+  /// have their blocks already where that is more. A compressed file has fewer blocks than it keeps.
+  std::uint64_t ownedOutputBytes() const {
+    std::uint64_t inPlace = 0;
+    for (const RemoteExpectedOutput& output : copies_.expectedOutputs) {
+      const std::string path = joinPath(paths_.partialDirectory, output.relativePath);
+      inPlace = morlenCheckedAdd(inPlace, Posix::bytesInPlace(Posix::openReadNoFollow(path).get(), path),
+                                 "owned bytes");
+    }
+    return std::max(std::min(inPlace, totalOutputBytes_),
+                    checkpoint_.validatedDestinationBytes(totalOutputBytes_, paths_.checkpointFile));
   }
 
   void checkSpace() {
     progress_(PlanningProgress{copies_.remoteBytesToDownload, totalOutputBytes_});
-    const std::uint64_t reused =
-        resumed_ ? checkpoint_.validatedDestinationBytes(totalOutputBytes_, paths_.checkpointFile) : 0;
+    const std::uint64_t owned = resumed_ ? ownedOutputBytes() : 0;
     const std::uint64_t required =
-        morlenCheckedAdd(totalOutputBytes_ - reused, static_cast<std::uint64_t>(options_.rangeChunkBytes),
+        morlenCheckedAdd(totalOutputBytes_ - owned, static_cast<std::uint64_t>(options_.rangeChunkBytes),
                          "required disk space");
     progress_(CheckingDiskProgress{
         DiskSpaceChecker::requireAvailable(paths_.parentDirectory, required, options_.minFreeReserveBytes)});
@@ -263,7 +262,7 @@ class LockedInstall {
   /// Creates every output at its final size, sparse, with the resident index in place, all of it durable.
   void createOutputFiles() {
     const std::string expertsDirectory = joinPath(paths_.partialDirectory, "packed_experts");
-    Posix::mkdirP(expertsDirectory);
+    Posix::mkdir(expertsDirectory);
     {
       const FileDescriptor resident = ResidentWriter::createAndWriteIndex(plan_.resident, audit_);
       Posix::fsync(resident.get(), plan_.resident.path);
@@ -294,7 +293,8 @@ class LockedInstall {
                         .temporaryPath = paths_.rangeTemporaryFile,
                         .audit = audit_,
                         .progress = report,
-                        .commit = [&](RemoteCompletedRange range) {
+                        .commit = [&](RemoteCompletedRange range, RangeProof proof) {
+                          proof_->add(range.id, std::move(proof));
                           checkpoint_.record(std::move(range));
                           writeCheckpoint();
                         }});
@@ -302,35 +302,46 @@ class LockedInstall {
 
   void finishArtifact() {
     ArtifactRecorder recorder(paths_.partialDirectory, plan_, audit_, progress_, stop_);
-    recorder.recordPayload();
+    const RecordedPayload payload = recorder.recordPayload(*proof_);
+    refuse(payload.damage);
     recorder.writeLayout();
     recorder.copyRemoteMetadataSidecars(snapshot_, *remote_);
     recorder.removeStrayEntries();
     progress_(FinalizingProgress{});
     throwIfCancelled(stop_);
     lock_.requirePartialDirectory();
-    recorder.writeManifestAndReceipt(snapshot_, options_.repoID, paths_.finalDirectory);
+    const std::vector<RepackAudit::OutputFile> records =
+        recorder.writeManifestAndReceipt(snapshot_, options_.repoID, paths_.finalDirectory);
     throwIfCancelled(stop_);
-    recorder.requireInPlace();
+    refuse(recorder.proveAgain(payload, *proof_, records));
     lock_.requirePartialDirectory();
+  }
+
+  /// Ends the install when there is damage, in a state whose resume fetches the damaged ranges and no other.
+  void refuse(const PayloadDamage& damage) {
+    if (!damage) return;
+    std::erase_if(checkpoint_.completedRanges, [&](const RemoteCompletedRange& range) {
+      return std::ranges::find(damage.rangeIDs, range.id) != damage.rangeIDs.end();
+    });
+    proof_->restoreOutside(damage.path);
+    writeCheckpoint();
+    throw RepackError::installStateCorrupt(
+        damage.path, damage.rangeIDs.empty()
+                         ? "bytes outside every range changed; they were put back"
+                         : fmt::format("{} changed after it was finished", damage.rangeIDs.front()));
   }
 
   void promote() {
     if (options_.overwrite && Posix::entryKind(paths_.finalDirectory) == EntryKind::directory) {
-      Posix::renameSwap(paths_.partialDirectory, paths_.finalDirectory);
-      Posix::fsyncDirectory(paths_.parentDirectory);
-      Posix::removeTree(paths_.partialDirectory);
+      Promotion::exchange(paths_);
     } else {
-      Posix::rename(paths_.partialDirectory, paths_.finalDirectory);
-      Posix::fsyncDirectory(paths_.parentDirectory);
+      Promotion::rename(paths_);
     }
-    try {
-      Posix::unlink(paths_.checkpointFile);
-      Posix::fsyncDirectory(paths_.parentDirectory);
-    } catch (const RepackError&) {
-      // The artifact is in place; a checkpoint that stays is reported by the next run.
-      return;
-    }
+  }
+
+  RemoteStreamingRepackResult finishExchange() {
+    Promotion::removeReplaced(paths_);
+    return result();
   }
 
   RemoteStreamingRepackResult result() const {
@@ -353,7 +364,7 @@ class LockedInstall {
   const RemoteInstallPaths& paths_ = lock_.paths();
   RepackAudit& audit_;
   const ModelInstallProgressCallback& progress_;
-  const std::stop_token& stop_;
+  const CancellationToken& stop_;
 
   bool resumed_ = false;
   RemoteInstallCheckpoint checkpoint_;
@@ -361,6 +372,7 @@ class LockedInstall {
   std::optional<HuggingFaceRemoteSource> remote_;
   RepackPlan plan_;
   RangeCopyPlan copies_;
+  std::optional<PayloadProof> proof_;
   std::uint64_t totalOutputBytes_ = 0;
   std::uint64_t reusedBytes_ = 0;
 };
@@ -373,7 +385,7 @@ void writeAudit(const RepackAudit& audit, const std::string& path, const std::st
 }  // namespace
 
 RemoteStreamingRepacker::RemoteStreamingRepacker(RemoteStreamingRepackOptions options, RepackAudit& audit,
-                                                 std::stop_token stop)
+                                                 CancellationToken stop)
     : options_(std::move(options)),
       audit_(audit),
       stop_(std::move(stop)),
@@ -382,6 +394,7 @@ RemoteStreamingRepacker::RemoteStreamingRepacker(RemoteStreamingRepackOptions op
 RemoteStreamingRepackResult RemoteStreamingRepacker::run(const ModelInstallProgressCallback& progress) {
   validateOptions(options_);
   InstallLock lock = InstallLock::acquire(options_.outputDir);
+  Promotion::clearTrial(lock.paths());
   checkEntryState(lock.paths(), options_);
   RemoteStreamingRepackResult result = LockedInstall(options_, lock, audit_, progress, stop_).run();
   if (result.dryRun) return result;
@@ -396,6 +409,7 @@ RemoteStreamingRepackResult RemoteStreamingRepacker::run(const ModelInstallProgr
 void RemoteStreamingRepacker::discardPartial(const std::string& outputDirectory) {
   const InstallLock lock = InstallLock::acquire(outputDirectory);
   const RemoteInstallPaths& paths = lock.paths();
+  Promotion::clearTrial(paths);
   const bool hasPartial = Posix::entryKind(paths.partialDirectory) != EntryKind::absent;
   const bool hasCheckpoint = Posix::entryKind(paths.checkpointFile) != EntryKind::absent;
   if (!hasPartial && !hasCheckpoint) throw RepackError::installStateMissing(paths.checkpointFile);

@@ -2,10 +2,10 @@
 
 #include <chrono>
 #include <cstdint>
-#include <stop_token>
 #include <string>
 #include <vector>
 
+#include "VellicorRepackCore/Base/Cancellation.h"
 #include "VellicorRepackCore/FileSystem/RemoteInstallPaths.h"
 #include "VellicorRepackCore/Install/RangeCopyPlanner.h"
 #include "VellicorRepackCore/Install/RemoteInstallCheckpoint.h"
@@ -39,7 +39,7 @@ class RemoteStreamingRepacker {
   /// `audit` is fresh and outlives the object. A stop asked for through `stop` ends `run` with
   /// `CancellationError` and leaves a resumable state.
   RemoteStreamingRepacker(RemoteStreamingRepackOptions options, RepackAudit& audit,
-                          std::stop_token stop = {});
+                          CancellationToken stop = {});
 
   /// One install. Throws `RepackError` and what the floors below pass up.
   RemoteStreamingRepackResult run(const ModelInstallProgressCallback& progress);
@@ -50,7 +50,7 @@ class RemoteStreamingRepacker {
  private:
   RemoteStreamingRepackOptions options_;
   RepackAudit& audit_;
-  std::stop_token stop_;
+  CancellationToken stop_;
   std::chrono::steady_clock::time_point startTime_;
 };
 

@@ -10,7 +10,6 @@
 #include "VellicorFormat/MorlenFormatV1.h"
 #include "VellicorRepackCore/Base/BoundedScratch.h"
 #include "VellicorRepackCore/Base/Cancellation.h"
-#include "VellicorRepackCore/Base/Sha256Stream.h"
 #include "VellicorRepackCore/FileSystem/Posix.h"
 #include "VellicorRepackCore/Remote/RemoteRetry.h"
 
@@ -60,11 +59,11 @@ class BatchCopier {
     const std::set<std::string> touched = scatter(copy);
     throwIfCancelled(remote_.stop);
     for (const std::string& path : touched) Posix::fsync(destinations_.open(path), path);
-    const std::string digest =
-        HTTPRangeSourceByteProvider::destinationDigest(copy, batch_.partialDirectory, tile_.bytes());
+    RangeProof proof = RangeProof::readBack(copy, batch_.partialDirectory, tile_.bytes());
     // The digest has read what the path names; it must be what was written.
     for (const std::string& path : touched) requireUnreplaced(path);
-    batch_.commit({copy.id, digest, copy.size, destinationByteCount(copy)});
+    RemoteCompletedRange range{copy.id, proof.digest, copy.size, destinationByteCount(copy)};
+    batch_.commit(std::move(range), std::move(proof));
     batch_.progress(downloaded_);
     removeTemporaryFile();
     throwIfCancelled(remote_.stop);
@@ -81,7 +80,7 @@ class BatchCopier {
                 fmt::format("range {}-{} exceeds {}", copy.sourceOffset, last, copy.shardID.text()));
           }
           const HttpRequest request = remote_.rangeRequest(copy.shardID, copy.sourceOffset, last);
-          Posix::mkdirP(remote_.tempDirectory);
+          Posix::mkdir(remote_.tempDirectory);
           return remote_.downloadSession->transfer(
               request, batch_.temporaryPath,
               {copy.shardID, copy.sourceOffset, copy.size, info.size, info.xetHash},
@@ -175,27 +174,7 @@ std::string HTTPRangeSourceByteProvider::destinationDigest(const CoalescedRangeC
                                                            std::span<std::byte> scratch) {
   std::optional<AlignedBuffer> ownBuffer;
   if (scratch.empty()) scratch = ownBuffer.emplace(digestBufferBytes).bytes();
-
-  FingerprintWriter digest;
-  digest.append("Vellicor.RemoteRangeDestination.v1");
-  digest.append(copy.id);
-  digest.append(std::uint64_t{copy.destinations.size()});
-  for (const RangeCopy& destination : copy.destinations) {
-    const std::string& path = destination.destinationPath;
-    digest.append(RangeCopyPlanner::normalizedRelativePath(path, partialDirectory));
-    digest.append(destination.destinationOffset);
-    digest.append(destination.sourceOffset - copy.sourceOffset);
-    digest.append(destination.size);
-    const FileDescriptor file = Posix::openReadNoFollow(path);
-    for (std::uint64_t done = 0; done < destination.size;) {
-      const std::uint64_t length = std::min<std::uint64_t>(scratch.size(), destination.size - done);
-      Posix::preadAll(file.get(), path, scratch.data(), static_cast<std::int64_t>(length),
-                      destination.destinationOffset + done);
-      digest.appendBytes(scratch.first(static_cast<std::size_t>(length)));
-      done += length;
-    }
-  }
-  return digest.finalizeHexString();
+  return RangeProof::readBack(copy, partialDirectory, scratch).digest;
 }
 
 }  // namespace vellicor

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "VellicorRepackCore/Install/RangeCopyPlanner.h"
+#include "VellicorRepackCore/Install/RangeProof.h"
 #include "VellicorRepackCore/Install/RemoteInstallCheckpoint.h"
 #include "VellicorRepackCore/Remote/HuggingFaceRemote.h"
 #include "VellicorRepackCore/Reporting/RepackAudit.h"
@@ -32,8 +33,9 @@ struct CopyBatch {
   RepackAudit& audit;
   /// Called with the bytes downloaded by this call so far.
   RemoteProgressCallback progress;
-  /// Called once per finished range, which is durable when it returns; its failure ends the call.
-  std::function<void(RemoteCompletedRange)> commit;
+  /// Called once per finished range, with what was read back of it; the range is durable when it returns. Its
+  /// failure ends the call.
+  std::function<void(RemoteCompletedRange, RangeProof)> commit;
 };
 
 /// Carries out the copy phase of an install.

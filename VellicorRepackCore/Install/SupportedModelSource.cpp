@@ -6,6 +6,7 @@
 #include "VellicorRepackCore/Base/Errors.h"
 #include "VellicorRepackCore/Remote/CurlTransport.h"
 #include "VellicorRepackCore/Remote/RemoteChunkPolicy.h"
+#include "VellicorRepackCore/Remote/TrustedCertificates.h"
 
 namespace vellicor {
 
@@ -33,7 +34,7 @@ RemoteUrl SupportedModelSource::hubURL() {
 std::shared_ptr<RemoteDownloadSession> SupportedModelSource::downloadSession(
     std::optional<std::string> caFile) {
   CurlTransport::Options options;
-  options.caFile = std::move(caFile);
+  options.caFile = TrustedCertificates::file(std::move(caFile));
   return std::make_shared<RemoteDownloadSession>(RemoteDownloadSessionPolicy{},
                                                  std::make_shared<CurlTransport>(std::move(options)));
 }

@@ -1,5 +1,6 @@
 #include "VellicorRepackCore/Output/MorlenLayoutValidator.h"
 
+#include <new>
 #include <unordered_map>
 
 #include <fmt/format.h>
@@ -19,6 +20,8 @@ MorlenPackedExpertsLayoutV1 readLayout(const std::string& path) {
   try {
     return MorlenPackedExpertsLayoutCodec::decode(
         Posix::readBoundedData(path, MorlenLayoutValidator::maximumLayoutBytes));
+  } catch (const std::bad_alloc&) {
+    throw;
   } catch (const std::exception& error) {
     throw failed(error.what());
   }

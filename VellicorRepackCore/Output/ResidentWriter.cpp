@@ -109,7 +109,7 @@ void ResidentWriter::writeIndex(const ResidentFilePlan& plan, int fd, RepackAudi
 }
 
 FileDescriptor ResidentWriter::createAndWriteIndex(const ResidentFilePlan& plan, RepackAudit& audit) {
-  Posix::mkdirP(parentPath(plan.path));
+  Posix::mkdir(parentPath(plan.path));
   FileDescriptor file = Posix::openCreateRWNoFollow(plan.path);
   Posix::ftruncate(file.get(), plan.path,
                    morlenCheckedAdd(plan.indexSize, plan.residentSize, "resident file size"));

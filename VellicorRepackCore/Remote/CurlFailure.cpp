@@ -6,8 +6,8 @@
 #include <system_error>
 
 #include <fmt/format.h>
+#include <openssl/x509.h>
 
-#include "VellicorRepackCore/Base/Environment.h"
 #include "VellicorRepackCore/Remote/RemoteHeaders.h"
 #include "VellicorRepackCore/Remote/RemoteRetry.h"
 
@@ -17,8 +17,7 @@ namespace {
 
 using Code = NetworkError::Code;
 
-// A failure of libcurl as a person reads it: {0} is the server's host and port, {1} the reason (": ..." or
-// nothing), {2} the redacted URL.
+// A failure of libcurl as a person reads it, see `urlError`; a reason is ": ..." or nothing.
 struct FailureText {
   CURLcode curlCode;
   Code code;
@@ -26,10 +25,9 @@ struct FailureText {
 };
 constexpr std::array failureTexts = {
     FailureText{CURLE_COULDNT_RESOLVE_HOST, Code::nameResolution, "could not find the address of {0} ({2})"},
-    FailureText{CURLE_COULDNT_RESOLVE_PROXY, Code::nameResolution,
-                "could not find the address of the proxy ({2})"},
+    FailureText{CURLE_COULDNT_RESOLVE_PROXY, Code::nameResolution, "could not find the address of {0} ({2})"},
     FailureText{CURLE_COULDNT_CONNECT, Code::cannotConnect, "could not connect to {0}{1} ({2})"},
-    FailureText{CURLE_PROXY, Code::cannotConnect, "the proxy could not be used to connect to {0} ({2})"},
+    FailureText{CURLE_PROXY, Code::cannotConnect, "{0} could not be used to connect to {3} ({2})"},
     FailureText{CURLE_GOT_NOTHING, Code::connectionLost, "{0} closed the connection without an answer ({2})"},
     FailureText{CURLE_PARTIAL_FILE, Code::connectionLost,
                 "{0} closed the connection within its answer's head ({2})"},
@@ -38,103 +36,110 @@ constexpr std::array failureTexts = {
     FailureText{CURLE_RECV_ERROR, Code::connectionLost, "the connection to {0} was lost{1} ({2})"},
     FailureText{CURLE_OUT_OF_MEMORY, Code::resourceUnavailable,
                 "not enough memory for the answer of {0} ({2})"},
-    FailureText{CURLE_PEER_FAILED_VERIFICATION, Code::tls, "the server's certificate is not trusted{1}: {2}"},
+    FailureText{CURLE_PEER_FAILED_VERIFICATION, Code::tls,
+                "the certificate of {0}{4} is not trusted{1} ({2})"},
     FailureText{CURLE_SSL_CACERT_BADFILE, Code::tls, "the certificates to trust could not be read{1} ({2})"},
     FailureText{CURLE_SSL_CONNECT_ERROR, Code::tls,
                 "no secure connection to {0} could be agreed on{1} ({2})"},
-    FailureText{CURLE_UNSUPPORTED_PROTOCOL, Code::other, "{0} gave an answer that is not HTTP ({2})"},
-    FailureText{CURLE_WEIRD_SERVER_REPLY, Code::other, "{0} gave an answer that is not HTTP ({2})"},
+    FailureText{CURLE_SSL_CLIENTCERT, Code::tls, "{0} asks for a certificate of this side ({2})"},
 };
 
-constexpr std::string_view proxyRefusal = "the proxy refused a connection to {0}{1} ({2})";
+constexpr std::string_view proxyRefusal = "{0} refused a connection to {3}{1} ({2})";
 constexpr std::string_view noSocket = "could not open a connection to {0}{1} ({2})";
-constexpr std::string_view unreachedWithProxy =
-    "could not connect to {0} or to the proxy that the environment names{1} ({2})";
 constexpr std::string_view otherFailure = "the exchange with {0} failed{1} ({2})";
+
+// CURLE_TOO_LARGE, which libcurl has had since 8.6.
+constexpr int tooLargeCode = 100;
 
 bool isOutOfResources(int error) {
   return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
 
-constexpr std::array lostConnectionErrors = {ECONNRESET,  EPIPE,    ECONNABORTED, ETIMEDOUT,
-                                             ENETUNREACH, ENETDOWN, EHOSTUNREACH};
-constexpr std::array<std::string_view, 3> handshakeEndTexts = {"SSL_ERROR_SYSCALL", "SSL_ERROR_ZERO_RETURN",
-                                                               "unexpected eof"};
-
-std::string systemMessage(int error) { return std::generic_category().message(error); }
-
-// The reason of a lost connection, which libcurl keeps in its text only.
-std::optional<int> quotedError(std::string_view text) {
-  for (const int error : lostConnectionErrors) {
-    if (text.find(systemMessage(error)) != std::string_view::npos) return error;
-  }
-  return std::nullopt;
+// What a connection that was there can end with; attempts to connect leave others.
+bool isLossError(int error) {
+  constexpr std::array errors = {ECONNRESET, ECONNABORTED, ETIMEDOUT, EHOSTUNREACH, ENETUNREACH, ENETDOWN};
+  return std::ranges::find(errors, error) != errors.end();
 }
 
-// ": " and what stands in `text` behind the last `mark`, or nothing.
-std::string textBehind(std::string_view text, std::string_view mark) {
-  const std::size_t at = text.rfind(mark);
-  return at == std::string_view::npos ? "" : fmt::format(": {}", text.substr(at + mark.size()));
-}
-
-bool isProxyNamed() {
-  constexpr std::array names = {"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"};
-  return std::ranges::any_of(names,
-                             [](const char* name) { return nonEmptyEnvironmentVariable(name).has_value(); });
-}
+// ": " and the system's words.
+std::string because(int error) { return error == 0 ? "" : ": " + std::generic_category().message(error); }
 
 }  // namespace
 
-NetworkError urlError(Code code, std::string_view text, const RemoteUrl& url, const std::string& reason) {
-  return {code, fmt::format(fmt::runtime(text), url.authority(), reason, redactRemoteURL(url))};
+std::string HopPeer::name(const RemoteUrl& url) const {
+  return isProxy ? fmt::format("the proxy {}", proxy) : url.authority();
 }
 
-NetworkError noAnswer(const RemoteUrl& url, std::chrono::duration<double> idleTimeout) {
-  return {Code::timedOut, fmt::format("no answer from {} for {} seconds ({})", url.host(),
+NetworkError urlError(Code code, std::string_view text, const RemoteUrl& url, const HopPeer& peer,
+                      const std::string& reason) {
+  const bool isThroughProxy = !peer.isProxy && !peer.proxy.empty();
+  const std::string way = isThroughProxy ? fmt::format(" through the proxy {}", peer.proxy) : "";
+  return {code, fmt::format(fmt::runtime(text), peer.name(url), reason, redactRemoteURL(url), url.authority(),
+                            way)};
+}
+
+NetworkError noAnswer(const RemoteUrl& url, const HopPeer& peer, std::chrono::duration<double> idleTimeout) {
+  return {Code::timedOut, fmt::format("no answer from {} for {} seconds ({})", peer.name(url),
                                       idleTimeout.count(), redactRemoteURL(url))};
 }
 
-NetworkError headTooLarge(const RemoteUrl& url) {
-  return urlError(Code::other, "the head of the answer of {0} is too large ({2})", url);
+NetworkError headTooLarge(const RemoteUrl& url, const HopPeer& peer) {
+  return urlError(Code::other, "the head of the answer of {0} is too large ({2})", url, peer);
+}
+
+NetworkError notHttp(const RemoteUrl& url, const HopPeer& peer) {
+  return urlError(Code::other, "{0} gave an answer that is not HTTP ({2})", url, peer);
 }
 
 NetworkError CurlFailure::networkError(const RemoteUrl& url) const {
-  if (proxyStatus >= 300) {
-    return urlError(RemoteRetryPolicy::isRetryableStatus(proxyStatus) ? Code::cannotConnect : Code::other,
-                    proxyRefusal, url, fmt::format(" with status {}", proxyStatus));
+  const CURLcode shown = meaning();
+  if (shown == CURLE_OPERATION_TIMEDOUT) return noAnswer(url, peer, idleTimeout);
+  if (peer.isProxy && proxyStatus >= 300 && !isLossError(lossError)) {
+    const bool mayPass = RemoteRetryPolicy::isRetryableStatus(proxyStatus);
+    return urlError(mayPass ? Code::cannotConnect : Code::other, proxyRefusal, url, peer,
+                    fmt::format(" with status {}", proxyStatus));
   }
-  if (code == CURLE_COULDNT_CONNECT && isOutOfResources(socketError)) {
-    return urlError(Code::resourceUnavailable, noSocket, url, ": " + systemMessage(socketError));
+  if (shown == CURLE_COULDNT_CONNECT && isOutOfResources(socketError)) {
+    return urlError(Code::resourceUnavailable, noSocket, url, peer, because(socketError));
   }
-  if (code == CURLE_COULDNT_CONNECT && isProxyNamed()) {
-    return urlError(Code::cannotConnect, unreachedWithProxy, url, reason());
-  }
-  if (code == CURLE_OPERATION_TIMEDOUT) return noAnswer(url, idleTimeout);
-  // So libcurl reports a single header line beyond its own limit.
-  if (code == CURLE_OUT_OF_MEMORY && isWithinHead) return headTooLarge(url);
-  const CURLcode shown = isCutOffHandshake() ? CURLE_SEND_ERROR : code;
+  if (shown == tooLargeCode) return headTooLarge(url, peer);
+  if (shown == CURLE_UNSUPPORTED_PROTOCOL || shown == CURLE_WEIRD_SERVER_REPLY) return notHttp(url, peer);
   const auto known = std::ranges::find(failureTexts, shown, &FailureText::curlCode);
-  if (known != failureTexts.end()) return urlError(known->code, known->text, url, reason());
-  return urlError(Code::other, otherFailure, url, fmt::format(": {}", curl_easy_strerror(code)));
+  if (known != failureTexts.end()) return urlError(known->code, known->text, url, peer, reason());
+  return urlError(Code::other, otherFailure, url, peer, fmt::format(": {}", curl_easy_strerror(code)));
+}
+
+// libcurl's code, or the one that says what it stands for here.
+CURLcode CurlFailure::meaning() const {
+  // A connection that ends within the TLS handshake is a lost one.
+  if (code == CURLE_SSL_CONNECT_ERROR && (isHandshakeCutOff || isLossError(lossError)))
+    return CURLE_RECV_ERROR;
+  // So older versions report a header or status line beyond libcurl's own limit.
+  if (code == CURLE_OUT_OF_MEMORY && isWithinHead) return static_cast<CURLcode>(tooLargeCode);
+  return code;
 }
 
 std::string CurlFailure::reason() const {
-  if (code == CURLE_COULDNT_CONNECT) {
-    return connectError == 0 ? "" : ": " + systemMessage(static_cast<int>(connectError));
+  switch (meaning()) {
+    case CURLE_COULDNT_CONNECT:
+      return because(connectError);
+    case CURLE_SEND_ERROR:
+    case CURLE_RECV_ERROR:
+      if (lossError == EPIPE) return because(ECONNRESET);
+      return isLossError(lossError) ? because(lossError) : "";
+    case CURLE_SSL_CACERT_BADFILE:
+      return caFile.empty() ? "" : " from " + caFile;
+    case CURLE_SSL_CONNECT_ERROR:
+      return handshakeReason.empty() ? "" : ": " + handshakeReason;
+    case CURLE_PEER_FAILED_VERIFICATION: {
+      // The second is where libcurl begins; a chain that does not hold has a result of its own.
+      const bool isOfAnotherName = verifyResult == X509_V_OK || verifyResult == X509_V_ERR_UNSPECIFIED;
+      return fmt::format(": {}", isOfAnotherName ? "it is made out to another name"
+                                                 : X509_verify_cert_error_string(verifyResult));
+    }
+    default:
+      return "";
   }
-  if (code == CURLE_SSL_CACERT_BADFILE) return caFile.empty() ? "" : " from " + caFile;
-  if (code == CURLE_PEER_FAILED_VERIFICATION) return textBehind(text, ": ");
-  const auto error = quotedError(text);
-  if (error) return ": " + systemMessage(*error);
-  return code == CURLE_SSL_CONNECT_ERROR ? textBehind(text, "::") : "";
-}
-
-// A connection that ends within the TLS handshake is a lost one, though libcurl reports a failed handshake.
-bool CurlFailure::isCutOffHandshake() const {
-  if (code != CURLE_SSL_CONNECT_ERROR) return false;
-  return quotedError(text) || std::ranges::any_of(handshakeEndTexts, [&](std::string_view end) {
-           return text.find(end) != std::string::npos;
-         });
 }
 
 }  // namespace vellicor

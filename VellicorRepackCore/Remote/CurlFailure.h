@@ -11,18 +11,36 @@
 
 namespace vellicor {
 
-/// What is known about a hop that libcurl could not bring to its end.
+/// Who is spoken with in a hop, as its messages name them.
+struct HopPeer {
+  /// "host:port" of the proxy that the hop goes through, "" for none.
+  std::string proxy{};
+  /// Whether the proxy itself is spoken with: its tunnel to the server is not open.
+  bool isProxy = false;
+
+  std::string name(const RemoteUrl& url) const;
+};
+
+/// What is known about a hop that libcurl could not bring to its end: codes and what the hop has reached,
+/// never libcurl's own sentences, which change from version to version.
 struct CurlFailure {
   CURLcode code = CURLE_OK;
-  /// libcurl's own account; quoted only where it is known to name neither the query nor a bare number.
-  std::string text{};
-  /// The errno of the last connection attempt and of creating a socket; 0 for none.
-  long connectError = 0;
+  HopPeer peer{};
+  /// The errno of the last attempt to connect, of the connection's loss, and of creating a socket; 0 for
+  /// none. A loss of EPIPE tells little: on a connection that is gone for whatever reason, libcurl's farewell
+  /// meets it and overwrites the reason.
+  int connectError = 0;
+  int lossError = 0;
   int socketError = 0;
-  /// The status of a proxy's answer, 0 for none.
-  long proxyStatus = 0;
-  /// The answer had begun, but its head was not complete.
+  /// The status of the proxy's last answer, 0 for none.
+  int proxyStatus = 0;
+  /// The first bytes of the answer have come, but not the end of its head.
   bool isWithinHead = false;
+  /// A TLS handshake was cut off by the connection's end, or has failed for that reason.
+  bool isHandshakeCutOff = false;
+  std::string handshakeReason{};
+  /// What is wrong with the certificate (X509_V_...), 0 for nothing that OpenSSL checks: its name, then.
+  long verifyResult = 0;
   /// The certificates to trust, "" for the system's.
   std::string caFile{};
   std::chrono::duration<double> idleTimeout{};
@@ -30,16 +48,17 @@ struct CurlFailure {
   NetworkError networkError(const RemoteUrl& url) const;
 
  private:
+  CURLcode meaning() const;
   std::string reason() const;
-  bool isCutOffHandshake() const;
 };
 
-/// An error whose text is a format of {0}, the server's host and port, {1}, the reason, and {2}, the redacted
-/// URL.
+/// An error whose text is a format of {0}, who was spoken with, {1}, the reason, {2}, the redacted URL, {3},
+/// the server's host and port, and {4}, " through the proxy " and its name, or nothing.
 NetworkError urlError(NetworkError::Code code, std::string_view text, const RemoteUrl& url,
-                      const std::string& reason = "");
+                      const HopPeer& peer = {}, const std::string& reason = "");
 
-NetworkError noAnswer(const RemoteUrl& url, std::chrono::duration<double> idleTimeout);
-NetworkError headTooLarge(const RemoteUrl& url);
+NetworkError noAnswer(const RemoteUrl& url, const HopPeer& peer, std::chrono::duration<double> idleTimeout);
+NetworkError headTooLarge(const RemoteUrl& url, const HopPeer& peer);
+NetworkError notHttp(const RemoteUrl& url, const HopPeer& peer);
 
 }  // namespace vellicor

@@ -1,29 +1,28 @@
 #include "VellicorRepackCore/Remote/CurlTransport.h"
 
 #include <algorithm>
-#include <array>
+#include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <cmath>
 #include <cstring>
 #include <exception>
 #include <new>
+#include <stdexcept>
 #include <string_view>
 #include <vector>
 
 #include <curl/curl.h>
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <ifaddrs.h>
-#include <net/if.h>
-#include <netinet/in.h>
-#include <openssl/crypto.h>
-#include <openssl/ssl.h>
 #include <sys/socket.h>
 
 #include "VellicorRepackCore/Base/Cancellation.h"
 #include "VellicorRepackCore/Base/Errors.h"
+#include "VellicorRepackCore/Base/NetworkRoute.h"
 #include "VellicorRepackCore/Remote/CurlFailure.h"
+#include "VellicorRepackCore/Remote/EnvironmentProxy.h"
+#include "VellicorRepackCore/Remote/HandshakeWatch.h"
 #include "VellicorRepackCore/Remote/RemoteHeaders.h"
 
 namespace vellicor {
@@ -35,8 +34,11 @@ using Seconds = std::chrono::duration<double>;
 using Code = NetworkError::Code;
 
 constexpr long receiveBufferBytes = 524288;
+// libcurl takes 16384 bytes for the line of a proxy's head, and reports a longer one as a lost connection.
+constexpr std::size_t longestProxyLine = 16000;
 constexpr std::chrono::seconds connectivityPollInterval{1};
-constexpr Seconds longestPoll{60.0};
+// Should a wake-up fail, a stop is seen this late.
+constexpr Seconds longestPoll{1.0};
 
 template <auto free>
 struct Free {
@@ -58,46 +60,94 @@ void set(CURL* easy, CURLoption option, T value) {
                      fmt::format("libcurl refuses an option that is needed: {}", curl_easy_strerror(code)));
 }
 
+void require(CURLMcode code) {
+  if (code == CURLM_OK) return;
+  if (code == CURLM_OUT_OF_MEMORY) throw std::bad_alloc();
+  throw NetworkError(Code::other, fmt::format("libcurl cannot go on: {}", curl_multi_strerror(code)));
+}
+
+long numberOf(CURL* easy, CURLINFO info) {
+  long number = 0;
+  return curl_easy_getinfo(easy, info, &number) == CURLE_OK ? number : 0;
+}
+
+// Whether the transfer has come to that event.
+bool hasReached(CURL* easy, CURLINFO event) {
+  curl_off_t microseconds = 0;
+  return curl_easy_getinfo(easy, event, &microseconds) == CURLE_OK && microseconds > 0;
+}
+
+// What a transport's hops share.
+struct HopSettings {
+  std::optional<std::string> caFile{};
+  std::size_t maximumHeaderBytes = 0;
+  unsigned long proxyAuthentication = CURLAUTH_ANY;
+};
+
 // One attempt at one hop: what libcurl's callbacks, which must not throw, need and leave behind.
 class Hop {
  public:
+  /// The watch outlives the hop's connection.
   Hop(const HttpRequest& request, const HttpHopLimits& limits, HttpObserver& observer,
-      const std::stop_token& stop, std::size_t maximumHeaderBytes)
+      const CancellationToken& stop, const HopSettings& settings, HandshakeWatch& handshakes)
       : request_(request),
         limits_(limits),
         observer_(observer),
         stop_(stop),
-        maximumHeaderBytes_(maximumHeaderBytes) {}
+        settings_(settings),
+        handshakes_(handshakes),
+        proxy_(EnvironmentProxy::forURL(request.url)) {
+    handshakes_.forget();
+  }
 
-  void configure(CURL* easy, const std::optional<std::string>& caFile);
+  void configure(CURL* easy);
 
   /// Throws what a callback ended the hop with, and when a stop is asked for.
   void throwIfBrokenOff() const;
   /// Until the hop is given up; throws when that time has come.
   Seconds timeLeft() const;
   bool isHeadDelivered() const { return isHeadDelivered_; }
-  NetworkError failure(CURL* easy, CURLcode curlCode) const;
+  NetworkError failure(CURLcode curlCode) const;
+  /// Whether the proxy has refused what was taken of the ways to log in that it offers, and offers others.
+  bool mayLogInOtherwise() const;
 
  private:
   static std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* hop);
   static std::size_t onBody(char* data, std::size_t size, std::size_t count, void* hop);
   static int onConnected(void* hop, char* address, char* localAddress, int port, int localPort);
+  static int onProgress(void* hop, curl_off_t, curl_off_t, curl_off_t, curl_off_t);
+  static CURLcode onTls(CURL* easy, void* tlsContext, void* hop);
   static curl_socket_t openSocket(void* hop, curlsocktype purpose, curl_sockaddr* address);
 
+  void configureTls(CURL* easy);
+  void configureProxy(CURL* easy);
+  void configureCallbacks(CURL* easy);
   template <typename Action>
-  std::size_t received(std::size_t bytes, Action action);
+  bool isTaken(Action action);
+  void checkPace();
   void takeHeaderLine(std::string_view line);
+  void takeProxyHead();
   void deliverHead();
+  bool isAtProxy() const { return proxy_ && !isAtServer_; }
+  HopPeer peer() const;
 
   const HttpRequest& request_;
   const HttpHopLimits& limits_;
   HttpObserver& observer_;
-  const std::stop_token& stop_;
-  std::size_t maximumHeaderBytes_;
+  const CancellationToken& stop_;
+  const HopSettings& settings_;
+  HandshakeWatch& handshakes_;
+  std::optional<EnvironmentProxy> proxy_;
+  CURL* easy_ = nullptr;
   List headers_;
-  std::string caFile_;
-  std::array<char, CURL_ERROR_SIZE> errorText_{};
   int socketError_ = 0;
+  // What libcurl keeps as errno from before the newest handshake or proxy's head, as of attempts to connect.
+  long earlierError_ = 0;
+  // Of the newest connection: what speaks on it is the server, no more the proxy.
+  bool isAtServer_ = false;
+  int proxyStatus_ = 0;
+  // Of a proxy's answer, since its last line of a head.
+  std::size_t readsSinceLine_ = 0;
   Clock::time_point lastSign_ = Clock::now();
   std::size_t headerBytes_ = 0;
   // The newest header block: its status line, then one entry per field.
@@ -129,27 +179,14 @@ List headerList(const HttpHeaders& headers) {
   return list;
 }
 
-// An abrupt end of stream is then an end like any other, and counting bytes finds what is missing.
-CURLcode acceptAbruptEnd(CURL*, void* context, void*) {
-  SSL_CTX_set_options(static_cast<SSL_CTX*>(context), SSL_OP_IGNORE_UNEXPECTED_EOF);
-  return CURLE_OK;
-}
-
-// Whether libcurl's TLS contexts are those of the OpenSSL that is linked here.
-bool sharesOpenSsl() {
-  const char* backend = curl_version_info(CURLVERSION_NOW)->ssl_version;
-  return backend != nullptr &&
-         std::string_view(backend).starts_with(fmt::format("OpenSSL/{}.", OPENSSL_version_major()));
-}
-
 // libcurl shares this time out among a host's addresses; 0 would mean its own default.
 long connectMilliseconds(Seconds idleTimeout) {
   return std::lround(std::clamp(idleTimeout.count() * 1000, 1.0, 86400000.0));
 }
 
-void Hop::configure(CURL* easy, const std::optional<std::string>& caFile) {
+void Hop::configure(CURL* easy) {
+  easy_ = easy;
   headers_ = headerList(request_.headers);
-  caFile_ = caFile.value_or("");
   set(easy, CURLOPT_URL, request_.url.string().c_str());
   set(easy, CURLOPT_PATH_AS_IS, 1L);
   set(easy, CURLOPT_PROTOCOLS_STR, "https");
@@ -157,16 +194,6 @@ void Hop::configure(CURL* easy, const std::optional<std::string>& caFile) {
   if (request_.method != "GET") set(easy, CURLOPT_CUSTOMREQUEST, request_.method.c_str());
   if (request_.method == "HEAD") set(easy, CURLOPT_NOBODY, 1L);
   set(easy, CURLOPT_HTTPHEADER, headers_.get());
-
-  set(easy, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
-  set(easy, CURLOPT_SSL_VERIFYPEER, 1L);
-  set(easy, CURLOPT_SSL_VERIFYHOST, 2L);
-  if (caFile) {
-    set(easy, CURLOPT_CAINFO, caFile->c_str());
-    set(easy, CURLOPT_CAPATH, static_cast<const char*>(nullptr));
-  }
-  if (sharesOpenSsl()) set(easy, CURLOPT_SSL_CTX_FUNCTION, &acceptAbruptEnd);
-
   // CURLOPT_NOSIGNAL stays off: libcurl then keeps SIGPIPE from the process itself. Its resolver has a thread
   // of its own, so it uses no alarm.
   set(easy, CURLOPT_QUICK_EXIT, 1L);
@@ -174,8 +201,38 @@ void Hop::configure(CURL* easy, const std::optional<std::string>& caFile) {
   set(easy, CURLOPT_CONNECTTIMEOUT_MS, connectMilliseconds(limits_.idleTimeout));
   // Refused, without harm, while the buffer of a hop that failed early is still there.
   static_cast<void>(curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, receiveBufferBytes));
-  set(easy, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
-  set(easy, CURLOPT_ERRORBUFFER, errorText_.data());
+  configureTls(easy);
+  configureProxy(easy);
+  configureCallbacks(easy);
+}
+
+void Hop::configureTls(CURL* easy) {
+  set(easy, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+  set(easy, CURLOPT_SSL_VERIFYPEER, 1L);
+  set(easy, CURLOPT_SSL_VERIFYHOST, 2L);
+  set(easy, CURLOPT_PROXY_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+  set(easy, CURLOPT_PROXY_SSL_VERIFYPEER, 1L);
+  set(easy, CURLOPT_PROXY_SSL_VERIFYHOST, 2L);
+  if (settings_.caFile) {
+    for (const CURLoption file : {CURLOPT_CAINFO, CURLOPT_PROXY_CAINFO})
+      set(easy, file, settings_.caFile->c_str());
+    for (const CURLoption folder : {CURLOPT_CAPATH, CURLOPT_PROXY_CAPATH}) {
+      set(easy, folder, static_cast<const char*>(nullptr));
+    }
+  }
+  // Other TLS libraries may not know the option; the watch sees nothing then.
+  static_cast<void>(curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, &onTls));
+  static_cast<void>(curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, this));
+}
+
+// An empty text keeps libcurl from the environment, which has been read already.
+void Hop::configureProxy(CURL* easy) {
+  set(easy, CURLOPT_PROXY, proxy_ ? proxy_->url.c_str() : "");
+  set(easy, CURLOPT_NOPROXY, "");
+  set(easy, CURLOPT_PROXYAUTH, settings_.proxyAuthentication);
+}
+
+void Hop::configureCallbacks(CURL* easy) {
   set(easy, CURLOPT_OPENSOCKETFUNCTION, &openSocket);
   set(easy, CURLOPT_OPENSOCKETDATA, this);
   set(easy, CURLOPT_PREREQFUNCTION, &onConnected);
@@ -184,55 +241,99 @@ void Hop::configure(CURL* easy, const std::optional<std::string>& caFile) {
   set(easy, CURLOPT_HEADERDATA, this);
   set(easy, CURLOPT_WRITEFUNCTION, &onBody);
   set(easy, CURLOPT_WRITEDATA, this);
+  set(easy, CURLOPT_XFERINFOFUNCTION, &onProgress);
+  set(easy, CURLOPT_XFERINFODATA, this);
+  set(easy, CURLOPT_NOPROGRESS, 0L);
 }
 
+// Any other count than that of the bytes makes libcurl break the hop off.
 std::size_t Hop::onHeader(char* data, std::size_t size, std::size_t count, void* hop) {
   auto* self = static_cast<Hop*>(hop);
-  return self->received(size * count, [&] { self->takeHeaderLine({data, size * count}); });
+  const std::size_t bytes = size * count;
+  if (!self->isTaken([&] { self->takeHeaderLine({data, bytes}); })) return bytes == 0 ? 1 : 0;
+  self->lastSign_ = Clock::now();
+  return bytes;
 }
 
 std::size_t Hop::onBody(char* data, std::size_t size, std::size_t count, void* hop) {
   auto* self = static_cast<Hop*>(hop);
-  return self->received(size * count,
-                        [&] { self->observer_.onData(std::as_bytes(std::span(data, size * count))); });
-}
-
-// Any other count than `bytes` makes libcurl break the hop off.
-template <typename Action>
-std::size_t Hop::received(std::size_t bytes, Action action) {
-  try {
-    throwIfCancelled(stop_);
-    action();
-  } catch (...) {
-    refusal_ = std::current_exception();
+  const std::size_t bytes = size * count;
+  if (!self->isTaken([&] { self->observer_.onData(std::as_bytes(std::span(data, bytes))); })) {
     return bytes == 0 ? 1 : 0;
   }
-  lastSign_ = Clock::now();
+  self->lastSign_ = Clock::now();
   return bytes;
 }
 
+// libcurl also asks for each byte that it reads of a proxy's answer, of which it drops what is no head.
+int Hop::onProgress(void* hop, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+  auto* self = static_cast<Hop*>(hop);
+  return self->isTaken([&] { self->checkPace(); }) ? 0 : 1;
+}
+
+void Hop::checkPace() {
+  static_cast<void>(timeLeft());
+  if (!isAtProxy()) return;
+  const std::size_t most = proxyStatus_ == 0 ? std::min(longestProxyLine, settings_.maximumHeaderBytes)
+                                             : settings_.maximumHeaderBytes;
+  if (++readsSinceLine_ <= most) return;
+  if (proxyStatus_ == 0) throw headTooLarge(request_.url, peer());
+  throw urlError(Code::other, "the answer of {0} is too large ({2})", request_.url, peer());
+}
+
+// Whether the action threw nothing, and no stop is asked for.
+template <typename Action>
+bool Hop::isTaken(Action action) {
+  try {
+    throwIfBrokenOff();
+    action();
+  } catch (...) {
+    refusal_ = std::current_exception();
+    return false;
+  }
+  return true;
+}
+
 int Hop::onConnected(void* hop, char*, char*, int, int) {
-  static_cast<Hop*>(hop)->lastSign_ = Clock::now();
+  auto* self = static_cast<Hop*>(hop);
+  self->lastSign_ = Clock::now();
+  self->isAtServer_ = true;
+  self->headerBytes_ = 0;
   return CURL_PREREQFUNC_OK;
 }
 
+CURLcode Hop::onTls(CURL*, void* tlsContext, void* hop) {
+  auto* self = static_cast<Hop*>(hop);
+  self->handshakes_.begin(tlsContext);
+  self->earlierError_ = numberOf(self->easy_, CURLINFO_OS_ERRNO);
+  // A SOCKS proxy shows in no head that its tunnel is open.
+  if (self->proxy_ && !self->proxy_->isHttp) self->isAtServer_ = true;
+  return CURLE_OK;
+}
+
+// On a new connection, a proxy comes first again.
 curl_socket_t Hop::openSocket(void* hop, curlsocktype, curl_sockaddr* address) {
+  auto* self = static_cast<Hop*>(hop);
   const int descriptor = ::socket(address->family, address->socktype, address->protocol);
   if (descriptor < 0) {
-    static_cast<Hop*>(hop)->socketError_ = errno;
+    self->socketError_ = errno;
     return CURL_SOCKET_BAD;
   }
+  self->isAtServer_ = !self->proxy_;
+  self->proxyStatus_ = 0;
+  self->lines_.clear();
   ::fcntl(descriptor, F_SETFD, FD_CLOEXEC);
   return descriptor;
 }
 
 void Hop::takeHeaderLine(std::string_view line) {
-  if (line.size() > maximumHeaderBytes_ - headerBytes_) throw headTooLarge(request_.url);
+  if (line.size() > settings_.maximumHeaderBytes - headerBytes_) throw headTooLarge(request_.url, peer());
   headerBytes_ += line.size();
+  readsSinceLine_ = 0;
   if (isHeadDelivered_) return;  // Trailers of a chunked body.
   line = line.substr(0, line.find_last_not_of("\r\n") + 1);
   if (line.empty()) {
-    deliverHead();
+    isAtServer_ ? deliverHead() : takeProxyHead();
   } else if (line.starts_with("HTTP/")) {
     lines_ = {std::string(line)};
   } else if ((line.front() == ' ' || line.front() == '\t') && !lines_.empty()) {
@@ -240,6 +341,15 @@ void Hop::takeHeaderLine(std::string_view line) {
   } else {
     lines_.emplace_back(line);
   }
+}
+
+// libcurl itself answers a proxy that asks for a password; only the last of its heads counts.
+void Hop::takeProxyHead() {
+  earlierError_ = numberOf(easy_, CURLINFO_OS_ERRNO);
+  const std::vector<std::string> head = std::exchange(lines_, {});
+  if (head.empty() || !head.front().starts_with("HTTP/")) throw notHttp(request_.url, peer());
+  proxyStatus_ = statusOf(head.front());
+  isAtServer_ = proxyStatus_ >= 200 && proxyStatus_ < 300;
 }
 
 void Hop::deliverHead() {
@@ -256,16 +366,30 @@ void Hop::deliverHead() {
   observer_.onResponse(head);
 }
 
-NetworkError Hop::failure(CURL* easy, CURLcode curlCode) const {
-  CurlFailure failure{.code = curlCode,
-                      .text = errorText_.data(),
-                      .socketError = socketError_,
-                      .isWithinHead = !lines_.empty() && !isHeadDelivered_,
-                      .caFile = caFile_,
-                      .idleTimeout = limits_.idleTimeout};
-  curl_easy_getinfo(easy, CURLINFO_OS_ERRNO, &failure.connectError);
-  curl_easy_getinfo(easy, CURLINFO_HTTP_CONNECTCODE, &failure.proxyStatus);
-  return failure.networkError(request_.url);
+HopPeer Hop::peer() const { return {.proxy = proxy_ ? proxy_->authority : "", .isProxy = isAtProxy()}; }
+
+NetworkError Hop::failure(CURLcode curlCode) const {
+  const long error = numberOf(easy_, CURLINFO_OS_ERRNO);
+  return CurlFailure{.code = curlCode,
+                     .peer = peer(),
+                     .connectError = static_cast<int>(error),
+                     .lossError = error == earlierError_ ? 0 : static_cast<int>(error),
+                     .socketError = socketError_,
+                     .proxyStatus = proxyStatus_,
+                     .isWithinHead = !isHeadDelivered_ && hasReached(easy_, CURLINFO_STARTTRANSFER_TIME_T),
+                     .isHandshakeCutOff = handshakes_.isCutOff(),
+                     .handshakeReason = handshakes_.reason(),
+                     .verifyResult = numberOf(
+                         easy_, isAtProxy() ? CURLINFO_PROXY_SSL_VERIFYRESULT : CURLINFO_SSL_VERIFYRESULT),
+                     .caFile = settings_.caFile.value_or(""),
+                     .idleTimeout = limits_.idleTimeout}
+      .networkError(request_.url);
+}
+
+bool Hop::mayLogInOtherwise() const {
+  const auto offered = static_cast<unsigned long>(numberOf(easy_, CURLINFO_PROXYAUTH_AVAIL));
+  const bool isTaken = (offered & settings_.proxyAuthentication & CURLAUTH_NEGOTIATE) != 0;
+  return proxyStatus_ == 407 && isTaken && (offered & ~CURLAUTH_NEGOTIATE) != 0;
 }
 
 void Hop::throwIfBrokenOff() const {
@@ -278,9 +402,10 @@ Seconds Hop::timeLeft() const {
   const Seconds untilIdle = limits_.idleTimeout - (now - lastSign_);
   const Seconds untilDeadline = limits_.deadline - now;
   if (untilDeadline <= Seconds::zero()) {
-    throw urlError(Code::timedOut, "the exchange with {0} did not end within its time ({2})", request_.url);
+    throw urlError(Code::timedOut, "the exchange with {0} did not end within its time ({2})", request_.url,
+                   peer());
   }
-  if (untilIdle <= Seconds::zero()) throw noAnswer(request_.url, limits_.idleTimeout);
+  if (untilIdle <= Seconds::zero()) throw noAnswer(request_.url, peer(), limits_.idleTimeout);
   return std::min(untilIdle, untilDeadline);
 }
 
@@ -288,9 +413,10 @@ Seconds Hop::timeLeft() const {
 // Taken out before its transfer has ended, its connection is closed instead of kept.
 class HandleRelease {
  public:
-  HandleRelease(CURLM* multi, CURL* easy) : multi_(multi), easy_(easy) {}
+  /// `isUsable` becomes false should libcurl not let go.
+  HandleRelease(CURLM* multi, CURL* easy, bool& isUsable) : multi_(multi), easy_(easy), isUsable_(isUsable) {}
   ~HandleRelease() {
-    curl_multi_remove_handle(multi_, easy_);
+    isUsable_ = curl_multi_remove_handle(multi_, easy_) == CURLM_OK;
     curl_easy_reset(easy_);
   }
   HandleRelease(const HandleRelease&) = delete;
@@ -299,32 +425,27 @@ class HandleRelease {
  private:
   CURLM* multi_;
   CURL* easy_;
+  bool& isUsable_;
+};
+
+// Refuses a second thread, and an observer that comes back.
+class OneAtATime {
+ public:
+  explicit OneAtATime(std::atomic_flag& isTaken) : isTaken_(isTaken) {
+    if (isTaken_.test_and_set(std::memory_order_acquire)) {
+      throw std::logic_error("a transport performs one hop at a time, for one thread");
+    }
+  }
+  ~OneAtATime() { isTaken_.clear(std::memory_order_release); }
+  OneAtATime(const OneAtATime&) = delete;
+  OneAtATime& operator=(const OneAtATime&) = delete;
+
+ private:
+  std::atomic_flag& isTaken_;
 };
 
 bool isLoopback(const std::string& host) {
   return host == "localhost" || host == "[::1]" || host.starts_with("127.");
-}
-
-// Link-local addresses lead nowhere; some systems always have them.
-bool isRoutable(const sockaddr* address) {
-  if (address == nullptr) return false;
-  if (address->sa_family == AF_INET) return true;
-  if (address->sa_family != AF_INET6) return false;
-  sockaddr_in6 v6{};
-  std::memcpy(&v6, address, sizeof(v6));
-  return v6.sin6_addr.s6_addr[0] != 0xFE || (v6.sin6_addr.s6_addr[1] & 0xC0) != 0x80;
-}
-
-bool hasNetworkInterface() {
-  ifaddrs* first = nullptr;
-  if (::getifaddrs(&first) != 0) return true;
-  const std::unique_ptr<ifaddrs, Free<freeifaddrs>> owned(first);
-  for (const ifaddrs* entry = first; entry != nullptr; entry = entry->ifa_next) {
-    const bool isUp = (entry->ifa_flags & IFF_UP) != 0 && (entry->ifa_flags & IFF_RUNNING) != 0;
-    const bool isLoopbackInterface = (entry->ifa_flags & IFF_LOOPBACK) != 0;
-    if (isUp && !isLoopbackInterface && isRoutable(entry->ifa_addr)) return true;
-  }
-  return false;
 }
 
 void initializeLibrary() {
@@ -335,10 +456,8 @@ void initializeLibrary() {
 // What comes first on a kept connection and is no HTTP may be the end of an earlier answer that was longer
 // than it said, or of one to HEAD that should have had no body.
 bool mayBeOfEarlierAnswer(CURL* easy, CURLcode code) {
-  long newConnections = 0;
-  curl_easy_getinfo(easy, CURLINFO_NUM_CONNECTS, &newConnections);
   const bool isNoHttp = code == CURLE_UNSUPPORTED_PROTOCOL || code == CURLE_WEIRD_SERVER_REPLY;
-  return isNoHttp && newConnections == 0;
+  return isNoHttp && numberOf(easy, CURLINFO_NUM_CONNECTS) == 0;
 }
 
 int pollMilliseconds(Seconds duration) {
@@ -348,72 +467,101 @@ int pollMilliseconds(Seconds duration) {
 }  // namespace
 
 struct CurlTransport::Impl {
-  explicit Impl(Options transportOptions) : options(std::move(transportOptions)) {
+  explicit Impl(Options transportOptions)
+      : settings{.caFile = std::move(transportOptions.caFile),
+                 .maximumHeaderBytes = transportOptions.maximumHeaderBytes},
+        hasNetwork(std::move(transportOptions.hasNetwork)) {
     initializeLibrary();
-    multi.reset(curl_multi_init());
-    easy.reset(curl_easy_init());
-    if (!multi || !easy) throw std::bad_alloc();
-    curl_multi_setopt(multi.get(), CURLMOPT_MAX_HOST_CONNECTIONS, 1L);
-    if (!options.hasNetwork) options.hasNetwork = hasNetworkInterface;
+    makeHandles();
+    if (!hasNetwork) hasNetwork = hasDefaultRoute;
   }
 
   struct Failure {
     NetworkError error;
     bool mayBeOfEarlierAnswer = false;
+    bool mayLogInOtherwise = false;
   };
+  void makeEasy();
+  void makeHandles();
   std::optional<Failure> attempt(Hop& hop);
   CURLcode run(const Hop& hop);
   bool shouldWaitForNetwork(const NetworkError& failure, const HttpRequest& request,
                             const HttpHopLimits& limits) const;
 
-  Options options;
+  HopSettings settings;
+  std::function<bool()> hasNetwork;
+  std::atomic_flag isTaken = ATOMIC_FLAG_INIT;
+  HandshakeWatch handshakes;
   Multi multi;
   Easy easy;
+  bool isUsable = false;
 };
+
+void CurlTransport::Impl::makeEasy() {
+  easy.reset(curl_easy_init());
+  if (!easy) throw std::bad_alloc();
+}
+
+void CurlTransport::Impl::makeHandles() {
+  makeEasy();
+  multi.reset(curl_multi_init());
+  if (!multi) throw std::bad_alloc();
+  isUsable = true;
+}
 
 // The failure that libcurl reports, if any.
 std::optional<CurlTransport::Impl::Failure> CurlTransport::Impl::attempt(Hop& hop) {
-  const HandleRelease release(multi.get(), easy.get());
-  hop.configure(easy.get(), options.caFile);
-  if (curl_multi_add_handle(multi.get(), easy.get()) != CURLM_OK) throw std::bad_alloc();
+  // Some versions of libcurl keep the errno of earlier hops. Connections are the multi handle's.
+  if (numberOf(easy.get(), CURLINFO_OS_ERRNO) != 0) makeEasy();
+  const HandleRelease release(multi.get(), easy.get(), isUsable);
+  hop.configure(easy.get());
+  require(curl_multi_add_handle(multi.get(), easy.get()));
   const CURLcode result = run(hop);
   const bool hasEnded = result == CURLE_OK || result == CURLE_PARTIAL_FILE;
   if (hasEnded && hop.isHeadDelivered()) return std::nullopt;
-  return Failure{hop.failure(easy.get(), result), mayBeOfEarlierAnswer(easy.get(), result)};
+  return Failure{hop.failure(result), mayBeOfEarlierAnswer(easy.get(), result), hop.mayLogInOtherwise()};
 }
 
 CURLcode CurlTransport::Impl::run(const Hop& hop) {
   while (true) {
     hop.throwIfBrokenOff();
     int count = 0;
-    curl_multi_perform(multi.get(), &count);
+    require(curl_multi_perform(multi.get(), &count));
     hop.throwIfBrokenOff();
     const CURLMsg* message = curl_multi_info_read(multi.get(), &count);
     if (message != nullptr && message->msg == CURLMSG_DONE) return message->data.result;
-    curl_multi_poll(multi.get(), nullptr, 0, pollMilliseconds(hop.timeLeft()), nullptr);
+    require(curl_multi_poll(multi.get(), nullptr, 0, pollMilliseconds(hop.timeLeft()), nullptr));
   }
 }
 
 bool CurlTransport::Impl::shouldWaitForNetwork(const NetworkError& failure, const HttpRequest& request,
                                                const HttpHopLimits& limits) const {
   const bool isUnreached = failure.code() == Code::cannotConnect || failure.code() == Code::nameResolution;
-  return isUnreached && limits.waitsForConnectivity && !isLoopback(request.url.host()) &&
-         !options.hasNetwork();
+  return isUnreached && limits.waitsForConnectivity && !isLoopback(request.url.host()) && !hasNetwork();
 }
 
 CurlTransport::CurlTransport(Options options) : impl_(std::make_unique<Impl>(std::move(options))) {}
 CurlTransport::~CurlTransport() = default;
 
 void CurlTransport::perform(const HttpRequest& request, const HttpHopLimits& limits, HttpObserver& observer,
-                            const std::stop_token& stop) {
+                            const CancellationToken& stop) {
   if (request.url.scheme() != "https") {
     throw urlError(Code::other, "only HTTPS addresses are fetched ({2})", request.url);
   }
-  const std::stop_callback wakeUp(stop, [this] { curl_multi_wakeup(impl_->multi.get()); });
+  const OneAtATime turn(impl_->isTaken);
+  if (!impl_->isUsable) impl_->makeHandles();
+  const long mostConnections = std::max(1, limits.maximumConnectionsPerHost);
+  require(curl_multi_setopt(impl_->multi.get(), CURLMOPT_MAX_HOST_CONNECTIONS, mostConnections));
+  const CancellationCallback wakeUp(stop,
+                                    [this] { static_cast<void>(curl_multi_wakeup(impl_->multi.get())); });
   while (true) {
-    Hop hop(request, limits, observer, stop, impl_->options.maximumHeaderBytes);
+    Hop hop(request, limits, observer, stop, impl_->settings, impl_->handshakes);
     const auto failure = impl_->attempt(hop);
     if (!failure) return;
+    if (failure->mayLogInOtherwise) {
+      impl_->settings.proxyAuthentication &= ~CURLAUTH_NEGOTIATE;
+      continue;
+    }
     // libcurl has closed the connection; the next one is new. The methods sent here may be sent twice.
     if (failure->mayBeOfEarlierAnswer) continue;
     if (!impl_->shouldWaitForNetwork(failure->error, request, limits)) throw NetworkError(failure->error);

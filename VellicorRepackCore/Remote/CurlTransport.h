@@ -6,14 +6,16 @@
 #include <optional>
 #include <string>
 
+#include "VellicorRepackCore/Base/Cancellation.h"
 #include "VellicorRepackCore/Remote/HttpTransport.h"
 
 namespace vellicor {
 
 /// The real transport, over libcurl: HTTPS only, certificates always verified, HTTP/1.1, no decoding of
-/// bodies; proxies follow libcurl's environment conventions. One handle serves every hop, so connections, DNS
-/// and TLS sessions to each host are kept. Every failure of libcurl becomes a `NetworkError` whose text a
-/// person understands.
+/// bodies; proxies as `EnvironmentProxy` says, which are logged in to with what they offer of Negotiate,
+/// Digest, NTLM and Basic. One handle serves every hop, so connections, DNS and TLS sessions to each host are
+/// kept. Every failure of libcurl becomes a `NetworkError` whose text a person understands. A hop that is
+/// begun while another is under way throws `std::logic_error` and leaves the other alone.
 class CurlTransport final : public HttpTransport {
  public:
   struct Options {
@@ -21,7 +23,7 @@ class CurlTransport final : public HttpTransport {
     std::optional<std::string> caFile{};
     /// The largest header block accepted, in bytes.
     std::size_t maximumHeaderBytes = 262144;
-    /// Whether a network is there at all; when empty, whether an interface but loopback is up.
+    /// Whether a network is there at all; when empty, whether it has a default route.
     std::function<bool()> hasNetwork{};
   };
 
@@ -29,7 +31,7 @@ class CurlTransport final : public HttpTransport {
   ~CurlTransport() override;
 
   void perform(const HttpRequest& request, const HttpHopLimits& limits, HttpObserver& observer,
-               const std::stop_token& stop) override;
+               const CancellationToken& stop) override;
 
  private:
   struct Impl;

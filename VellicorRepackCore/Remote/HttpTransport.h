@@ -4,12 +4,12 @@
 #include <cstddef>
 #include <optional>
 #include <span>
-#include <stop_token>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
+#include "VellicorRepackCore/Base/Cancellation.h"
 #include "VellicorRepackCore/Remote/RemoteUrl.h"
 
 namespace vellicor {
@@ -65,11 +65,13 @@ struct HttpHopLimits {
   std::chrono::steady_clock::time_point deadline = std::chrono::steady_clock::time_point::max();
   /// While no network interface but loopback is up, wait instead of failing.
   bool waitsForConnectivity = true;
+  /// How many connections to one host may be open, kept ones included; below 1 counts as 1.
+  int maximumConnectionsPerHost = 1;
 };
 
 /// The narrow door to the network: one request, one answer. Never follows a redirect, keeps no cookies, cache
-/// or credentials. Connections, name lookups and TLS sessions are kept from hop to hop. Used by one thread at
-/// a time.
+/// or credentials. Connections, name lookups and TLS sessions are kept from hop to hop. It belongs to one
+/// thread at a time, and nothing is shared between transports.
 class HttpTransport {
  public:
   virtual ~HttpTransport() = default;
@@ -78,7 +80,7 @@ class HttpTransport {
   /// business. Throws `NetworkError`, `CancellationError` within a fraction of a second after a stop is asked
   /// for, or what the observer threw.
   virtual void perform(const HttpRequest& request, const HttpHopLimits& limits, HttpObserver& observer,
-                       const std::stop_token& stop) = 0;
+                       const CancellationToken& stop) = 0;
 };
 
 }  // namespace vellicor

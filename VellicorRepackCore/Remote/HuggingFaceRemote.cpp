@@ -76,11 +76,9 @@ std::uint64_t lastOfRange(const std::string& filename, const RemoteFileInfo& inf
   return last;
 }
 
-/// Moves a complete download into place, over a regular file or nothing. Not through a link: nothing is
-/// created where one leads.
+/// Moves a complete download into place, over a regular file or nothing.
 void installDownload(const std::string& temporaryPath, const std::string& outputPath) {
-  Posix::openParent(temporaryPath);
-  Posix::mkdirP(parentPath(outputPath));
+  Posix::mkdir(parentPath(outputPath));
   const Posix::EntryKind kind = Posix::entryKind(outputPath);
   if (kind != Posix::EntryKind::absent && kind != Posix::EntryKind::regular) {
     throw RepackError::installPathUnsafe(outputPath, "metadata destination has the wrong entry type");
@@ -164,12 +162,12 @@ RemoteFileInfo HuggingFaceRemoteSource::resolveFileInfoOnce(const std::string& f
 
 void HuggingFaceRemoteSource::fetchSmallFile(const std::string& filename, const RemoteFileInfo& info,
                                              std::uint64_t capBytes, const std::string& outputPath,
-                                             RepackAudit* audit) const {
+                                             Posix::FileMode mode, RepackAudit* audit) const {
   if (info.size > capBytes) throw RepackError::remoteFileTooLarge(filename, info.size, capBytes);
   withRemoteRetries(retryPolicy, "fetchSmallFile:" + filename, audit, retryEnvironment, stop, [&] {
     RemovedUnlessKept temporary(downloadRangeToTempFileOnce(filename, info, 0,
                                                             static_cast<std::int64_t>(info.size),
-                                                            std::nullopt, nullptr)
+                                                            std::nullopt, nullptr, mode)
                                     .path);
     installDownload(temporary.path(), outputPath);
     temporary.keep();
@@ -180,36 +178,38 @@ TemporaryRangeFile HuggingFaceRemoteSource::downloadRangeToTempFile(
     const std::string& filename, const RemoteFileInfo& info, std::uint64_t offset, std::int64_t length,
     const std::optional<std::string>& targetPath, const RemoteProgressCallback& progress,
     RepackAudit* audit) const {
+  constexpr auto mode = Posix::FileMode::ownerOnly;
   return withRemoteRetries(
       retryPolicy, "downloadRangeToTempFile:" + filename, audit, retryEnvironment, stop, [&] {
         if (progress) progress(0);
-        return downloadRangeToTempFileOnce(filename, info, offset, length, targetPath, progress);
+        return downloadRangeToTempFileOnce(filename, info, offset, length, targetPath, progress, mode);
       });
 }
 
 TemporaryRangeFile HuggingFaceRemoteSource::downloadRangeToTempFileOnce(
     const std::string& filename, const RemoteFileInfo& info, std::uint64_t offset, std::int64_t length,
-    const std::optional<std::string>& targetPath, const RemoteProgressCallback& progress) const {
+    const std::optional<std::string>& targetPath, const RemoteProgressCallback& progress,
+    Posix::FileMode mode) const {
   if (length < 0) throw RepackError::remoteProtocolInvalid("negative range length");
   const std::string target =
       targetPath ? *targetPath : joinPath(tempDirectory, "vellicor-range-" + randomUuid() + ".tmp");
   if (length == 0) {
-    Posix::mkdirP(parentPath(target));
+    Posix::mkdir(parentPath(target));
     Posix::removeTree(target);
-    Posix::openCreateExclusive(target, 0600);
+    Posix::openCreateExclusive(target, mode);
     return {.path = target, .byteCount = 0};
   }
 
   const auto count = static_cast<std::uint64_t>(length);
   const std::uint64_t last = lastOfRange(filename, info, offset, count);
   const HttpRequest request = pinned(info.resolvedCommit).rangeRequest(filename, offset, last);
-  Posix::mkdirP(tempDirectory);
+  Posix::mkdir(tempDirectory);
   const RemoteRangeExpectation expectation{.filename = filename,
                                            .offset = offset,
                                            .length = count,
                                            .totalSize = info.size,
                                            .xetHash = info.xetHash};
-  const auto result = downloadSession->transfer(request, target, expectation, progress, stop);
+  const auto result = downloadSession->transfer(request, target, expectation, progress, stop, mode);
   return {.path = result.path, .byteCount = result.byteCount};
 }
 

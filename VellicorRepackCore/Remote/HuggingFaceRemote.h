@@ -4,9 +4,9 @@
 #include <functional>
 #include <memory>
 #include <optional>
-#include <stop_token>
 #include <string>
 
+#include "VellicorRepackCore/Base/Cancellation.h"
 #include "VellicorRepackCore/Remote/RemoteDownloadSession.h"
 #include "VellicorRepackCore/Remote/RemoteRetry.h"
 #include "VellicorRepackCore/Reporting/RepackAudit.h"
@@ -48,7 +48,7 @@ struct HuggingFaceRemoteSource {
   std::string tempDirectory;
   RemoteRetryPolicy retryPolicy;
   RetryEnvironment retryEnvironment = RetryEnvironment::production();
-  std::stop_token stop;
+  CancellationToken stop;
 
   /// A copy whose URLs name that commit.
   HuggingFaceRemoteSource pinned(const std::string& commit) const;
@@ -67,9 +67,9 @@ struct HuggingFaceRemoteSource {
   RemoteFileInfo resolveFileInfo(const std::string& filename, RepackAudit* audit) const;
 
   /// Downloads the whole file described by `info`, of at most `capBytes`, to `outputPath`, through a
-  /// temporary file.
+  /// temporary file created with that mode.
   void fetchSmallFile(const std::string& filename, const RemoteFileInfo& info, std::uint64_t capBytes,
-                      const std::string& outputPath, RepackAudit* audit) const;
+                      const std::string& outputPath, Posix::FileMode mode, RepackAudit* audit) const;
 
   /// Downloads `length` bytes from `offset` into `targetPath`, or into a fresh temporary file, under the
   /// retry policy. `progress`, when given, is called with 0 before every attempt.
@@ -87,7 +87,8 @@ struct HuggingFaceRemoteSource {
   TemporaryRangeFile downloadRangeToTempFileOnce(const std::string& filename, const RemoteFileInfo& info,
                                                  std::uint64_t offset, std::int64_t length,
                                                  const std::optional<std::string>& targetPath,
-                                                 const RemoteProgressCallback& progress) const;
+                                                 const RemoteProgressCallback& progress,
+                                                 Posix::FileMode mode) const;
 };
 
 }  // namespace vellicor

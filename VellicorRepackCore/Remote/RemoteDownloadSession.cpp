@@ -55,11 +55,12 @@ HttpHopLimits RemoteDownloadSession::limits(const HttpRequest& request) const {
   const std::chrono::duration<double> sessionTimeout(policy_.requestTimeoutSeconds);
   return {.idleTimeout = std::min(request.timeout, sessionTimeout),
           .deadline = deadlineAfter(policy_.resourceTimeoutSeconds),
-          .waitsForConnectivity = policy_.waitsForConnectivity};
+          .waitsForConnectivity = policy_.waitsForConnectivity,
+          .maximumConnectionsPerHost = policy_.maximumConnectionsPerHost};
 }
 
 RemoteDownloadSession::Response RemoteDownloadSession::response(const HttpRequest& request,
-                                                                const std::stop_token& stop) {
+                                                                const CancellationToken& stop) {
   const HttpHopLimits exchange = limits(request);
   RemoteMetadataRedirectPolicy redirects(request, policy_.maximumRedirects);
   HttpRequest hop = request;
@@ -75,13 +76,11 @@ RemoteDownloadSession::Response RemoteDownloadSession::response(const HttpReques
   }
 }
 
-RemoteRangeTransferResult RemoteDownloadSession::transfer(const HttpRequest& request,
-                                                          const std::string& targetPath,
-                                                          const RemoteRangeExpectation& expectation,
-                                                          const RemoteProgressCallback& progress,
-                                                          const std::stop_token& stop) {
+RemoteRangeTransferResult RemoteDownloadSession::transfer(
+    const HttpRequest& request, const std::string& targetPath, const RemoteRangeExpectation& expectation,
+    const RemoteProgressCallback& progress, const CancellationToken& stop, Posix::FileMode mode) {
   return RemoteRangeTransfer::run(*transport_, limits(request), request, targetPath, expectation,
-                                  policy_.maximumRedirects, progress, stop);
+                                  policy_.maximumRedirects, progress, stop, mode);
 }
 
 }  // namespace vellicor

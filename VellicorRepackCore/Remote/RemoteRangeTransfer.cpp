@@ -138,10 +138,9 @@ RemoteRangeTransferResult RemoteRangeTransfer::run(HttpTransport& transport, con
                                                    const RemoteRangeExpectation& expectation,
                                                    int maximumRedirects,
                                                    const RemoteProgressCallback& progress,
-                                                   const std::stop_token& stop) {
-  constexpr unsigned ownerOnly = 0600;
-  Posix::mkdirP(parentPath(targetPath));
-  const FileDescriptor fd = Posix::openCreateExclusive(targetPath, ownerOnly);
+                                                   const CancellationToken& stop, Posix::FileMode mode) {
+  Posix::mkdir(parentPath(targetPath));
+  const FileDescriptor fd = Posix::openCreateExclusive(targetPath, mode);
   RemovedUnlessKept target(targetPath);
 
   RemoteRangeTransferDelegate delegate(targetPath, expectation, fd.get(), progress);

@@ -4,9 +4,9 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
-#include <stop_token>
 #include <string>
 
+#include "VellicorRepackCore/Base/Cancellation.h"
 #include "VellicorRepackCore/FileSystem/Posix.h"
 #include "VellicorRepackCore/Remote/HttpTransport.h"
 #include "VellicorRepackCore/Remote/RemoteRedirect.h"
@@ -71,12 +71,14 @@ class RemoteRangeTransferDelegate final : public HttpObserver {
 };
 
 struct RemoteRangeTransfer {
-  /// Sends the request, follows its redirects and streams the range into `targetPath`, which must not exist.
+  /// Sends the request, follows its redirects and streams the range into `targetPath`, which must not exist
+  /// and is created with that mode.
   /// The file exists afterwards exactly when the transfer succeeded; it is not synced.
   static RemoteRangeTransferResult run(HttpTransport& transport, const HttpHopLimits& limits,
                                        const HttpRequest& request, const std::string& targetPath,
                                        const RemoteRangeExpectation& expectation, int maximumRedirects,
-                                       const RemoteProgressCallback& progress, const std::stop_token& stop);
+                                       const RemoteProgressCallback& progress, const CancellationToken& stop,
+                                       Posix::FileMode mode);
 };
 
 }  // namespace vellicor

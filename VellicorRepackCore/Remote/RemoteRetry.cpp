@@ -49,7 +49,7 @@ std::uint64_t secureJitter() {
   }
 }
 
-void sleepNanoseconds(std::uint64_t delay, const std::stop_token& stop) {
+void sleepNanoseconds(std::uint64_t delay, const CancellationToken& stop) {
   constexpr auto longest = static_cast<std::uint64_t>(std::chrono::nanoseconds::max().count());
   sleepUnlessCancelled(
       std::chrono::nanoseconds(static_cast<std::chrono::nanoseconds::rep>(std::min(delay, longest))), stop);
@@ -156,7 +156,7 @@ std::uint64_t parseRetryAfterNs(std::string_view value, std::chrono::system_cloc
 }
 
 void runWithRemoteRetries(const RemoteRetryPolicy& policy, const std::string& label, RepackAudit* audit,
-                          const RetryEnvironment& environment, const std::stop_token& stop,
+                          const RetryEnvironment& environment, const CancellationToken& stop,
                           const std::function<void()>& op) {
   const std::int64_t attempts = std::max<std::int64_t>(policy.attempts, 1);
   std::uint64_t backoff = policy.baseDelayNs;

@@ -5,11 +5,11 @@
 #include <exception>
 #include <functional>
 #include <optional>
-#include <stop_token>
 #include <string>
 #include <string_view>
 #include <type_traits>
 
+#include "VellicorRepackCore/Base/Cancellation.h"
 #include "VellicorRepackCore/Reporting/RepackAudit.h"
 
 namespace vellicor {
@@ -20,7 +20,7 @@ struct RetryEnvironment {
   /// Uniformly distributed nanoseconds in [0, 250000000), from the secure generator, unbiased.
   std::function<std::uint64_t()> jitter;
   /// Waits that many nanoseconds; throws `CancellationError` at once when a stop is asked for.
-  std::function<void(std::uint64_t, const std::stop_token&)> sleeper;
+  std::function<void(std::uint64_t, const CancellationToken&)> sleeper;
 
   static RetryEnvironment production();
 };
@@ -55,13 +55,13 @@ std::uint64_t parseRetryAfterNs(std::string_view value, std::chrono::system_cloc
 /// Calls `op` until it returns, under the policy; each retry is recorded in `audit`, when given, before its
 /// wait. Rethrows the last error unchanged. Throws `CancellationError` between attempts and while waiting.
 void runWithRemoteRetries(const RemoteRetryPolicy& policy, const std::string& label, RepackAudit* audit,
-                          const RetryEnvironment& environment, const std::stop_token& stop,
+                          const RetryEnvironment& environment, const CancellationToken& stop,
                           const std::function<void()>& op);
 
 /// The same for an operation that returns a value.
 template <typename Op>
 auto withRemoteRetries(const RemoteRetryPolicy& policy, const std::string& label, RepackAudit* audit,
-                       const RetryEnvironment& environment, const std::stop_token& stop, Op&& op) {
+                       const RetryEnvironment& environment, const CancellationToken& stop, Op&& op) {
   using Result = std::invoke_result_t<Op&>;
   if constexpr (std::is_void_v<Result>) {
     runWithRemoteRetries(policy, label, audit, environment, stop, op);

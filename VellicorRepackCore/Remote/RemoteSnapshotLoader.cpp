@@ -65,17 +65,18 @@ RemoteSnapshot RemoteSnapshotLoader::load(const HuggingFaceRemoteSource& remote,
   const std::string indexName = IndexLoader::indexFilename;
   const std::string configName = IndexLoader::configFilename;
   remote.requireUsable();
-  Posix::mkdirP(metadataDirectory);
+  Posix::mkdir(metadataDirectory);
   const RemoteFileInfo indexInfo = remote.resolveFileInfo(indexName, audit);
   const HuggingFaceRemoteSource pinned = remote.pinned(indexInfo.resolvedCommit);
   const RemoteFileInfo configInfo = pinned.resolveFileInfo(configName, audit);
   if (configInfo.resolvedCommit != indexInfo.resolvedCommit) {
     throw RepackError::remoteProtocolInvalid("config commit differs from index commit");
   }
-  pinned.fetchSmallFile(indexName, indexInfo, maximumIndexBytes, joinPath(metadataDirectory, indexName),
+  constexpr auto mode = Posix::FileMode::ownerOnly;
+  pinned.fetchSmallFile(indexName, indexInfo, maximumIndexBytes, joinPath(metadataDirectory, indexName), mode,
                         audit);
   pinned.fetchSmallFile(configName, configInfo, maximumConfigBytes, joinPath(metadataDirectory, configName),
-                        audit);
+                        mode, audit);
 
   RemoteSnapshot snapshot;
   snapshot.metadata = IndexLoader::load(metadataDirectory);

@@ -23,13 +23,15 @@ std::optional<double> numberOf(const nlohmann::json* value) {
   return value->get<double>();
 }
 
-/// Any JSON number, truncated toward zero; nothing when it does not fit.
+/// Any JSON number, truncated toward zero; nothing when it does not fit. Whole numbers were read as integers,
+/// so any other one that looks whole was rounded to that; one of 2^53 or more always looks so.
 std::optional<std::int64_t> truncatedIntegerOf(const nlohmann::json* value) {
   if (value == nullptr || !value->is_number()) return std::nullopt;
   if (!value->is_number_float()) return exactInteger(*value);
-  const double truncated = std::trunc(value->get<double>());
-  constexpr double limit = 9223372036854775808.0;
-  if (!(truncated >= -limit && truncated < limit)) return std::nullopt;
+  const auto number = value->get<double>();
+  const double truncated = std::trunc(number);
+  const bool isRounded = truncated == number && number != 0;
+  if (isRounded) return std::nullopt;
   return static_cast<std::int64_t>(truncated);
 }
 
@@ -101,8 +103,8 @@ void readRequiredNumbers(const std::string& configPath, const nlohmann::json* te
 }  // namespace
 
 ArchInfo ArchInfo::load(const std::string& configPath) {
-  const nlohmann::json config = parseJson(Posix::readWholeFile(configPath));
-  const nlohmann::json* text = memberOf(&config, "text_config");
+  const JsonTree config = parseJson(Posix::readWholeFile(configPath));
+  const nlohmann::json* text = memberOf(&config.root, "text_config");
   if (text == nullptr || !text->is_object())
     throw RepackError::configJsonInvalid(configPath, "no text_config");
 

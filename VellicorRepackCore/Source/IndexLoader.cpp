@@ -1,5 +1,6 @@
 #include "VellicorRepackCore/Source/IndexLoader.h"
 
+#include <new>
 #include <set>
 
 #include <fmt/format.h>
@@ -16,7 +17,7 @@ using InvalidFile = RepackError (*)(std::string path, std::string detail);
 
 struct JsonFile {
   std::string bytes;
-  nlohmann::json document;
+  JsonTree document;
 };
 
 /// Reads a file whose top level is a JSON object. What is wrong with the file is reported through `invalid`.
@@ -27,10 +28,12 @@ JsonFile readObjectFile(const std::string& path, InvalidFile invalid) {
     file.document = parseJson(file.bytes);
   } catch (const RepackError&) {
     throw;
+  } catch (const std::bad_alloc&) {
+    throw;
   } catch (const std::exception& error) {
     throw invalid(path, error.what());
   }
-  if (!file.document.is_object()) throw invalid(path, "not a JSON object");
+  if (!file.document.root.is_object()) throw invalid(path, "not a JSON object");
   return file;
 }
 
@@ -95,12 +98,12 @@ IndexLoader::SourceMetadata IndexLoader::load(const std::string& snapshotDir) {
   meta.configPath = joinPath(snapshotDir, configFilename);
 
   const JsonFile index = readObjectFile(meta.indexPath, RepackError::indexJsonInvalid);
-  meta.weightMap = readWeightMap(meta.indexPath, index.document);
+  meta.weightMap = readWeightMap(meta.indexPath, index.document.root);
   // The digest is taken of the very bytes that were parsed, so no other file can slip in between.
   meta.indexSha256Hex = hashData(index.bytes);
 
   const JsonFile config = readObjectFile(meta.configPath, RepackError::configJsonInvalid);
-  readQuantization(config.document, meta);
+  readQuantization(config.document.root, meta);
   meta.shardFilenames = distinctShards(meta.weightMap);
   return meta;
 }

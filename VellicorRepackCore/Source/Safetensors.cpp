@@ -119,7 +119,8 @@ Safetensors::Header Safetensors::parseHeaderBytes(const std::string& path, std::
       headerSize > fileSize - lengthPrefixBytes) {
     throw RepackError::safetensorsHeaderTooLarge(path, headerSize);
   }
-  const nlohmann::json document = parseJson(headerBytes);
+  const JsonTree tree = parseJson(headerBytes);
+  const nlohmann::json& document = tree.root;
   if (!document.is_object()) {
     throw RepackError::safetensorsHeaderInvalid(path, "header is not a JSON object");
   }

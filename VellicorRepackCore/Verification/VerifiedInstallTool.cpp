@@ -5,10 +5,10 @@
 #include <map>
 #include <optional>
 #include <set>
-#include <stop_token>
 #include <utility>
 
 #include "VellicorFormat/MorlenManifestV1.h"
+#include "VellicorRepackCore/Base/Cancellation.h"
 #include "VellicorRepackCore/Base/Errors.h"
 #include "VellicorRepackCore/Base/OrderedWork.h"
 #include "VellicorRepackCore/FileSystem/ArtifactRecords.h"
@@ -30,7 +30,7 @@ using OutputFile = RepackAudit::OutputFile;
 
 /// Sizes and hashes one listed file through a single descriptor; a wrong size is refused before the reading.
 OutputFile verifyFile(const MorlenDirectoryAccess& directory, const std::string& path,
-                      const MorlenManifestFileV1& entry, const std::stop_token& stop) {
+                      const MorlenManifestFileV1& entry, const CancellationToken& stop) {
   const FileDescriptor file = directory.openFile(path);
   const std::uint64_t size = directory.fileSize(file.get(), path);
   requireListedSize(path, size, entry);
@@ -46,7 +46,7 @@ std::vector<OutputFile> verifyListedFiles(const MorlenDirectoryAccess& directory
   const MorlenManifestV1& manifest = records.manifest;
   std::vector<OutputFile> verified;
   for (const auto& [path, entry] : manifest.files) verified.push_back({path, entry.size, {}});
-  OrderedWork work(verified.size(), workers, {}, [&](std::size_t item, const std::stop_token& stop) {
+  OrderedWork work(verified.size(), workers, {}, [&](std::size_t item, const CancellationToken& stop) {
     const std::string& path = verified[item].relativePath;
     // The layout has been read and digested already.
     verified[item] = path == ArtifactRecords::layoutPath
@@ -86,10 +86,12 @@ std::vector<std::string> unexpectedEntries(const MorlenDirectoryAccess& director
   return entries;
 }
 
-}  // namespace
+struct Verification {
+  VerifyInstallResult result;
+  std::string receipt;
+};
 
-VerifyInstallResult VerifiedInstallTool::run(const VerifyInstallOptions& options) {
-  const MorlenDirectoryAccess directory(options.inputMorlen);
+Verification verify(const MorlenDirectoryAccess& directory, const VerifyInstallOptions& options) {
   const ArtifactRecords records = ArtifactRecords::read(directory);
   VerifyInstallResult result;
   result.bytesVerified = records.manifestFile.size;
@@ -98,11 +100,23 @@ VerifyInstallResult VerifiedInstallTool::run(const VerifyInstallOptions& options
   result.receiptPath = joinPath(directory.rootPath(), receiptName);
   result.fileCount = static_cast<std::int64_t>(files.size()) + 1;
   result.unexpectedEntries = unexpectedEntries(directory, records.manifest);
-  const std::string receipt = VerifiedInstallReceiptWriter::encode(
-      directory.rootPath(), records.manifestFile.sha256, records.manifestFile.size, std::nullopt,
-      records.manifest.sourceSnapshotHash, VerifiedInstallReceiptWriter::verifyToolVersion, files);
-  directory.atomicWrite(receipt, receiptName);
-  return result;
+  return {std::move(result),
+          VerifiedInstallReceiptWriter::encode(
+              directory.rootPath(), records.manifestFile.sha256, records.manifestFile.size, std::nullopt,
+              records.manifest.sourceSnapshotHash, VerifiedInstallReceiptWriter::verifyToolVersion, files)};
+}
+
+}  // namespace
+
+VerifyInstallResult VerifiedInstallTool::run(const VerifyInstallOptions& options) {
+  const MorlenDirectoryAccess directory(options.inputMorlen);
+  Verification verification = verify(directory, options);
+  directory.atomicWrite(verification.receipt, receiptName);
+  return std::move(verification.result);
+}
+
+VerifyInstallResult VerifiedInstallTool::check(const VerifyInstallOptions& options) {
+  return verify(MorlenDirectoryAccess(options.inputMorlen), options).result;
 }
 
 }  // namespace vellicor

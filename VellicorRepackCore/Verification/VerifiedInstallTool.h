@@ -29,6 +29,9 @@ struct VerifyInstallResult {
 struct VerifiedInstallTool {
   /// Throws `RepackError` at the first mismatch; an earlier receipt then stays as it was.
   static VerifyInstallResult run(const VerifyInstallOptions& options);
+
+  /// The same without writing anything.
+  static VerifyInstallResult check(const VerifyInstallOptions& options);
 };
 
 }  // namespace vellicor

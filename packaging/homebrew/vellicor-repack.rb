@@ -15,13 +15,7 @@ class VellicorRepack < Formula
   depends_on "icu4c"
   depends_on "openssl@3"
 
-  on_macos do
-    # Its standard library knows std::stop_token.
-    depends_on "llvm" => :build
-  end
-
   def install
-    ENV.llvm_clang if OS.mac?
     system "cmake", "-S", ".", "-B", "build", "-G", "Ninja", *std_cmake_args,
            "-DVELLICOR_BUILD_TESTS=OFF"
     system "cmake", "--build", "build"

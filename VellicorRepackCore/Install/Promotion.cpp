@@ -1,0 +1,134 @@
+#include "VellicorRepackCore/Install/Promotion.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <exception>
+#include <filesystem>
+#include <optional>
+#include <string>
+
+#include <fmt/format.h>
+
+#include "VellicorRepackCore/Base/Errors.h"
+#include "VellicorRepackCore/Base/OrderedWork.h"
+#include "VellicorRepackCore/FileSystem/ArtifactRecords.h"
+#include "VellicorRepackCore/FileSystem/Posix.h"
+#include "VellicorRepackCore/FileSystem/Removability.h"
+
+namespace vellicor {
+
+namespace {
+
+using EntryKind = Posix::EntryKind;
+
+std::array<std::string, 2> trialDirectories(const RemoteInstallPaths& paths) {
+  return {paths.finalDirectory + ".exchange-a", paths.finalDirectory + ".exchange-b"};
+}
+
+/// Removes the trial's directories when the scope ends.
+class TrialCleanup {
+ public:
+  explicit TrialCleanup(const RemoteInstallPaths& paths) : paths_(paths) {}
+  ~TrialCleanup() { Promotion::clearTrial(paths_); }
+  TrialCleanup(const TrialCleanup&) = delete;
+  TrialCleanup& operator=(const TrialCleanup&) = delete;
+
+ private:
+  const RemoteInstallPaths& paths_;
+};
+
+/// An empty directory is nobody's loss; of any other the manifest tells an artifact from somebody's files.
+void requireArtifact(const std::string& directory) {
+  const bool hasManifest =
+      Posix::entryKind(joinPath(directory, ArtifactRecords::manifestName)) == EntryKind::regular;
+  if (hasManifest || std::filesystem::is_empty(directory)) return;
+  throw RepackError::installPathUnsafe(directory, "not an artifact; move it away first");
+}
+
+void requireRemovable(const std::string& directory) {
+  const std::optional<std::string> obstacle = Removability::firstObstacle(directory);
+  if (!obstacle) return;
+  throw RepackError::installPathUnsafe(*obstacle,
+                                       "it keeps the old artifact from being removed; move that away first");
+}
+
+void tryExchange(const RemoteInstallPaths& paths) {
+  const std::array<std::string, 2> directories = trialDirectories(paths);
+  Promotion::clearTrial(paths);
+  for (const std::string& directory : directories) {
+    const EntryKind kind = Posix::entryKind(directory);
+    if (kind == EntryKind::absent) continue;
+    throw RepackError::installPathUnsafe(directory, fmt::format("unexpected {} entry", Posix::name(kind)));
+  }
+  const TrialCleanup cleanup(paths);
+  for (const std::string& directory : directories) Posix::mkdirP(directory);
+  try {
+    Posix::renameSwap(directories.front(), directories.back());
+  } catch (const RepackError& error) {
+    const auto* unsupported = error.as<RepackError::PromotionUnsupported>();
+    if (unsupported == nullptr) throw;
+    throw RepackError::promotionUnsupported(paths.finalDirectory, unsupported->errnoValue);
+  }
+}
+
+void requireNoMountPoint(const std::string& directory) {
+  if (Posix::isMountPoint(directory)) throw RepackError::promotionUnsupported(directory, EBUSY);
+}
+
+/// A checkpoint that stays is reported by the next run; the artifact is in place.
+void removeCheckpoint(const RemoteInstallPaths& paths) noexcept {
+  failureOf([&] {
+    Posix::unlink(paths.checkpointFile);
+    Posix::fsyncDirectory(paths.parentDirectory);
+  });
+}
+
+}  // namespace
+
+void Promotion::requireReplaceable(const RemoteInstallPaths& paths) {
+  requireArtifact(paths.finalDirectory);
+  requireNoMountPoint(paths.finalDirectory);
+  requireRemovable(paths.finalDirectory);
+  tryExchange(paths);
+}
+
+void Promotion::clearTrial(const RemoteInstallPaths& paths) noexcept {
+  for (const std::string& directory : trialDirectories(paths)) {
+    failureOf([&] { Posix::removeEmptyDirectory(directory); });
+  }
+}
+
+void Promotion::rename(const RemoteInstallPaths& paths) {
+  Posix::rename(paths.partialDirectory, paths.finalDirectory);
+  Posix::fsyncDirectory(paths.parentDirectory);
+  removeCheckpoint(paths);
+}
+
+void Promotion::exchange(const RemoteInstallPaths& paths) {
+  // Hours may have passed since this was looked at.
+  requireArtifact(paths.finalDirectory);
+  requireRemovable(paths.finalDirectory);
+  Posix::renameSwap(paths.partialDirectory, paths.finalDirectory);
+  const std::exception_ptr failure = failureOf([&] { Posix::fsyncDirectory(paths.parentDirectory); });
+  if (failure) {
+    // What is at the partial path now is no saved download. It stays: it may still be what a power cut brings
+    // back.
+    removeCheckpoint(paths);
+    std::rethrow_exception(failure);
+  }
+  removeReplaced(paths);
+}
+
+void Promotion::removeReplaced(const RemoteInstallPaths& paths) {
+  removeCheckpoint(paths);
+  try {
+    Posix::removeTree(paths.partialDirectory);
+  } catch (const std::exception& error) {
+    throw RepackError::installPathUnsafe(
+        paths.partialDirectory,
+        fmt::format("the new artifact is in place, but the old one could not be removed: {}", error.what()));
+  }
+}
+
+}  // namespace vellicor
