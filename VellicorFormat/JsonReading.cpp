@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstdlib>
 #include <limits>
 
 #include <fmt/format.h>
@@ -83,61 +82,28 @@ void takeApart(Json& value) noexcept {
   }
 }
 
-/// Builds the tree from the parser's events, whose names are the parser's.
 class TreeBuilder {
  public:
-  bool null() { return add(nullptr); }
-  bool boolean(bool value) { return add(value); }
-  bool number_integer(std::int64_t value) { return add(value); }
-  bool number_unsigned(std::uint64_t value) { return add(value); }
-  bool number_float(double value, const std::string& number) {
-    const std::optional<std::int64_t> integer = exactIntegerOf(number);
-    return integer ? add(*integer) : add(value);
+  void scalar(Json value) { place() = std::move(value); }
+  void open(Json::value_t form) {
+    Json& opened = place();
+    opened = Json(form);
+    open_.push_back(&opened);
   }
-  bool string(std::string& value) { return add(std::move(value)); }
-  bool binary(Json::binary_t&) { std::abort(); }  // No part of JSON texts.
-
-  bool start_object(std::size_t) { return open(Json::object()); }
-  bool end_object() { return close(); }
-  bool start_array(std::size_t) { return open(Json::array()); }
-  bool end_array() { return close(); }
-  bool key(std::string& name) {
-    key_ = std::move(name);
-    return true;
-  }
-
-  bool parse_error(std::size_t, const std::string&, const Json::exception& error) {
-    throw jsonMalformed(error);
-  }
+  void close() { open_.pop_back(); }
+  void key(std::string& name) { key_ = std::move(name); }
 
   JsonTree take() { return std::move(tree_); }
 
  private:
-  bool add(Json value) {
-    place() = std::move(value);
-    return true;
-  }
-
-  bool open(Json container) {
-    Json& opened = place();
-    opened = std::move(container);
-    open_.push_back(&opened);
-    return true;
-  }
-
-  bool close() {
-    open_.pop_back();
-    return true;
-  }
-
-  /// Where the value goes that comes now. A container is not added to before the one inside it is closed, so
-  /// the pointers to the open ones hold.
+  /// Where the next value goes. A container is not added to before the one inside it is closed, so the
+  /// pointers to the open ones hold.
   Json& place() {
     if (open_.empty()) return tree_.root;
     Json& container = *open_.back();
     if (container.is_array()) return container.emplace_back();
     Json& member = container[key_];
-    takeApart(member);  // Of a key given twice the last value counts.
+    takeApart(member);  // If a key is given twice, the last value counts.
     return member;
   }
 
@@ -195,7 +161,8 @@ JsonTree parseJson(std::string_view text) {
   requireNoNul(text);
   checkProportions(text);
   TreeBuilder builder;
-  Json::sax_parse(text, &builder);
+  JsonEvents events(builder);
+  Json::sax_parse(text, &events);
   return builder.take();
 }
 

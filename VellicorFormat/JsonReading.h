@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <exception>
 #include <new>
 #include <optional>
@@ -35,14 +36,8 @@ struct JsonTree {
   nlohmann::json root;
 };
 
-/// Parses one JSON document (RFC 8259, strict UTF-8, nothing but white space after it). Nesting deeper than
-/// `maximumJsonDepth` is refused before anything is built, so hostile brackets cost no memory. A number that
-/// `exactIntegerOf` knows becomes an integer, also where it was written as 3.0. Throws `JsonDecodingError`
-/// with the parser's own words, shortened where it quotes megabytes.
-JsonTree parseJson(std::string_view text);
-
 inline constexpr std::size_t maximumJsonDepth = 512;
-/// What is thrown for deeper texts.
+/// The error for deeper texts.
 JsonDecodingError jsonTooDeep();
 /// The parser's own words for malformed text, without the megabytes that it may quote.
 JsonDecodingError jsonMalformed(const nlohmann::json::exception& error);
@@ -51,6 +46,48 @@ void requireNoNul(std::string_view text);
 /// The value of a JSON number written with a fraction or an exponent, if that is exactly an integer of less
 /// than 2^53: from there on the parser's doubles do not tell neighbouring integers apart. Nothing for -0.0.
 std::optional<std::int64_t> exactIntegerOf(std::string_view number);
+
+/// Receives the parser's events, which have the parser's names, and hands them to `Reader`:
+///   void scalar(nlohmann::json value); void open(nlohmann::json::value_t form); void close();
+///   void key(std::string& name);
+/// A number that `exactIntegerOf` knows arrives as an integer, also where it was written as 3.0.
+template <typename Reader>
+class JsonEvents {
+ public:
+  explicit JsonEvents(Reader& reader) : reader_(reader) {}
+
+  bool null() { return scalar(nullptr); }
+  bool boolean(bool value) { return scalar(value); }
+  bool number_integer(std::int64_t value) { return scalar(value); }
+  bool number_unsigned(std::uint64_t value) { return scalar(value); }
+  bool number_float(double value, const std::string& number) {
+    const std::optional<std::int64_t> integer = exactIntegerOf(number);
+    return integer ? scalar(*integer) : scalar(value);
+  }
+  bool string(std::string& value) { return scalar(std::move(value)); }
+  bool binary(nlohmann::json::binary_t&) { std::abort(); }  // JSON texts have none.
+
+  bool start_object(std::size_t) { return reader_.open(nlohmann::json::value_t::object), true; }
+  bool end_object() { return reader_.close(), true; }
+  bool start_array(std::size_t) { return reader_.open(nlohmann::json::value_t::array), true; }
+  bool end_array() { return reader_.close(), true; }
+  bool key(std::string& name) { return reader_.key(name), true; }
+
+  bool parse_error(std::size_t, const std::string&, const nlohmann::json::exception& error) {
+    throw jsonMalformed(error);
+  }
+
+ private:
+  bool scalar(nlohmann::json value) { return reader_.scalar(std::move(value)), true; }
+
+  Reader& reader_;
+};
+
+/// Parses one JSON document (RFC 8259, strict UTF-8, nothing but white space after it). Nesting deeper than
+/// `maximumJsonDepth` is refused before anything is built, so hostile brackets cost no memory. A number that
+/// `exactIntegerOf` knows becomes an integer, also where it was written as 3.0. Throws `JsonDecodingError`
+/// with the parser's own words, shortened where it quotes megabytes.
+JsonTree parseJson(std::string_view text);
 
 /// Five times what the largest record of this system holds. At up to 160 bytes each, the tree of a text stays
 /// below 256 MiB.

@@ -45,6 +45,15 @@ std::string_view MorlenFormatV1::name(DType dtype) {
   std::abort();
 }
 
+std::string MorlenFormatV1::layerPath(std::string_view file) {
+  return std::string(expertsDirectory).append("/").append(file);
+}
+
+std::uint64_t MorlenFormatV1::layerBytes(std::int64_t expertsPerLayer, std::uint64_t expertStride,
+                                         std::string_view field) {
+  return morlenCheckedMultiply(static_cast<std::uint64_t>(expertsPerLayer), expertStride, field);
+}
+
 MorlenFormatError::MorlenFormatError(Payload payload)
     : payload_(std::move(payload)), text_(std::visit(Describe{}, payload_)) {}
 

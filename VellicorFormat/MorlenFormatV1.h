@@ -24,6 +24,21 @@ struct MorlenFormatV1 {
   /// The largest resident index that a V1 reader accepts, in bytes.
   static constexpr std::uint64_t residentIndexMaxBytes = 16777216;
 
+  /// The artifact's own entries, relative to its directory. All other names stand in the manifest.
+  static constexpr const char* manifestPath = "manifest.json";
+  static constexpr const char* receiptPath = "verified-install.json";
+  static constexpr const char* weightsPath = "model_weights.bin";
+  static constexpr const char* expertsDirectory = "packed_experts";
+  static constexpr const char* layoutPath = "packed_experts/layout.json";
+  static constexpr const char* tokenizerDirectory = "tokenizer";
+
+  /// The path of a layer's file; `file` is its base name, as the layout gives it.
+  static std::string layerPath(std::string_view file);
+
+  /// The size of every layer's file, in bytes. Throws `MorlenFormatError` overflow(field).
+  static std::uint64_t layerBytes(std::int64_t expertsPerLayer, std::uint64_t expertStride,
+                                  std::string_view field);
+
   /// The only manifest flags that a V1 reader accepts.
   static constexpr std::array<std::string_view, 3> knownFlags = {"streamingPresent", "turboQuantKV",
                                                                  "aneSharedExpert"};

@@ -154,8 +154,11 @@ bool isSha256Text(std::string_view text) {
 }
 
 bool isReservedKey(std::string_view key) {
-  return key == "tokenizer" || key == "manifest.json" || key == "verified-install.json" ||
-         key.starts_with("manifest.json/") || key.starts_with("verified-install.json/");
+  const auto isAtOrBelow = [key](std::string_view path) {
+    return key.starts_with(path) && (key.size() == path.size() || key[path.size()] == '/');
+  };
+  return key == MorlenFormatV1::tokenizerDirectory || isAtOrBelow(MorlenFormatV1::manifestPath) ||
+         isAtOrBelow(MorlenFormatV1::receiptPath);
 }
 
 std::string fileField(std::string_view path) { return fmt::format("manifest.files.{}", path); }
@@ -244,7 +247,7 @@ void writeManifestFiles(CanonicalJson& json, const std::map<std::string, MorlenM
 }
 
 MorlenManifestV1 MorlenManifestCodec::decode(std::string_view json) {
-  MorlenManifestV1 manifest = asFormatRecord("manifest.json", [json] {
+  MorlenManifestV1 manifest = asFormatRecord(MorlenFormatV1::manifestPath, [json] {
     const JsonTree document = parseJson(json);
     return readManifest(JsonObject(document.root, ""));
   });
@@ -254,7 +257,7 @@ MorlenManifestV1 MorlenManifestCodec::decode(std::string_view json) {
 
 std::string MorlenManifestCodec::encode(const MorlenManifestV1& manifest) {
   validate(manifest);
-  return asFormatRecord("manifest.json", [&] {
+  return asFormatRecord(MorlenFormatV1::manifestPath, [&] {
     CanonicalJson json(CanonicalJson::Layout::pretty, CanonicalJson::Slashes::plain);
     writeManifest(json, manifest);
     return std::move(json).take();

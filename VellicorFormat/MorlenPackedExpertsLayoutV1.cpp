@@ -1,7 +1,6 @@
 #include "VellicorFormat/MorlenPackedExpertsLayoutV1.h"
 
 #include <algorithm>
-#include <array>
 #include <limits>
 #include <set>
 #include <utility>
@@ -10,34 +9,10 @@
 
 #include "VellicorFormat/ByteRanges.h"
 #include "VellicorFormat/CanonicalJson.h"
-#include "VellicorFormat/JsonStreaming.h"
+#include "VellicorFormat/JsonReading.h"
+#include "VellicorFormat/LayoutReading.h"
 
 namespace vellicor {
-// Reading.
-
-template <>
-constexpr auto jsonTable<MorlenSubTensorV1> =
-    std::array{jsonMember<&MorlenSubTensorV1::offset>("offset"), jsonMember<&MorlenSubTensorV1::size>("size"),
-               jsonMember<&MorlenSubTensorV1::dtype>("dtype"), jsonMember<&MorlenSubTensorV1::bits>("bits"),
-               jsonMember<&MorlenSubTensorV1::shape>("shape")};
-
-template <>
-constexpr auto jsonTable<MorlenExpertV1> = std::array{
-    jsonMember<&MorlenExpertV1::expert>("expert"), jsonMember<&MorlenExpertV1::physicalRank>("physicalRank"),
-    jsonMember<&MorlenExpertV1::offset>("offset"), jsonMember<&MorlenExpertV1::size>("size"),
-    jsonMember<&MorlenExpertV1::tensors>("tensors")};
-
-template <>
-constexpr auto jsonTable<MorlenLayerV1> =
-    std::array{jsonMember<&MorlenLayerV1::layer>("layer"), jsonMember<&MorlenLayerV1::file>("file"),
-               jsonMember<&MorlenLayerV1::experts>("experts")};
-
-template <>
-constexpr auto jsonTable<MorlenPackedExpertsLayoutV1> =
-    std::array{jsonMember<&MorlenPackedExpertsLayoutV1::expertStride>("expertStride"),
-               jsonMember<&MorlenPackedExpertsLayoutV1::numLayers>("numLayers"),
-               jsonMember<&MorlenPackedExpertsLayoutV1::expertsPerLayer>("expertsPerLayer"),
-               jsonMember<&MorlenPackedExpertsLayoutV1::layers>("layers")};
 
 namespace {
 
@@ -158,15 +133,15 @@ void validateFile(const MorlenLayerV1& layer, std::set<std::string>& keys) {
 }  // namespace
 
 MorlenPackedExpertsLayoutV1 MorlenPackedExpertsLayoutCodec::decode(std::string_view json) {
-  MorlenPackedExpertsLayoutV1 layout = asFormatRecord(
-      "packed_experts/layout.json", [json] { return readJson<MorlenPackedExpertsLayoutV1>(json); });
+  MorlenPackedExpertsLayoutV1 layout =
+      asFormatRecord(MorlenFormatV1::layoutPath, [json] { return readLayout(json); });
   MorlenV1StructuralValidator::validate(layout);
   return layout;
 }
 
 std::string MorlenPackedExpertsLayoutCodec::encode(const MorlenPackedExpertsLayoutV1& layout) {
   MorlenV1StructuralValidator::validate(layout);
-  return asFormatRecord("packed_experts/layout.json", [&] {
+  return asFormatRecord(MorlenFormatV1::layoutPath, [&] {
     CanonicalJson json(CanonicalJson::Layout::pretty, CanonicalJson::Slashes::plain);
     json.reserve(estimatedBytes(layout));
     writeLayout(json, layout);
@@ -205,10 +180,10 @@ void MorlenV1StructuralValidator::crossValidate(std::int64_t manifestNumLayers,
   if (manifestNumLayers != layout.numLayers || manifestExpertsPerLayer != layout.expertsPerLayer ||
       manifestExpertStride != layout.expertStride)
     throw MorlenFormatError::invalid("manifest/layout", "dimension mismatch");
-  const std::uint64_t layerSize = morlenCheckedMultiply(static_cast<std::uint64_t>(layout.expertsPerLayer),
-                                                        layout.expertStride, "layout.layerSize");
+  const std::uint64_t layerSize =
+      MorlenFormatV1::layerBytes(layout.expertsPerLayer, layout.expertStride, "layout.layerSize");
   for (const MorlenLayerV1& layer : layout.layers) {
-    const std::string path = "packed_experts/" + layer.file;
+    const std::string path = MorlenFormatV1::layerPath(layer.file);
     const auto file = manifestFileSizes.find(path);
     if (file == manifestFileSizes.end() || file->second != layerSize)
       throw MorlenFormatError::invalid("manifest.files." + path, "missing or wrong layer size");

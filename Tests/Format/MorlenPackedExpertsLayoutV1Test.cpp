@@ -22,6 +22,40 @@ TEST(MorlenPackedExpertsLayoutV1, ChangedDocuments) {
   EXPECT_EQ(testing::expectDocumentRows("layout_rows.json", text, Codec::decode), 50U);
 }
 
+TEST(MorlenPackedExpertsLayoutV1, TextsThatNoTreeHolds) {
+  const std::string text = testing::goldenText("layout.json");
+  const std::string where = "packed_experts/layout.json: ";
+  const std::string tensor = where + "layers[0].experts[0].tensors.up.";
+  const std::string deep = std::string(511, '[') + std::string(511, ']');
+  const std::tuple<const char*, std::string, std::string, std::string> rows[] = {
+      {"the last of a key counts", "\"numLayers\"", R"("numLayers":7,"numLayers")", "no error"},
+      {"and forgets the earlier", "\"layers\"", R"("layers":[{"layer":7,"file":"","experts":[]}],"layers")",
+       "no error"},
+      {"null for an optional", "\"physicalRank\" : 0", "\"physicalRank\" : null", "no error"},
+      {"keys with escapes", "numLayers", "num\\u004cayers", "no error"},
+      {"unknown keys", "\"layers\"", R"("x":{"layers":[{"y":[]},{}],"numLayers":"z"},"layers")", "no error"},
+      {"null for a required", "\"size\" : 8", "\"size\" : null",
+       tensor + "size: expected an unsigned integer"},
+      {"a container for a number", "\"size\" : 8", "\"size\" : [1,[2]]",
+       tensor + "size: expected an unsigned integer"},
+      {"a fraction", "\"size\" : 8", "\"size\" : 8.5", tensor + "size: expected an unsigned integer"},
+      {"a rounded integer", "\"size\" : 8", "\"size\" : 9007199254740993.0",
+       tensor + "size: expected an unsigned integer"},
+      {"an object among dimensions", "16\n", "{}\n", tensor + "shape: expected an array of integers"},
+      {"NUL after it", "8,", std::string("8,\0", 3), where + "JSON with a NUL byte"},
+      {"malformed", "\"layers\" : [", "\"layers\" : [}", where + "[json.exception.parse_error.101]"},
+      {"deep, ignored", "\"layers\"", "\"x\":" + deep + ",\"layers\"", "no error"},
+      {"too deep, ignored", "\"layers\"", "\"x\":[" + deep + "],\"layers\"",
+       where + "JSON nested deeper than 512 levels"},
+  };
+  for (const auto& [name, from, to, expected] : rows) {
+    SCOPED_TRACE(name);
+    const std::string outcome = errorText([&] { Codec::decode(testing::replaced(text, from, to)); });
+    EXPECT_EQ(outcome.substr(0, expected.size()), expected);
+  }
+  EXPECT_EQ(errorText([] { Codec::decode("[]"); }), where + "document: expected an object");
+}
+
 TEST(MorlenPackedExpertsLayoutV1, InvalidLayoutIsNotWritten) {
   MorlenPackedExpertsLayoutV1 layout = testing::sampleLayout();
   layout.layers.pop_back();
