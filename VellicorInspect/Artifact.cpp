@@ -18,7 +18,7 @@ namespace {
 /// A receipt repeats the manifest's list of files and adds a path.
 constexpr std::uint64_t maximumReceiptBytes = 2 * ArtifactRecords::maximumManifestBytes;
 
-[[noreturn]] void refuse(std::string detail) { throw RepackError::configurationInvalid(std::move(detail)); }
+[[noreturn]] void refuse(std::string detail) { throw RepackError(ConfigurationInvalid{std::move(detail)}); }
 
 void checkListedFiles(const MorlenDirectoryAccess& directory, const MorlenManifestV1& manifest) {
   for (const auto& [path, listed] : manifest.files) {
@@ -69,7 +69,7 @@ void readReceipt(Artifact& artifact) try {
                       .toolVersion = receipt.optionalString("toolVersion"),
                       .verificationTimestamp = receipt.optionalString("verificationTimestamp")};
 } catch (const RepackError& error) {
-  const auto* failed = error.as<RepackError::FileStatFailed>();
+  const auto* failed = error.as<FileStatFailed>();
   const bool isMissing = failed != nullptr && failed->errnoValue == ENOENT;
   artifact.receiptProblem = isMissing ? "there is none" : error.description();
 } catch (const JsonDecodingError& error) {

@@ -45,11 +45,11 @@ void OutputFile::requireFree() const {
   const Posix::EntryKind kind = Posix::entryKind(path_);
   if (kind == Posix::EntryKind::absent) return;
   if (kind != Posix::EntryKind::regular) {
-    throw RepackError::configurationInvalid(
-        fmt::format("{} is not a regular file ({})", path_, Posix::name(kind)));
+    throw RepackError(
+        ConfigurationInvalid{fmt::format("{} is not a regular file ({})", path_, Posix::name(kind))});
   }
   if (existing_ == Existing::refuse) {
-    throw RepackError::configurationInvalid(fmt::format("{} exists; --force replaces it", path_));
+    throw RepackError(ConfigurationInvalid{fmt::format("{} exists; --force replaces it", path_)});
   }
 }
 

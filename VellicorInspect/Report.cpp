@@ -125,7 +125,7 @@ std::vector<const StoredTensor*> matchingTensors(const std::vector<StoredTensor>
     if (globs.empty() || std::ranges::any_of(globs, matches)) matching.push_back(&tensor);
   }
   if (matching.empty() && !globs.empty()) {
-    throw RepackError::configurationInvalid(fmt::format("no tensor matches {}", fmt::join(globs, " or ")));
+    throw RepackError(ConfigurationInvalid{fmt::format("no tensor matches {}", fmt::join(globs, " or "))});
   }
   return matching;
 }

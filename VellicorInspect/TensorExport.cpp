@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::size_t pieceBytes = 1048576;
 
-[[noreturn]] void refuse(std::string detail) { throw RepackError::configurationInvalid(std::move(detail)); }
+[[noreturn]] void refuse(std::string detail) { throw RepackError(ConfigurationInvalid{std::move(detail)}); }
 
 TensorBytes allOf(const StoredTensor& tensor) {
   TensorBytes bytes{&tensor, {}, tensor.shape, tensor.totalBytes()};

@@ -33,7 +33,7 @@ class FolderFile final : public HubFile {
 
 HubFileIdentity identityOf(int fd, const std::string& path, const std::string& name, std::uint64_t size) {
   struct stat info {};
-  if (::fstat(fd, &info) != 0) throw RepackError::fileStatFailed(path, errno);
+  if (::fstat(fd, &info) != 0) throw RepackError(FileStatFailed{.path = path, .errnoValue = errno});
   const std::string fingerprint =
       fmt::format("{} {} {}", name, size, static_cast<std::int64_t>(info.st_mtime));
   const bool isLarge =

@@ -33,18 +33,26 @@ std::string textOf(const FileCall& call, std::int32_t code) {
   const auto length = static_cast<std::int64_t>(call.length);
   const std::string& name = call.name;
   if (name == "open" || name == "flock" || name == "unlink" || name == "remove") {
-    return RepackError::fileOpenFailed(call.path, code).description();
+    return RepackError(FileOpenFailed{.path = call.path, .errnoValue = code}).description();
   }
-  if (name == "stat" || name == "statvfs") return RepackError::fileStatFailed(call.path, code).description();
-  if (name == "pread") return RepackError::preadShort(call.path, length, 0, code).description();
-  if (name == "pwrite") return RepackError::pwriteShort(call.path, length, 0, code).description();
-  if (name == "ftruncate") return RepackError::ftruncateFailed(call.path, code).description();
-  if (name == "fsync") return RepackError::fsyncFailed(call.path, code).description();
-  if (name == "rename") return RepackError::renameFailed(call.path, call.otherPath, code).description();
+  if (name == "stat" || name == "statvfs")
+    return RepackError(FileStatFailed{.path = call.path, .errnoValue = code}).description();
+  if (name == "pread")
+    return RepackError(PreadShort{.path = call.path, .expected = length, .got = 0, .errnoValue = code})
+        .description();
+  if (name == "pwrite")
+    return RepackError(PwriteShort{.path = call.path, .expected = length, .wrote = 0, .errnoValue = code})
+        .description();
+  if (name == "ftruncate")
+    return RepackError(FtruncateFailed{.path = call.path, .errnoValue = code}).description();
+  if (name == "fsync") return RepackError(FsyncFailed{.path = call.path, .errnoValue = code}).description();
+  if (name == "rename")
+    return RepackError(RenameFailed{.from = call.path, .to = call.otherPath, .errnoValue = code})
+        .description();
   if (name == "exchange") {
     // The one that is tried at the start is reported for the output.
     const std::string path = call.path.substr(0, call.path.rfind(".exchange-"));
-    return RepackError::promotionUnsupported(path, code).description();
+    return RepackError(PromotionUnsupported{.path = path, .errnoValue = code}).description();
   }
   return "";
 }

@@ -27,11 +27,13 @@ using namespace testing;
 TEST(RepackError, TextsOfTheRarerErrors) {
   using E = RepackError;
   const std::vector<std::pair<E, std::string>> rows = {
-      {E::quantOverrideCountMismatch(30, 7, {"a", "b", "c", "d", "e", "f", "g"}),
+      {RepackError(QuantOverrideCountMismatch{
+           .expected = 30, .actual = 7, .sample = {"a", "b", "c", "d", "e", "f", "g"}}),
        R"(config.json quantization overrides: expected 30, got 7; sample=["a", "b", "c", "d", "e"])"},
-      {E::quantOverrideCountMismatch(30, 0, {}),
+      {RepackError(QuantOverrideCountMismatch{.expected = 30, .actual = 0, .sample = {}}),
        "config.json quantization overrides: expected 30, got 0; sample=[]"},
-      {E::remoteHTTPResponse("u", 429, ""), "remote HTTP 429: u, Retry-After "},
+      {RepackError(RemoteHTTPResponse{.url = "u", .status = 429, .retryAfter = ""}),
+       "remote HTTP 429: u, Retry-After "},
   };
   for (const auto& [error, text] : rows) EXPECT_EQ(error.what(), text);
 }

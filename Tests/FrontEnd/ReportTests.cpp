@@ -44,7 +44,7 @@ TEST(Reports, AFailureSaysWhatItIsInFull) {
     EXPECT_EQ(reportInstallFailure(error), ExitStatus::failure);
     return ::testing::internal::GetCapturedStderr();
   };
-  const RepackError missing = RepackError::missingTensor(name);
+  const RepackError missing = RepackError(MissingTensor{name});
   EXPECT_EQ(missing.description(), "expected tensor missing: " + name);
   EXPECT_EQ(printed(missing), "install failed: expected tensor missing: a\\x00b\\x1b\n");
   EXPECT_EQ(printed(std::bad_alloc()), "install failed: not enough memory\n");

@@ -224,7 +224,8 @@ void fuzzCheckpoint(Bytes bytes) {
 void fuzzRetryAfter(Bytes bytes) {
   const RemoteRetryPolicy policy;
   const auto now = std::chrono::system_clock::from_time_t(784111777);
-  const auto answer = RepackError::remoteHTTPResponse("url", 503, std::string(textOf(bytes)));
+  const auto answer =
+      RepackError(RemoteHTTPResponse{.url = "url", .status = 503, .retryAfter = std::string(textOf(bytes))});
   const auto delay = unlessRefused<RepackError>([&] { return policy.retryDelayNs(answer, 7, now); });
   require(!delay || (*delay >= 7 && *delay <= policy.maxServerDelayNs), "not between back-off and cap");
 }

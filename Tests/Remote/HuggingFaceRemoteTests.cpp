@@ -88,7 +88,8 @@ TEST(HuggingFaceRemote, RefusesBeforeAnyRequest) {
   EXPECT_EQ(hub.download(100, ~0ULL, 2), protocol + "range of 2 bytes from 18446744073709551615 exceeds f");
   EXPECT_EQ(hub.content(), "absent");
   writeFile(hub.target, "mine");
-  EXPECT_EQ(hub.download(100, 99, 1), RepackError::fileOpenFailed(hub.target, EEXIST).what());
+  EXPECT_EQ(hub.download(100, 99, 1),
+            RepackError(FileOpenFailed{.path = hub.target, .errnoValue = EEXIST}).what());
   EXPECT_EQ(hub.content(), "mine");
   EXPECT_TRUE(hub.transport->wire.empty());
 }

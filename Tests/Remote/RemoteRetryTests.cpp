@@ -7,7 +7,7 @@ const std::string far = "Fri, 31 Dec 9999 23:59:59 GMT", badDay = "Sun, 36 Nov 1
 constexpr std::uint64_t second = 1'000'000'000, hour = 3600 * second;
 
 RepackError status(std::int64_t code, std::optional<std::string> retryAfter = std::nullopt) {
-  return RepackError::remoteHTTPResponse("u", code, std::move(retryAfter));
+  return RepackError(RemoteHTTPResponse{.url = "u", .status = code, .retryAfter = std::move(retryAfter)});
 }
 
 TEST(RetryLoop, AttemptsWaitsAndOutcome) {
@@ -67,8 +67,8 @@ TEST(RetryLoop, RetriesWhatMayPassOnly) {
   const auto retried = RemoteRetryPolicy::isRetryable;
   for (const int code : {408, 429, 500, 502, 503, 504}) EXPECT_TRUE(retried(status(code))) << code;
   for (const int code : {302, 401, 404, 416, 501, 505}) EXPECT_FALSE(retried(status(code))) << code;
-  EXPECT_TRUE(retried(RepackError::remoteBodyTruncated("f", 2, 1)));
-  EXPECT_FALSE(retried(RepackError::remoteBodyExceeded("f", 1, 2)));
+  EXPECT_TRUE(retried(RepackError(RemoteBodyTruncated{.path = "f", .expected = 2, .actual = 1})));
+  EXPECT_FALSE(retried(RepackError(RemoteBodyExceeded{.path = "f", .limit = 1, .attempted = 2})));
   using enum NetworkError::Code;
   for (const auto code : {timedOut, connectionLost, cannotConnect, nameResolution, offline}) {
     EXPECT_TRUE(retried(NetworkError(code, ""))) << static_cast<int>(code);

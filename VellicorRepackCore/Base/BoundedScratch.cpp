@@ -32,7 +32,7 @@ BoundedScratch::BoundedScratch(std::int64_t limitBytes)
     : limitBytes_(limitBytes), largestEverBytes_(initialBytes), buffer_(initialBytes) {}
 
 std::span<std::byte> BoundedScratch::ensure(std::int64_t bytes) {
-  if (bytes > limitBytes_) throw RepackError::scratchExceeded(bytes, limitBytes_);
+  if (bytes > limitBytes_) throw RepackError(ScratchExceeded{.requested = bytes, .limit = limitBytes_});
   const auto capacity = static_cast<std::int64_t>(buffer_.size());
   if (bytes <= capacity) return buffer_.bytes();
 

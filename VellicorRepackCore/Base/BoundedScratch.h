@@ -39,7 +39,7 @@ class BoundedScratch {
   explicit BoundedScratch(std::int64_t limitBytes = defaultLimitBytes);
 
   /// The whole current buffer, of at least `bytes`; growing drops the old contents. Throws
-  /// `RepackError::scratchExceeded` above the limit.
+  /// `ScratchExceeded` above the limit.
   std::span<std::byte> ensure(std::int64_t bytes);
 
   /// The current buffer, whatever its size.

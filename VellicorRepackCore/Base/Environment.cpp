@@ -25,7 +25,8 @@ std::string absolutePath(const std::string& path) {
   std::error_code error;
   const std::filesystem::path current = std::filesystem::current_path(error);
   if (error) {
-    throw RepackError::installPathUnsafe(path, "the current directory has no path; give an absolute one");
+    throw RepackError(
+        InstallPathUnsafe{.path = path, .detail = "the current directory has no path; give an absolute one"});
   }
   return (current / path).string();
 }

@@ -13,7 +13,7 @@ std::optional<std::string> environmentVariable(const char* name);
 std::optional<std::string> nonEmptyEnvironmentVariable(const char* name);
 
 /// The path against the current directory, joined with a slash; an absolute one as it is, whatever became of
-/// the current directory. Throws `RepackError::installPathUnsafe` when that is needed and has no path.
+/// the current directory. Throws `InstallPathUnsafe` when that is needed and has no path.
 std::string absolutePath(const std::string& path);
 
 }  // namespace vellicor

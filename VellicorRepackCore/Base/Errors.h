@@ -1,5 +1,6 @@
 #pragma once
 
+#include <concepts>
 #include <cstdint>
 #include <exception>
 #include <optional>
@@ -9,169 +10,291 @@
 #include <variant>
 #include <vector>
 
+#include <fmt/format.h>
+
 namespace vellicor {
 
-/// The core's one error. Every case is a small struct named like its factory; `what()` is the only text ever
-/// shown for it. URLs put into a case have already been redacted by the caller.
+// Every failure of the core, with the text that a person reads for it. A URL is redacted by whoever puts it
+// into a case.
+
+struct FileOpenFailed {
+  static constexpr std::string_view format = "open({}) failed: errno {}";
+  std::string path;
+  std::int32_t errnoValue;
+  std::string text() const { return fmt::format(format, path, errnoValue); }
+};
+
+struct FileStatFailed {
+  static constexpr std::string_view format = "fstat({}) failed: errno {}";
+  std::string path;
+  std::int32_t errnoValue;
+  std::string text() const { return fmt::format(format, path, errnoValue); }
+};
+
+struct FtruncateFailed {
+  static constexpr std::string_view format = "ftruncate({}) failed: errno {}";
+  std::string path;
+  std::int32_t errnoValue;
+  std::string text() const { return fmt::format(format, path, errnoValue); }
+};
+
+struct PwriteShort {
+  static constexpr std::string_view format = "pwrite({}) short: expected {}, wrote {}, errno {}";
+  std::string path;
+  std::int64_t expected;
+  std::int64_t wrote;
+  std::int32_t errnoValue;
+  std::string text() const { return fmt::format(format, path, expected, wrote, errnoValue); }
+};
+
+struct PreadShort {
+  static constexpr std::string_view format = "pread({}) short: expected {}, got {}, errno {}";
+  std::string path;
+  std::int64_t expected;
+  std::int64_t got;
+  std::int32_t errnoValue;
+  std::string text() const { return fmt::format(format, path, expected, got, errnoValue); }
+};
+
+struct RenameFailed {
+  static constexpr std::string_view format = "rename({} -> {}) failed: errno {}";
+  std::string from;
+  std::string to;
+  std::int32_t errnoValue;
+  std::string text() const { return fmt::format(format, from, to, errnoValue); }
+};
+
+struct FsyncFailed {
+  static constexpr std::string_view format = "fsync({}) failed: errno {}";
+  std::string path;
+  std::int32_t errnoValue;
+  std::string text() const { return fmt::format(format, path, errnoValue); }
+};
+
+struct InstallBusy {
+  static constexpr std::string_view format = "another installer holds {}";
+  std::string path;
+  std::string text() const { return fmt::format(format, path); }
+};
+
+struct InstallPathUnsafe {
+  static constexpr std::string_view format = "unsafe installer path {}: {}";
+  std::string path;
+  std::string detail;
+  std::string text() const { return fmt::format(format, path, detail); }
+};
+
+struct InstallStateMissing {
+  static constexpr std::string_view format = "no resumable install state exists for {}";
+  std::string path;
+  std::string text() const { return fmt::format(format, path); }
+};
+
+struct InstallStateCorrupt {
+  static constexpr std::string_view format = "install state at {} is corrupt: {}";
+  std::string path;
+  std::string detail;
+  std::string text() const { return fmt::format(format, path, detail); }
+};
+
+struct InstallStateIncompatible {
+  static constexpr std::string_view format = "install state is incompatible: {}";
+  std::string detail;
+  std::string text() const { return fmt::format(format, detail); }
+};
+
+struct PromotionUnsupported {
+  static constexpr std::string_view format = "atomic directory promotion is unsupported for {}: errno {}";
+  std::string path;
+  std::int32_t errnoValue;
+  std::string text() const { return fmt::format(format, path, errnoValue); }
+};
+
+struct SafetensorsHeaderTooLarge {
+  static constexpr std::string_view format = "safetensors header at {} size {} exceeds bound";
+  std::string path;
+  std::uint64_t size;
+  std::string text() const { return fmt::format(format, path, size); }
+};
+
+struct SafetensorsHeaderInvalid {
+  static constexpr std::string_view format = "safetensors header at {} invalid: {}";
+  std::string path;
+  std::string detail;
+  std::string text() const { return fmt::format(format, path, detail); }
+};
+
+struct SafetensorsUnknownDtype {
+  static constexpr std::string_view format = "safetensors at {} has unsupported dtype {}";
+  std::string path;
+  std::string dtype;
+  std::string text() const { return fmt::format(format, path, dtype); }
+};
+
+struct SafetensorsTensorOutOfRange {
+  static constexpr std::string_view format = "safetensors {}: tensor {} ends at {}, file size {}";
+  std::string path;
+  std::string name;
+  std::uint64_t end;
+  std::uint64_t fileSize;
+  std::string text() const { return fmt::format(format, path, name, end, fileSize); }
+};
+
+struct IndexJsonInvalid {
+  static constexpr std::string_view format = "index.json {} invalid: {}";
+  std::string path;
+  std::string detail;
+  std::string text() const { return fmt::format(format, path, detail); }
+};
+
+struct ConfigJsonInvalid {
+  static constexpr std::string_view format = "config.json {} invalid: {}";
+  std::string path;
+  std::string detail;
+  std::string text() const { return fmt::format(format, path, detail); }
+};
+
+/// Nothing throws it today; it completes the set.
+struct QuantOverrideCountMismatch {
+  std::int64_t expected;
+  std::int64_t actual;
+  /// At most five are shown.
+  std::vector<std::string> sample;
+  std::string text() const;
+};
+
+/// Nothing throws it today: the planner looks only for tensors that the index lists.
+struct MissingTensor {
+  static constexpr std::string_view format = "expected tensor missing: {}";
+  std::string name;
+  std::string text() const { return fmt::format(format, name); }
+};
+
+struct UnknownTensorPrefix {
+  static constexpr std::string_view format = "unknown tensor prefix: {}";
+  std::string name;
+  std::string text() const { return fmt::format(format, name); }
+};
+
+struct MissingScalesCompanion {
+  static constexpr std::string_view format = "quantized tensor {} missing .scales companion";
+  std::string name;
+  std::string text() const { return fmt::format(format, name); }
+};
+
+struct MissingBiasesCompanion {
+  static constexpr std::string_view format = "quantized tensor {} missing .biases companion";
+  std::string name;
+  std::string text() const { return fmt::format(format, name); }
+};
+
+struct ShapeMismatch {
+  static constexpr std::string_view format = "shape mismatch for {}: {}";
+  std::string name;
+  std::string detail;
+  std::string text() const { return fmt::format(format, name, detail); }
+};
+
+struct DtypeMismatch {
+  static constexpr std::string_view format = "dtype mismatch for {}: {}";
+  std::string name;
+  std::string detail;
+  std::string text() const { return fmt::format(format, name, detail); }
+};
+
+struct SourceFingerprintRejected {
+  static constexpr std::string_view format = "source fingerprint {} for {} is not in known set";
+  std::string path;
+  std::string sha256;
+  std::string text() const { return fmt::format(format, sha256, path); }
+};
+
+struct RemoteProtocolInvalid {
+  static constexpr std::string_view format = "remote protocol invalid: {}";
+  std::string detail;
+  std::string text() const { return fmt::format(format, detail); }
+};
+
+/// Nothing throws it today: a refused answer is always known whole, see `RemoteHTTPResponse`.
+struct RemoteHTTPStatus {
+  static constexpr std::string_view format = "remote HTTP {}: {}";
+  std::string url;
+  std::int64_t status;
+  std::string text() const { return fmt::format(format, status, url); }
+};
+
+struct RemoteHTTPResponse {
+  static constexpr std::string_view format = "remote HTTP {}: {}";
+  std::string url;
+  std::int64_t status;
+  std::optional<std::string> retryAfter;
+  std::string text() const {
+    return fmt::format(format, status, url) + (retryAfter ? ", Retry-After " + *retryAfter : "");
+  }
+};
+
+struct RemoteBodyTruncated {
+  static constexpr std::string_view format = "remote body for {} was truncated: expected {}, received {}";
+  std::string path;
+  std::uint64_t expected;
+  std::uint64_t actual;
+  std::string text() const { return fmt::format(format, path, expected, actual); }
+};
+
+struct RemoteBodyExceeded {
+  static constexpr std::string_view format = "remote body for {} exceeded {} bytes at {} bytes";
+  std::string path;
+  std::uint64_t limit;
+  std::uint64_t attempted;
+  std::string text() const { return fmt::format(format, path, limit, attempted); }
+};
+
+struct RemoteRedirectRejected {
+  static constexpr std::string_view format = "remote redirect rejected for {}: {}";
+  std::string url;
+  std::string detail;
+  std::string text() const { return fmt::format(format, url, detail); }
+};
+
+struct RemoteRetryDelayExceeded {
+  static constexpr std::string_view format = "remote Retry-After {} exceeds {}-second cap";
+  std::string value;
+  std::uint64_t capSeconds;
+  std::string text() const { return fmt::format(format, value, capSeconds); }
+};
+
+struct RemoteFileTooLarge {
+  static constexpr std::string_view format = "remote file {} size {} exceeds cap {}";
+  std::string path;
+  std::uint64_t size;
+  std::uint64_t cap;
+  std::string text() const { return fmt::format(format, path, size, cap); }
+};
+
+struct DiskSpaceInsufficient {
+  static constexpr std::string_view format = "insufficient disk space for {}: required {}, available {}";
+  std::string path;
+  std::uint64_t required;
+  std::uint64_t available;
+  std::string text() const { return fmt::format(format, path, required, available); }
+};
+
+struct ScratchExceeded {
+  static constexpr std::string_view format = "resident index size {} exceeds limit {}";
+  std::int64_t requested;
+  std::int64_t limit;
+  std::string text() const { return fmt::format(format, requested, limit); }
+};
+
+struct ConfigurationInvalid {
+  static constexpr std::string_view format = "configuration invalid: {}";
+  std::string detail;
+  std::string text() const { return fmt::format(format, detail); }
+};
+
+/// The core's one error.
 class RepackError : public std::exception {
  public:
-  struct FileOpenFailed {
-    std::string path;
-    std::int32_t errnoValue;
-  };
-  struct FileStatFailed {
-    std::string path;
-    std::int32_t errnoValue;
-  };
-  struct FtruncateFailed {
-    std::string path;
-    std::int32_t errnoValue;
-  };
-  struct PwriteShort {
-    std::string path;
-    std::int64_t expected;
-    std::int64_t wrote;
-    std::int32_t errnoValue;
-  };
-  struct PreadShort {
-    std::string path;
-    std::int64_t expected;
-    std::int64_t got;
-    std::int32_t errnoValue;
-  };
-  struct RenameFailed {
-    std::string from;
-    std::string to;
-    std::int32_t errnoValue;
-  };
-  struct FsyncFailed {
-    std::string path;
-    std::int32_t errnoValue;
-  };
-  struct InstallBusy {
-    std::string path;
-  };
-  struct InstallPathUnsafe {
-    std::string path;
-    std::string detail;
-  };
-  struct InstallStateMissing {
-    std::string path;
-  };
-  struct InstallStateCorrupt {
-    std::string path;
-    std::string detail;
-  };
-  struct InstallStateIncompatible {
-    std::string detail;
-  };
-  struct PromotionUnsupported {
-    std::string path;
-    std::int32_t errnoValue;
-  };
-  struct SafetensorsHeaderTooLarge {
-    std::string path;
-    std::uint64_t size;
-  };
-  struct SafetensorsHeaderInvalid {
-    std::string path;
-    std::string detail;
-  };
-  struct SafetensorsUnknownDtype {
-    std::string path;
-    std::string dtype;
-  };
-  struct SafetensorsTensorOutOfRange {
-    std::string path;
-    std::string name;
-    std::uint64_t end;
-    std::uint64_t fileSize;
-  };
-  struct IndexJsonInvalid {
-    std::string path;
-    std::string detail;
-  };
-  struct ConfigJsonInvalid {
-    std::string path;
-    std::string detail;
-  };
-  struct QuantOverrideCountMismatch {
-    std::int64_t expected;
-    std::int64_t actual;
-    std::vector<std::string> sample;
-  };
-  struct MissingTensor {
-    std::string name;
-  };
-  struct UnknownTensorPrefix {
-    std::string name;
-  };
-  struct MissingScalesCompanion {
-    std::string name;
-  };
-  struct MissingBiasesCompanion {
-    std::string name;
-  };
-  struct ShapeMismatch {
-    std::string name;
-    std::string detail;
-  };
-  struct DtypeMismatch {
-    std::string name;
-    std::string detail;
-  };
-  struct SourceFingerprintRejected {
-    std::string path;
-    std::string sha256;
-  };
-  struct RemoteProtocolInvalid {
-    std::string detail;
-  };
-  struct RemoteHTTPStatus {
-    std::string url;
-    std::int64_t status;
-  };
-  struct RemoteHTTPResponse {
-    std::string url;
-    std::int64_t status;
-    std::optional<std::string> retryAfter;
-  };
-  struct RemoteBodyTruncated {
-    std::string path;
-    std::uint64_t expected;
-    std::uint64_t actual;
-  };
-  struct RemoteBodyExceeded {
-    std::string path;
-    std::uint64_t limit;
-    std::uint64_t attempted;
-  };
-  struct RemoteRedirectRejected {
-    std::string url;
-    std::string detail;
-  };
-  struct RemoteRetryDelayExceeded {
-    std::string value;
-    std::uint64_t capSeconds;
-  };
-  struct RemoteFileTooLarge {
-    std::string path;
-    std::uint64_t size;
-    std::uint64_t cap;
-  };
-  struct DiskSpaceInsufficient {
-    std::string path;
-    std::uint64_t required;
-    std::uint64_t available;
-  };
-  struct ScratchExceeded {
-    std::int64_t requested;
-    std::int64_t limit;
-  };
-  struct ConfigurationInvalid {
-    std::string detail;
-  };
-
   using Payload = std::variant<
       FileOpenFailed, FileStatFailed, FtruncateFailed, PwriteShort, PreadShort, RenameFailed, FsyncFailed,
       InstallBusy, InstallPathUnsafe, InstallStateMissing, InstallStateCorrupt, InstallStateIncompatible,
@@ -182,65 +305,24 @@ class RepackError : public std::exception {
       RemoteBodyTruncated, RemoteBodyExceeded, RemoteRedirectRejected, RemoteRetryDelayExceeded,
       RemoteFileTooLarge, DiskSpaceInsufficient, ScratchExceeded, ConfigurationInvalid>;
 
-  static RepackError fileOpenFailed(std::string path, std::int32_t errnoValue);
-  static RepackError fileStatFailed(std::string path, std::int32_t errnoValue);
-  static RepackError ftruncateFailed(std::string path, std::int32_t errnoValue);
-  static RepackError pwriteShort(std::string path, std::int64_t expected, std::int64_t wrote,
-                                 std::int32_t errnoValue);
-  static RepackError preadShort(std::string path, std::int64_t expected, std::int64_t got,
-                                std::int32_t errnoValue);
-  static RepackError renameFailed(std::string from, std::string to, std::int32_t errnoValue);
-  static RepackError fsyncFailed(std::string path, std::int32_t errnoValue);
-  static RepackError installBusy(std::string path);
-  static RepackError installPathUnsafe(std::string path, std::string detail);
-  static RepackError installStateMissing(std::string path);
-  static RepackError installStateCorrupt(std::string path, std::string detail);
-  static RepackError installStateIncompatible(std::string detail);
-  static RepackError promotionUnsupported(std::string path, std::int32_t errnoValue);
-  static RepackError safetensorsHeaderTooLarge(std::string path, std::uint64_t size);
-  static RepackError safetensorsHeaderInvalid(std::string path, std::string detail);
-  static RepackError safetensorsUnknownDtype(std::string path, std::string dtype);
-  static RepackError safetensorsTensorOutOfRange(std::string path, std::string name, std::uint64_t end,
-                                                 std::uint64_t fileSize);
-  static RepackError indexJsonInvalid(std::string path, std::string detail);
-  static RepackError configJsonInvalid(std::string path, std::string detail);
-  static RepackError quantOverrideCountMismatch(std::int64_t expected, std::int64_t actual,
-                                                std::vector<std::string> sample);
-  static RepackError missingTensor(std::string name);
-  static RepackError unknownTensorPrefix(std::string name);
-  static RepackError missingScalesCompanion(std::string name);
-  static RepackError missingBiasesCompanion(std::string name);
-  static RepackError shapeMismatch(std::string name, std::string detail);
-  static RepackError dtypeMismatch(std::string name, std::string detail);
-  static RepackError sourceFingerprintRejected(std::string path, std::string sha256);
-  static RepackError remoteProtocolInvalid(std::string detail);
-  static RepackError remoteHTTPStatus(std::string url, std::int64_t status);
-  static RepackError remoteHTTPResponse(std::string url, std::int64_t status,
-                                        std::optional<std::string> retryAfter);
-  static RepackError remoteBodyTruncated(std::string path, std::uint64_t expected, std::uint64_t actual);
-  static RepackError remoteBodyExceeded(std::string path, std::uint64_t limit, std::uint64_t attempted);
-  static RepackError remoteRedirectRejected(std::string url, std::string detail);
-  static RepackError remoteRetryDelayExceeded(std::string value, std::uint64_t capSeconds);
-  static RepackError remoteFileTooLarge(std::string path, std::uint64_t size, std::uint64_t cap);
-  static RepackError diskSpaceInsufficient(std::string path, std::uint64_t required, std::uint64_t available);
-  static RepackError scratchExceeded(std::int64_t requested, std::int64_t limit);
-  static RepackError configurationInvalid(std::string detail);
+  template <typename Failure>
+  requires std::constructible_from<Payload, std::in_place_type_t<Failure>, Failure> RepackError(
+      Failure failure)
+      : text_(failure.text()), payload_(std::move(failure)) {}
 
   const Payload& payload() const noexcept { return payload_; }
-  /// The payload of one case, or nullptr when this is another case.
-  template <typename Case>
-  const Case* as() const noexcept {
-    return std::get_if<Case>(&payload_);
+  /// The failure when it is this case, or nullptr.
+  template <typename Failure>
+  const Failure* as() const noexcept {
+    return std::get_if<Failure>(&payload_);
   }
   /// The whole text; `what()` ends at a NUL character, which a hostile name may hold.
   const std::string& description() const noexcept { return text_; }
   const char* what() const noexcept override { return text_.c_str(); }
 
  private:
-  explicit RepackError(Payload payload);
-
-  Payload payload_;
   std::string text_;
+  Payload payload_;
 };
 
 /// The surrounding operation was cancelled. It always leaves a resumable state.

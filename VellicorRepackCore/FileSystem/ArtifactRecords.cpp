@@ -12,7 +12,7 @@ namespace vellicor {
 
 namespace {
 
-[[noreturn]] void refuse(std::string detail) { throw RepackError::configurationInvalid(std::move(detail)); }
+[[noreturn]] void refuse(std::string detail) { throw RepackError(ConfigurationInvalid{std::move(detail)}); }
 
 /// Reads a record whole and notes what was read.
 std::string readRecord(const MorlenDirectoryAccess& directory, const std::string& path,

@@ -42,7 +42,7 @@ auto withFormatErrors(std::string_view prefix, Operation&& operation) {
   try {
     return operation();
   } catch (const MorlenFormatError& error) {
-    throw RepackError::configurationInvalid(std::string(prefix) + ": " + error.description());
+    throw RepackError(ConfigurationInvalid{std::string(prefix) + ": " + error.description()});
   }
 }
 

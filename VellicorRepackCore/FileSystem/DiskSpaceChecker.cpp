@@ -21,7 +21,7 @@ std::string nearestExistingDirectory(std::string directory) {
 
 struct stat statusOf(const std::string& path) {
   struct stat status {};
-  checkedCall(RepackError::fileStatFailed, path, [&] { return ::stat(path.c_str(), &status); });
+  checkedCall<FileStatFailed>(path, [&] { return ::stat(path.c_str(), &status); });
   return status;
 }
 
@@ -38,7 +38,7 @@ DiskSpaceRequirement DiskSpaceChecker::requirement(const std::string& path, std:
                                                    std::uint64_t reserveBytes) {
   const std::uint64_t available = Posix::availableBytes(path);
   if (bytes > std::numeric_limits<std::uint64_t>::max() - reserveBytes) {
-    throw RepackError::configurationInvalid("disk-space requirement overflows UInt64");
+    throw RepackError(ConfigurationInvalid{"disk-space requirement overflows UInt64"});
   }
   return {.path = path, .requiredBytes = bytes + reserveBytes, .availableBytes = available};
 }
@@ -50,7 +50,8 @@ DiskSpaceRequirement DiskSpaceChecker::requireAvailable(const std::string& path,
   const std::string directory = directoryToMeasure(probe, path);
   DiskSpaceRequirement needed = requirement(directory, bytes, reserveBytes);
   if (!needed.canInstall()) {
-    throw RepackError::diskSpaceInsufficient(directory, needed.requiredBytes, needed.availableBytes);
+    throw RepackError(DiskSpaceInsufficient{
+        .path = directory, .required = needed.requiredBytes, .available = needed.availableBytes});
   }
   return needed;
 }

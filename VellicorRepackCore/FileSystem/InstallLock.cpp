@@ -12,7 +12,8 @@ namespace vellicor {
 namespace {
 
 void requireUnreplaced(bool matches, const std::string& path) {
-  if (!matches) throw RepackError::installPathUnsafe(path, "lock path was replaced during acquisition");
+  if (!matches)
+    throw RepackError(InstallPathUnsafe{.path = path, .detail = "lock path was replaced during acquisition"});
 }
 
 }  // namespace
@@ -32,8 +33,8 @@ InstallLock InstallLock::acquire(const std::string& outputDirectory) {
 
   FileDescriptor descriptor = Posix::openLock(paths.lockFile);
   const auto lockError = [&](std::int32_t code) {
-    return code == EWOULDBLOCK ? RepackError::installBusy(paths.lockFile)
-                               : RepackError::fileOpenFailed(paths.lockFile, code);
+    return code == EWOULDBLOCK ? RepackError(InstallBusy{paths.lockFile})
+                               : RepackError(FileOpenFailed{.path = paths.lockFile, .errnoValue = code});
   };
   checkedCall(lockError, [&] { return ::flock(descriptor.get(), LOCK_EX | LOCK_NB); });
 
@@ -53,7 +54,7 @@ void InstallLock::holdPartialDirectory() {
   FileDescriptor directory = Posix::openDirectory(path);
   const int result = retryInterrupted([&] { return ::flock(directory.get(), LOCK_EX | LOCK_NB); });
   // Some network file systems lock no directories; any other failure is theirs.
-  if (result < 0 && errno == EWOULDBLOCK) throw RepackError::installBusy(paths_.lockFile);
+  if (result < 0 && errno == EWOULDBLOCK) throw RepackError(InstallBusy{paths_.lockFile});
   partialDirectory_ = std::move(directory);
   requireUnreplaced(Posix::descriptorMatchesPath(partialDirectory_.get(), path, Posix::EntryKind::directory),
                     path);
@@ -63,7 +64,8 @@ void InstallLock::requirePartialDirectory() const {
   paths_.validateEntryTypes();
   const std::string& path = paths_.partialDirectory;
   if (Posix::descriptorMatchesPath(partialDirectory_.get(), path, Posix::EntryKind::directory)) return;
-  throw RepackError::installPathUnsafe(path, "partial directory was replaced during the install");
+  throw RepackError(
+      InstallPathUnsafe{.path = path, .detail = "partial directory was replaced during the install"});
 }
 
 }  // namespace vellicor

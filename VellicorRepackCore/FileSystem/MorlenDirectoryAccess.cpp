@@ -28,7 +28,7 @@ void requireSafe(const std::string& prefix, Check&& check) {
   try {
     check();
   } catch (const MorlenFormatError& error) {
-    throw RepackError::configurationInvalid(fmt::format("{}: {}", prefix, error.description()));
+    throw RepackError(ConfigurationInvalid{fmt::format("{}: {}", prefix, error.description())});
   }
 }
 
@@ -41,7 +41,7 @@ struct MorlenDirectoryAccess::WalkState {
 };
 
 MorlenDirectoryAccess::MorlenDirectoryAccess(const std::string& rootPath)
-    : rootPath_(standardizedPath(rootPath)), root_(checkedCall(RepackError::fileOpenFailed, rootPath_, [&] {
+    : rootPath_(standardizedPath(rootPath)), root_(checkedCall<FileOpenFailed>(rootPath_, [&] {
         return ::open(rootPath_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
       })) {}
 
@@ -53,7 +53,8 @@ FileDescriptor MorlenDirectoryAccess::openComponent(const FileDescriptor& parent
                                                     int flags, const std::string& relativePath) const {
   const auto openError = [&](std::int32_t code) {
     const std::string path = fullPath(relativePath);
-    return code == ENOENT ? RepackError::fileStatFailed(path, code) : RepackError::fileOpenFailed(path, code);
+    return code == ENOENT ? RepackError(FileStatFailed{.path = path, .errnoValue = code})
+                          : RepackError(FileOpenFailed{.path = path, .errnoValue = code});
   };
   return FileDescriptor(checkedCall(openError, [&] { return ::openat(parent.get(), name.c_str(), flags); }));
 }
@@ -62,8 +63,8 @@ FileDescriptor MorlenDirectoryAccess::openFile(const std::string& relativePath) 
   requireSafe("unsafe path " + relativePath,
               [&] { MorlenPathValidator::validateRelativePath(relativePath, "path." + relativePath); });
 
-  FileDescriptor parent(checkedCall(RepackError::fileOpenFailed, rootPath_,
-                                    [&] { return ::fcntl(root_.get(), F_DUPFD_CLOEXEC, 0); }));
+  FileDescriptor parent(
+      checkedCall<FileOpenFailed>(rootPath_, [&] { return ::fcntl(root_.get(), F_DUPFD_CLOEXEC, 0); }));
   std::size_t start = 0;
   for (std::size_t slash; (slash = relativePath.find('/', start)) != std::string::npos; start = slash + 1) {
     parent = openComponent(parent, relativePath.substr(start, slash - start), directoryFlags, relativePath);
@@ -84,8 +85,8 @@ std::string MorlenDirectoryAccess::readMetadata(int fd, const std::string& relat
                                                 std::uint64_t maxBytes) const {
   const std::uint64_t size = fileSize(fd, relativePath);
   if (size > maxBytes) {
-    throw RepackError::configurationInvalid(
-        fmt::format("{} size {} exceeds metadata cap {}", relativePath, size, maxBytes));
+    throw RepackError(ConfigurationInvalid{
+        fmt::format("{} size {} exceeds metadata cap {}", relativePath, size, maxBytes)});
   }
   std::string content(size, '\0');
   Posix::preadAll(fd, fullPath(relativePath), content.data(), static_cast<std::int64_t>(size), 0);
@@ -98,7 +99,7 @@ std::uint64_t MorlenDirectoryAccess::fileSize(const std::string& relativePath) c
 
 std::uint64_t MorlenDirectoryAccess::fileSize(int fd, const std::string& relativePath) const {
   const off_t size = fileStatus(fd, fullPath(relativePath)).st_size;
-  if (size < 0) throw RepackError::configurationInvalid(relativePath + " has negative file size");
+  if (size < 0) throw RepackError(ConfigurationInvalid{relativePath + " has negative file size"});
   return static_cast<std::uint64_t>(size);
 }
 
@@ -109,7 +110,8 @@ std::string MorlenDirectoryAccess::hash(const std::string& relativePath, PageCac
 std::string MorlenDirectoryAccess::hash(int fd, const std::string& relativePath, PageCache cache,
                                         const CancellationToken& stop) const {
   const auto readError = [&](std::int32_t code) {
-    return RepackError::preadShort(fullPath(relativePath), hashChunkBytes, 0, code);
+    return RepackError(
+        PreadShort{.path = fullPath(relativePath), .expected = hashChunkBytes, .got = 0, .errnoValue = code});
   };
   std::optional<PageCacheTrail> trail;
   if (cache == PageCache::bypass) trail.emplace(fd, PageCacheTrail::Drops::ownPages);
@@ -132,7 +134,7 @@ std::string MorlenDirectoryAccess::hash(int fd, const std::string& relativePath,
 
 std::vector<std::string> MorlenDirectoryAccess::relativeEntries(int maxDepth, std::size_t maxEntries) const {
   if (maxDepth < 0 || maxEntries < 1) {
-    throw RepackError::configurationInvalid("invalid directory scan bounds");
+    throw RepackError(ConfigurationInvalid{"invalid directory scan bounds"});
   }
   WalkState state{.maxDepth = maxDepth, .maxEntries = maxEntries, .entries = {}};
   walk(root_.get(), "", 0, state);
@@ -142,24 +144,26 @@ std::vector<std::string> MorlenDirectoryAccess::relativeEntries(int maxDepth, st
 
 void MorlenDirectoryAccess::walk(int fd, const std::string& prefix, int depth, WalkState& state) const {
   const std::string directoryPath = fullPath(prefix);
-  const auto listError = [&](std::int32_t code) { return RepackError::fileOpenFailed(directoryPath, code); };
+  const auto listError = [&](std::int32_t code) {
+    return RepackError(FileOpenFailed{.path = directoryPath, .errnoValue = code});
+  };
   forEachName(fd, listError, [&](const char* name) {
     const std::string entry = prefix.empty() ? name : joinPath(prefix, name);
     state.entries.push_back(entry);
     if (state.entries.size() > state.maxEntries) {
-      throw RepackError::configurationInvalid("artifact directory has too many entries");
+      throw RepackError(ConfigurationInvalid{"artifact directory has too many entries"});
     }
 
     struct stat status {};
-    checkedCall(RepackError::fileStatFailed, fullPath(entry),
-                [&] { return ::fstatat(fd, name, &status, AT_SYMLINK_NOFOLLOW); });
+    checkedCall<FileStatFailed>(fullPath(entry),
+                                [&] { return ::fstatat(fd, name, &status, AT_SYMLINK_NOFOLLOW); });
     if (!S_ISDIR(status.st_mode) || entry == "tokenizer") return true;
     if (depth >= state.maxDepth) {
-      throw RepackError::configurationInvalid(
-          fmt::format("artifact directory nesting exceeds {}", state.maxDepth));
+      throw RepackError(
+          ConfigurationInvalid{fmt::format("artifact directory nesting exceeds {}", state.maxDepth)});
     }
-    const FileDescriptor child(checkedCall(RepackError::fileOpenFailed, fullPath(entry),
-                                           [&] { return ::openat(fd, name, directoryFlags); }));
+    const FileDescriptor child(
+        checkedCall<FileOpenFailed>(fullPath(entry), [&] { return ::openat(fd, name, directoryFlags); }));
     walk(child.get(), entry, depth + 1, state);
     return true;
   });
@@ -173,15 +177,15 @@ void MorlenDirectoryAccess::atomicWrite(std::string_view data, const std::string
   const std::string temporaryPath = fullPath(temporary);
   constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
   constexpr auto mode = static_cast<unsigned>(Posix::FileMode::shared);
-  FileDescriptor file(checkedCall(RepackError::fileOpenFailed, temporaryPath,
-                                  [&] { return ::openat(root_.get(), temporary.c_str(), flags, mode); }));
+  FileDescriptor file(checkedCall<FileOpenFailed>(
+      temporaryPath, [&] { return ::openat(root_.get(), temporary.c_str(), flags, mode); }));
   RemovedUnlessKept cleanup(root_.get(), temporary);
   Posix::pwriteAll(file.get(), temporaryPath, data.data(), static_cast<std::int64_t>(data.size()), 0);
   Posix::fsync(file.get(), temporaryPath);
   file.reset();
 
   const auto renameError = [&](std::int32_t code) {
-    return RepackError::renameFailed(temporaryPath, fullPath(name), code);
+    return RepackError(RenameFailed{.from = temporaryPath, .to = fullPath(name), .errnoValue = code});
   };
   checkedCall(renameError,
               [&] { return ::renameat(root_.get(), temporary.c_str(), root_.get(), name.c_str()); });

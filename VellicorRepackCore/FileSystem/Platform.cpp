@@ -79,7 +79,7 @@ EntryTraits entryTraits(int directory, const char* name) {
 
 FreeBlocks freeBlocks(const std::string& path) {
   struct statfs status {};
-  checkedCall(RepackError::fileStatFailed, path, [&] { return ::statfs(path.c_str(), &status); });
+  checkedCall<FileStatFailed>(path, [&] { return ::statfs(path.c_str(), &status); });
   return {status.f_bavail, status.f_bsize};
 }
 
@@ -185,7 +185,7 @@ EntryTraits entryTraits(int directory, const char* name) {
 
 FreeBlocks freeBlocks(const std::string& path) {
   struct statvfs status {};
-  checkedCall(RepackError::fileStatFailed, path, [&] { return ::statvfs(path.c_str(), &status); });
+  checkedCall<FileStatFailed>(path, [&] { return ::statvfs(path.c_str(), &status); });
   return {status.f_bavail, status.f_frsize};
 }
 

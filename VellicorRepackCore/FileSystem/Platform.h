@@ -47,7 +47,7 @@ bool overwritesInPlace(int fd);
 FileTimes fileTimes(const struct stat& status);
 /// Of an entry of a directory, without following a link.
 EntryTraits entryTraits(int directory, const char* name);
-/// Throws `RepackError::fileStatFailed`.
+/// Throws `FileStatFailed`.
 FreeBlocks freeBlocks(const std::string& path);
 
 }  // namespace vellicor::platform

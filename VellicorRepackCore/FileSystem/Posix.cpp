@@ -26,12 +26,12 @@ constexpr std::int64_t largestTransfer = std::int64_t{1} << 30;
 
 // Every descriptor is closed on exec.
 FileDescriptor openPath(const std::string& path, int flags, unsigned mode = 0) {
-  return FileDescriptor(checkedCall(RepackError::fileOpenFailed, path,
-                                    [&] { return ::open(path.c_str(), flags | O_CLOEXEC, mode); }));
+  return FileDescriptor(
+      checkedCall<FileOpenFailed>(path, [&] { return ::open(path.c_str(), flags | O_CLOEXEC, mode); }));
 }
 
 auto openErrorOf(const std::string& path) {
-  return [&path](std::int32_t code) { return RepackError::fileOpenFailed(path, code); };
+  return [&path](std::int32_t code) { return RepackError(FileOpenFailed{.path = path, .errnoValue = code}); };
 }
 
 FileDescriptor openWithoutLinks(const std::string& path, int flags, unsigned mode = 0) {
@@ -52,27 +52,26 @@ Posix::EntryKind kindOf(mode_t mode) {
 void requireRange(std::string_view operation, const std::string& path, std::int64_t count,
                   std::uint64_t offset) {
   if (count < 0) {
-    throw RepackError::configurationInvalid(
-        fmt::format("{} count {} is invalid for {}", operation, count, path));
+    throw RepackError(
+        ConfigurationInvalid{fmt::format("{} count {} is invalid for {}", operation, count, path)});
   }
   if (offset > largestOffset - static_cast<std::uint64_t>(count)) {
-    throw RepackError::configurationInvalid(
-        fmt::format("{} range {}+{} is not representable for {}", operation, offset, count, path));
+    throw RepackError(ConfigurationInvalid{
+        fmt::format("{} range {}+{} is not representable for {}", operation, offset, count, path)});
   }
 }
 
 /// Transfers `count` bytes; `transfer(done, n)` moves at most `n` bytes behind the first `done`, and
-/// `shortError` is thrown when it fails or makes no progress.
-template <typename Transfer>
-void transferAll(RepackError (*shortError)(std::string, std::int64_t, std::int64_t, std::int32_t),
-                 const std::string& path, std::int64_t count, Transfer&& transfer) {
+/// `ShortTransfer` is thrown when it fails or makes no progress.
+template <typename ShortTransfer, typename Transfer>
+void transferAll(const std::string& path, std::int64_t count, Transfer&& transfer) {
   std::int64_t done = 0;
   while (done < count) {
     const auto piece = static_cast<std::size_t>(std::min(count - done, largestTransfer));
     errno = 0;
     const ssize_t result = retryInterrupted([&] { return transfer(done, piece); });
     const std::int32_t code = errno;
-    if (result <= 0) throw shortError(path, count, done, code);
+    if (result <= 0) throw RepackError(ShortTransfer{path, count, done, code});
     done += result;
   }
 }
@@ -99,7 +98,8 @@ void removeStaleTemporary(const std::string& temporary, const std::string& direc
     case Posix::EntryKind::directory:
     case Posix::EntryKind::symlink:
     case Posix::EntryKind::other:
-      throw RepackError::installPathUnsafe(temporary, "atomic-write temporary has the wrong type");
+      throw RepackError(
+          InstallPathUnsafe{.path = temporary, .detail = "atomic-write temporary has the wrong type"});
   }
 }
 
@@ -157,7 +157,7 @@ FileDescriptor Posix::openParent(const std::string& path) {
 
 std::uint64_t Posix::fileSize(int fd, const std::string& path) {
   const off_t size = fileStatus(fd, path).st_size;
-  if (size < 0) throw RepackError::fileStatFailed(path, EINVAL);
+  if (size < 0) throw RepackError(FileStatFailed{.path = path, .errnoValue = EINVAL});
   return static_cast<std::uint64_t>(size);
 }
 
@@ -167,13 +167,13 @@ Posix::EntryKind Posix::entryKind(const std::string& path) {
   const std::int32_t code = errno;
   if (result == 0) return kindOf(status.st_mode);
   if (code == ENOENT) return EntryKind::absent;
-  throw RepackError::fileStatFailed(path, code);
+  throw RepackError(FileStatFailed{.path = path, .errnoValue = code});
 }
 
 bool Posix::descriptorMatchesPath(int fd, const std::string& path, EntryKind kind) {
   const struct stat opened = fileStatus(fd, path);
   struct stat named {};
-  checkedCall(RepackError::fileStatFailed, path, [&] { return ::lstat(path.c_str(), &named); });
+  checkedCall<FileStatFailed>(path, [&] { return ::lstat(path.c_str(), &named); });
   return opened.st_dev == named.st_dev && opened.st_ino == named.st_ino && kindOf(named.st_mode) == kind;
 }
 
@@ -187,12 +187,14 @@ std::string Posix::physicalPath(const std::string& path) {
   };
   const std::unique_ptr<char, Free> resolved(::realpath(path.c_str(), nullptr));
   const std::int32_t code = errno;
-  if (!resolved) throw RepackError::fileStatFailed(path, code);
+  if (!resolved) throw RepackError(FileStatFailed{.path = path, .errnoValue = code});
   return resolved.get();
 }
 
 void Posix::rename(const std::string& from, const std::string& to) {
-  const auto renameError = [&](std::int32_t code) { return RepackError::renameFailed(from, to, code); };
+  const auto renameError = [&](std::int32_t code) {
+    return RepackError(RenameFailed{.from = from, .to = to, .errnoValue = code});
+  };
   const Entry source(from, renameError), target(to, renameError);
   checkedCall(renameError, [&] {
     return ::renameat(source.directory.get(), source.name.c_str(), target.directory.get(),
@@ -201,7 +203,9 @@ void Posix::rename(const std::string& from, const std::string& to) {
 }
 
 void Posix::renameSwap(const std::string& a, const std::string& b) {
-  const auto swapError = [&](std::int32_t code) { return RepackError::promotionUnsupported(a, code); };
+  const auto swapError = [&](std::int32_t code) {
+    return RepackError(PromotionUnsupported{.path = a, .errnoValue = code});
+  };
   const Entry first(a, swapError), second(b, swapError);
   checkedCall(swapError, [&] {
     return platform::exchangeEntries(first.directory.get(), first.name.c_str(), second.directory.get(),
@@ -216,7 +220,9 @@ void Posix::unlink(const std::string& path) {
 }
 
 void Posix::removeEmptyDirectory(const std::string& path) {
-  const auto removeError = [&](std::int32_t code) { return RepackError::fileOpenFailed(path, code); };
+  const auto removeError = [&](std::int32_t code) {
+    return RepackError(FileOpenFailed{.path = path, .errnoValue = code});
+  };
   const Entry entry(path, removeError);
   const auto remove = [&] {
     const int result = ::unlinkat(entry.directory.get(), entry.name.c_str(), AT_REMOVEDIR);
@@ -228,7 +234,7 @@ void Posix::removeEmptyDirectory(const std::string& path) {
 void Posix::preadAll(int fd, const std::string& path, void* buffer, std::int64_t count,
                      std::uint64_t offset) {
   requireRange("pread", path, count, offset);
-  transferAll(RepackError::preadShort, path, count, [&](std::int64_t done, std::size_t piece) {
+  transferAll<PreadShort>(path, count, [&](std::int64_t done, std::size_t piece) {
     return ::pread(fd, static_cast<std::byte*>(buffer) + done, piece, static_cast<off_t>(offset) + done);
   });
 }
@@ -236,7 +242,7 @@ void Posix::preadAll(int fd, const std::string& path, void* buffer, std::int64_t
 void Posix::pwriteAll(int fd, const std::string& path, const void* buffer, std::int64_t count,
                       std::uint64_t offset) {
   requireRange("pwrite", path, count, offset);
-  transferAll(RepackError::pwriteShort, path, count, [&](std::int64_t done, std::size_t piece) {
+  transferAll<PwriteShort>(path, count, [&](std::int64_t done, std::size_t piece) {
     return ::pwrite(fd, static_cast<const std::byte*>(buffer) + done, piece,
                     static_cast<off_t>(offset) + done);
   });
@@ -244,14 +250,14 @@ void Posix::pwriteAll(int fd, const std::string& path, const void* buffer, std::
 
 void Posix::ftruncate(int fd, const std::string& path, std::uint64_t size) {
   if (size > largestOffset) {
-    throw RepackError::configurationInvalid(
-        fmt::format("ftruncate value {} is not representable for {}", size, path));
+    throw RepackError(
+        ConfigurationInvalid{fmt::format("ftruncate value {} is not representable for {}", size, path)});
   }
-  checkedCall(RepackError::ftruncateFailed, path, [&] { return ::ftruncate(fd, static_cast<off_t>(size)); });
+  checkedCall<FtruncateFailed>(path, [&] { return ::ftruncate(fd, static_cast<off_t>(size)); });
 }
 
 void Posix::fsync(int fd, const std::string& path) {
-  checkedCall(RepackError::fsyncFailed, path, [&] { return platform::syncToDevice(fd); });
+  checkedCall<FsyncFailed>(path, [&] { return platform::syncToDevice(fd); });
 }
 
 void Posix::fsyncDirectory(const std::string& path) {
@@ -267,8 +273,8 @@ std::string Posix::readBoundedData(const std::string& path, std::uint64_t maximu
   requireRegularFile(file.get(), path);
   const std::uint64_t size = fileSize(file.get(), path);
   if (size > maximumBytes) {
-    throw RepackError::installStateCorrupt(path,
-                                           fmt::format("size {} exceeds {}-byte cap", size, maximumBytes));
+    throw RepackError(InstallStateCorrupt{
+        .path = path, .detail = fmt::format("size {} exceeds {}-byte cap", size, maximumBytes)});
   }
   return readPrefix(file.get(), path, size);
 }

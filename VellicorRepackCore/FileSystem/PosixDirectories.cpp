@@ -100,7 +100,8 @@ class TreeRemoval {
 }  // namespace
 
 void Posix::mkdir(const std::string& path) {
-  const Entry entry(path, [&](std::int32_t code) { return RepackError::fileOpenFailed(path, code); });
+  const Entry entry(
+      path, [&](std::int32_t code) { return RepackError(FileOpenFailed{.path = path, .errnoValue = code}); });
   constexpr mode_t mode = 0777;
   const int result =
       retryInterrupted([&] { return ::mkdirat(entry.directory.get(), entry.name.c_str(), mode); });
@@ -127,7 +128,9 @@ void Posix::mkdirP(const std::string& path) {
 std::vector<std::string> Posix::listDirectory(const std::string& path) {
   const FileDescriptor directory = openDirectory(path);
   std::vector<std::string> names;
-  const auto listError = [&](std::int32_t code) { return RepackError::fileOpenFailed(path, code); };
+  const auto listError = [&](std::int32_t code) {
+    return RepackError(FileOpenFailed{.path = path, .errnoValue = code});
+  };
   forEachName(directory.get(), listError, [&](const char* name) {
     names.emplace_back(name);
     return true;
@@ -136,7 +139,8 @@ std::vector<std::string> Posix::listDirectory(const std::string& path) {
 }
 
 void Posix::removeTree(const std::string& path) {
-  const Entry entry(path, [&](std::int32_t code) { return RepackError::fileOpenFailed(path, code); });
+  const Entry entry(
+      path, [&](std::int32_t code) { return RepackError(FileOpenFailed{.path = path, .errnoValue = code}); });
   // A verification may put its receipt into an artifact that is being removed: once more for what came in
   // between.
   for (int attemptsLeft = 5;; --attemptsLeft) {

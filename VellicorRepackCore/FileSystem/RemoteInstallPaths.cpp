@@ -12,7 +12,7 @@ namespace vellicor {
 namespace {
 
 RepackError invalidBasename(const std::string& outputDirectory) {
-  return RepackError::installPathUnsafe(outputDirectory, "invalid output basename");
+  return RepackError(InstallPathUnsafe{.path = outputDirectory, .detail = "invalid output basename"});
 }
 
 /// The base name in the form in which every file beside the output is named. The receipt spells the path as
@@ -30,7 +30,8 @@ std::string outputName(const std::string& standardizedOutput, const std::string&
 void requireKind(const std::string& path, Posix::EntryKind allowed) {
   const Posix::EntryKind kind = Posix::entryKind(path);
   if (kind == Posix::EntryKind::absent || kind == allowed) return;
-  throw RepackError::installPathUnsafe(path, fmt::format("unexpected {} entry", Posix::name(kind)));
+  throw RepackError(
+      InstallPathUnsafe{.path = path, .detail = fmt::format("unexpected {} entry", Posix::name(kind))});
 }
 
 }  // namespace

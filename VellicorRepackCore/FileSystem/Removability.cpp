@@ -24,7 +24,7 @@ struct CloseDirectory {
 std::vector<std::string> namesIn(FileDescriptor directory, const std::string& path) {
   const std::unique_ptr<DIR, CloseDirectory> stream(::fdopendir(directory.get()));
   const std::int32_t code = errno;
-  if (stream == nullptr) throw RepackError::fileOpenFailed(path, code);
+  if (stream == nullptr) throw RepackError(FileOpenFailed{.path = path, .errnoValue = code});
   directory.release();  // The stream's now.
   std::vector<std::string> names;
   errno = 0;
@@ -34,7 +34,7 @@ std::vector<std::string> namesIn(FileDescriptor directory, const std::string& pa
     errno = 0;
   }
   const std::int32_t readError = errno;
-  if (readError != 0) throw RepackError::fileOpenFailed(path, readError);
+  if (readError != 0) throw RepackError(FileOpenFailed{.path = path, .errnoValue = readError});
   return names;
 }
 
@@ -56,8 +56,8 @@ std::optional<std::string> obstacleAt(int parent, const std::string& name, const
 std::optional<std::string> obstacleBelow(int parent, const std::string& name, const std::string& path) {
   constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
   const auto open = [&] {
-    return FileDescriptor(checkedCall(RepackError::fileOpenFailed, path,
-                                      [&] { return ::openat(parent, name.c_str(), flags); }));
+    return FileDescriptor(
+        checkedCall<FileOpenFailed>(path, [&] { return ::openat(parent, name.c_str(), flags); }));
   };
   const FileDescriptor directory = open();
   for (const std::string& entry : namesIn(open(), path)) {
@@ -68,8 +68,8 @@ std::optional<std::string> obstacleBelow(int parent, const std::string& name, co
 
 std::optional<std::string> obstacleAt(int parent, const std::string& name, const std::string& path) {
   struct stat entry {};
-  checkedCall(RepackError::fileStatFailed, path,
-              [&] { return ::fstatat(parent, name.c_str(), &entry, AT_SYMLINK_NOFOLLOW); });
+  checkedCall<FileStatFailed>(path,
+                              [&] { return ::fstatat(parent, name.c_str(), &entry, AT_SYMLINK_NOFOLLOW); });
   const platform::EntryTraits traits = platform::entryTraits(parent, name.c_str());
   const bool isHeld = traits.isMountPoint || traits.isProtected;
   if (isHeld || !ownershipAllows(fileStatus(parent, parentPath(path)), entry)) return path;

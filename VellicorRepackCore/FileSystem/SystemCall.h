@@ -35,22 +35,24 @@ auto checkedCall(MakeError&& makeError, Call&& call) {
   return result;
 }
 
-/// The same for the errors that name one path.
-template <typename Call>
-auto checkedCall(RepackError (*error)(std::string, std::int32_t), const std::string& path, Call&& call) {
-  return checkedCall([&](std::int32_t code) { return error(path, code); }, call);
+/// The same for a `Failure` that names one path.
+template <typename Failure, typename Call>
+auto checkedCall(const std::string& path, Call&& call) {
+  return checkedCall(
+      [&](std::int32_t code) { return RepackError(Failure{.path = path, .errnoValue = code}); }, call);
 }
 
-/// `fstat`. Throws `fileStatFailed`.
+/// `fstat`. Throws `FileStatFailed`.
 inline struct stat fileStatus(int fd, const std::string& path) {
   struct stat status {};
-  checkedCall(RepackError::fileStatFailed, path, [&] { return ::fstat(fd, &status); });
+  checkedCall<FileStatFailed>(path, [&] { return ::fstat(fd, &status); });
   return status;
 }
 
-/// Throws `fileStatFailed` with EINVAL when the descriptor is of anything but a regular file.
+/// Throws `FileStatFailed` with EINVAL when the descriptor is of anything but a regular file.
 inline void requireRegularFile(int fd, const std::string& path) {
-  if (!S_ISREG(fileStatus(fd, path).st_mode)) throw RepackError::fileStatFailed(path, EINVAL);
+  if (!S_ISREG(fileStatus(fd, path).st_mode))
+    throw RepackError(FileStatFailed{.path = path, .errnoValue = EINVAL});
 }
 
 }  // namespace vellicor

@@ -49,8 +49,8 @@ constexpr std::array<Sidecar, 5> sidecars = {{
 }};
 
 bool isRemoteNotFound(const RepackError& error) {
-  if (const auto* status = error.as<RepackError::RemoteHTTPStatus>()) return status->status == 404;
-  if (const auto* response = error.as<RepackError::RemoteHTTPResponse>()) return response->status == 404;
+  if (const auto* status = error.as<RemoteHTTPStatus>()) return status->status == 404;
+  if (const auto* response = error.as<RemoteHTTPResponse>()) return response->status == 404;
   return false;
 }
 
@@ -169,7 +169,7 @@ RepackAudit::OutputFile recordOf(const char* relativePath, const std::string& co
 }
 
 RepackError changedSince(const std::string& file) {
-  return RepackError::installStateCorrupt(file, "changed after it was recorded");
+  return RepackError(InstallStateCorrupt{.path = file, .detail = "changed after it was recorded"});
 }
 
 }  // namespace
@@ -216,9 +216,9 @@ RecordedPayload ArtifactRecorder::recordPayload(const PayloadProof& proof) {
 void ArtifactRecorder::requireReadableLayout(const RepackPlan& plan) {
   const std::size_t bytes = encodedLayout(plan).size();
   if (bytes <= MorlenLayoutValidator::maximumLayoutBytes) return;
-  throw RepackError::configurationInvalid(
-      fmt::format("packed expert layout of {} bytes exceeds the {}-byte cap", bytes,
-                  MorlenLayoutValidator::maximumLayoutBytes));
+  throw RepackError(
+      ConfigurationInvalid{fmt::format("packed expert layout of {} bytes exceeds the {}-byte cap", bytes,
+                                       MorlenLayoutValidator::maximumLayoutBytes)});
 }
 
 void ArtifactRecorder::writeLayout() {

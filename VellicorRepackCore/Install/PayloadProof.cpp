@@ -19,7 +19,7 @@ bool isReadInto(std::span<std::byte> bytes, int fd, const std::string& path, std
     Posix::preadAll(fd, path, bytes.data(), static_cast<std::int64_t>(bytes.size()), offset);
     return true;
   } catch (const RepackError& error) {
-    if (error.as<RepackError::PreadShort>() == nullptr) throw;
+    if (error.as<PreadShort>() == nullptr) throw;
     return false;
   }
 }

@@ -43,14 +43,14 @@ void requireArtifact(const std::string& directory) {
   const bool hasManifest =
       Posix::entryKind(joinPath(directory, ArtifactRecords::manifestName)) == EntryKind::regular;
   if (hasManifest || std::filesystem::is_empty(directory)) return;
-  throw RepackError::installPathUnsafe(directory, "not an artifact; move it away first");
+  throw RepackError(InstallPathUnsafe{.path = directory, .detail = "not an artifact; move it away first"});
 }
 
 void requireRemovable(const std::string& directory) {
   const std::optional<std::string> obstacle = Removability::firstObstacle(directory);
   if (!obstacle) return;
-  throw RepackError::installPathUnsafe(*obstacle,
-                                       "it keeps the old artifact from being removed; move that away first");
+  throw RepackError(InstallPathUnsafe{
+      .path = *obstacle, .detail = "it keeps the old artifact from being removed; move that away first"});
 }
 
 void tryExchange(const RemoteInstallPaths& paths) {
@@ -59,21 +59,24 @@ void tryExchange(const RemoteInstallPaths& paths) {
   for (const std::string& directory : directories) {
     const EntryKind kind = Posix::entryKind(directory);
     if (kind == EntryKind::absent) continue;
-    throw RepackError::installPathUnsafe(directory, fmt::format("unexpected {} entry", Posix::name(kind)));
+    throw RepackError(InstallPathUnsafe{.path = directory,
+                                        .detail = fmt::format("unexpected {} entry", Posix::name(kind))});
   }
   const TrialCleanup cleanup(paths);
   for (const std::string& directory : directories) Posix::mkdirP(directory);
   try {
     Posix::renameSwap(directories.front(), directories.back());
   } catch (const RepackError& error) {
-    const auto* unsupported = error.as<RepackError::PromotionUnsupported>();
+    const auto* unsupported = error.as<PromotionUnsupported>();
     if (unsupported == nullptr) throw;
-    throw RepackError::promotionUnsupported(paths.finalDirectory, unsupported->errnoValue);
+    throw RepackError(
+        PromotionUnsupported{.path = paths.finalDirectory, .errnoValue = unsupported->errnoValue});
   }
 }
 
 void requireNoMountPoint(const std::string& directory) {
-  if (Posix::isMountPoint(directory)) throw RepackError::promotionUnsupported(directory, EBUSY);
+  if (Posix::isMountPoint(directory))
+    throw RepackError(PromotionUnsupported{.path = directory, .errnoValue = EBUSY});
 }
 
 /// A checkpoint that stays is reported by the next run; the artifact is in place.
@@ -125,9 +128,10 @@ void Promotion::removeReplaced(const RemoteInstallPaths& paths) {
   try {
     Posix::removeTree(paths.partialDirectory);
   } catch (const std::exception& error) {
-    throw RepackError::installPathUnsafe(
-        paths.partialDirectory,
-        fmt::format("the new artifact is in place, but the old one could not be removed: {}", error.what()));
+    throw RepackError(InstallPathUnsafe{
+        .path = paths.partialDirectory,
+        .detail = fmt::format("the new artifact is in place, but the old one could not be removed: {}",
+                              error.what())});
   }
 }
 

@@ -21,7 +21,7 @@ namespace {
 /// The most pieces a plan may be cut into: sizes come from the source, and every piece is held in memory.
 constexpr std::uint64_t maximumPieces = 4194304;
 
-RepackError invalid(std::string detail) { return RepackError::configurationInvalid(std::move(detail)); }
+RepackError invalid(std::string detail) { return RepackError(ConfigurationInvalid{std::move(detail)}); }
 
 /// A copy's paths repeat thousands of times; each is normalized once. Keys are views of the copies' own
 /// paths, which outlive this.

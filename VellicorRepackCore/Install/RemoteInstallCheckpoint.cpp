@@ -95,7 +95,8 @@ void RemoteInstallCheckpoint::write(const std::string& path, const std::string& 
   validate(path);
   const std::string content = encoded();
   if (content.size() > maximumBytes) {
-    throw RepackError::installStateCorrupt(path, fmt::format("checkpoint exceeds {}-byte cap", maximumBytes));
+    throw RepackError(InstallStateCorrupt{
+        .path = path, .detail = fmt::format("checkpoint exceeds {}-byte cap", maximumBytes)});
   }
   Posix::atomicWrite(content, path, parentDirectory, Posix::FileMode::ownerOnly);
 }
@@ -133,7 +134,7 @@ RemoteInstallCheckpoint RemoteInstallCheckpoint::decode(std::string_view json, c
   } catch (const std::bad_alloc&) {
     throw;
   } catch (const std::exception& error) {
-    throw RepackError::installStateCorrupt(path, error.what());
+    throw RepackError(InstallStateCorrupt{.path = path, .detail = error.what()});
   }
   checkpoint.validate(path);
   return checkpoint;
@@ -151,7 +152,8 @@ std::uint64_t RemoteInstallCheckpoint::validatedDestinationBytes(std::uint64_t m
   validate(path);
   const auto bytes = total(completedRanges, &RemoteCompletedRange::destinationBytes);
   if (!bytes || *bytes > maximum) {
-    throw RepackError::installStateCorrupt(path, "completed destination bytes exceed the installed model");
+    throw RepackError(InstallStateCorrupt{
+        .path = path, .detail = "completed destination bytes exceed the installed model"});
   }
   return *bytes;
 }
@@ -165,7 +167,7 @@ void RemoteInstallCheckpoint::record(RemoteCompletedRange range) {
 
 void RemoteInstallCheckpoint::validate(const std::string& path) const {
   const auto require = [&](bool holds, const char* detail) {
-    if (!holds) throw RepackError::installStateCorrupt(path, detail);
+    if (!holds) throw RepackError(InstallStateCorrupt{.path = path, .detail = detail});
   };
   require(hasValidIdentity(*this), "invalid checkpoint identity");
   require(hasDistinctIds(completedRanges), "invalid completed range");

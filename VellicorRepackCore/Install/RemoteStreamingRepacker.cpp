@@ -35,7 +35,7 @@ using EntryKind = Posix::EntryKind;
 
 void validateOptions(const RemoteStreamingRepackOptions& options) {
   const auto require = [](bool holds, const char* what, std::int64_t value) {
-    if (!holds) throw RepackError::configurationInvalid(fmt::format("{} {}", what, value));
+    if (!holds) throw RepackError(ConfigurationInvalid{fmt::format("{} {}", what, value)});
   };
   require(options.rangeChunkBytes >= 1 && options.rangeChunkBytes <= RemoteChunkPolicy::maxBytes,
           "bad range chunk bytes", options.rangeChunkBytes);
@@ -47,18 +47,18 @@ void validateOptions(const RemoteStreamingRepackOptions& options) {
 /// Decides between a fresh install, a resume and a refusal from what exists beside the output.
 void checkEntryState(const RemoteInstallPaths& paths, const RemoteStreamingRepackOptions& options) {
   if (!options.overwrite && Posix::entryKind(paths.finalDirectory) == EntryKind::directory) {
-    throw RepackError::configurationInvalid("output directory already exists: " + paths.finalDirectory);
+    throw RepackError(ConfigurationInvalid{"output directory already exists: " + paths.finalDirectory});
   }
   const bool hasPartial = Posix::entryKind(paths.partialDirectory) == EntryKind::directory;
   const bool hasCheckpoint = Posix::entryKind(paths.checkpointFile) == EntryKind::regular;
   if (hasPartial != hasCheckpoint) {
-    throw RepackError::installStateCorrupt(paths.partialDirectory,
-                                           "partial directory and checkpoint must exist together");
+    throw RepackError(InstallStateCorrupt{.path = paths.partialDirectory,
+                                          .detail = "partial directory and checkpoint must exist together"});
   }
   if (hasPartial && !options.resume) {
-    throw RepackError::installStateIncompatible("saved download exists; resume or discard it");
+    throw RepackError(InstallStateIncompatible{"saved download exists; resume or discard it"});
   }
-  if (!hasPartial && options.resume) throw RepackError::installStateMissing(paths.checkpointFile);
+  if (!hasPartial && options.resume) throw RepackError(InstallStateMissing{paths.checkpointFile});
   if (Posix::entryKind(paths.finalDirectory) == EntryKind::directory) Promotion::requireReplaceable(paths);
 }
 
@@ -106,7 +106,7 @@ class LockedInstall {
     checkpoint_ = RemoteInstallCheckpoint::load(paths_.checkpointFile);
     resumed_ = true;
     if (checkpoint_.repoID != options_.repoID || checkpoint_.requestedRevision != options_.revision) {
-      throw RepackError::installStateIncompatible("saved download belongs to a different source");
+      throw RepackError(InstallStateIncompatible{"saved download belongs to a different source"});
     }
   }
 
@@ -161,7 +161,7 @@ class LockedInstall {
         checkpoint_.totalSourceBytes != expected.totalSourceBytes ||
         !checkpoint_.matches(expected.repoID, expected.requestedRevision, expected.sourceIndexSHA256,
                              expected.planFingerprint)) {
-      throw RepackError::installStateIncompatible("saved download source or copy plan changed");
+      throw RepackError(InstallStateIncompatible{"saved download source or copy plan changed"});
     }
     const bool filesMatch = SavedDownload::filesMatch(plan_, copies_, paths_.partialDirectory);
     std::vector<RemoteCompletedRange> kept;
@@ -325,10 +325,11 @@ class LockedInstall {
     });
     proof_->restoreOutside(damage.path);
     writeCheckpoint();
-    throw RepackError::installStateCorrupt(
-        damage.path, damage.rangeIDs.empty()
-                         ? "bytes outside every range changed; they were put back"
-                         : fmt::format("{} changed after it was finished", damage.rangeIDs.front()));
+    throw RepackError(InstallStateCorrupt{
+        .path = damage.path,
+        .detail = damage.rangeIDs.empty()
+                      ? "bytes outside every range changed; they were put back"
+                      : fmt::format("{} changed after it was finished", damage.rangeIDs.front())});
   }
 
   void promote() {
@@ -412,7 +413,7 @@ void RemoteStreamingRepacker::discardPartial(const std::string& outputDirectory)
   Promotion::clearTrial(paths);
   const bool hasPartial = Posix::entryKind(paths.partialDirectory) != EntryKind::absent;
   const bool hasCheckpoint = Posix::entryKind(paths.checkpointFile) != EntryKind::absent;
-  if (!hasPartial && !hasCheckpoint) throw RepackError::installStateMissing(paths.checkpointFile);
+  if (!hasPartial && !hasCheckpoint) throw RepackError(InstallStateMissing{paths.checkpointFile});
   if (hasPartial) Posix::removeTree(paths.partialDirectory);
   if (hasCheckpoint) Posix::unlink(paths.checkpointFile);
   Posix::removeTree(paths.checkpointFile + ".tmp");  // Of a writer that was killed.

@@ -27,7 +27,7 @@ auto unlessUnreadable(Reading&& reading) -> std::optional<decltype(reading())> {
   try {
     return reading();
   } catch (const RepackError& error) {
-    if (error.as<RepackError::PreadShort>() == nullptr) throw;
+    if (error.as<PreadShort>() == nullptr) throw;
     return std::nullopt;
   }
 }
@@ -81,7 +81,8 @@ std::vector<RemoteCompletedRange> SavedDownload::provenRanges(
     const auto copy = copiesByID.find(range.id);
     if (copy == copiesByID.end() || range.sourceBytes != copy->second->size ||
         range.destinationBytes != destinationByteCount(*copy->second)) {
-      throw RepackError::installStateCorrupt(directory, "checkpoint contains an unknown range");
+      throw RepackError(
+          InstallStateCorrupt{.path = directory, .detail = "checkpoint contains an unknown range"});
     }
     std::optional<RangeProof> proof =
         unlessUnreadable([&] { return RangeProof::readBack(*copy->second, directory, buffer.bytes()); });

@@ -52,7 +52,7 @@ class BatchCopier {
     throwIfCancelled(remote_.stop);
     const auto info = files_.find(copy.shardID);
     if (info == files_.end()) {
-      throw RepackError::configurationInvalid("missing remote info for " + copy.shardID.text());
+      throw RepackError(ConfigurationInvalid{"missing remote info for " + copy.shardID.text()});
     }
     Posix::removeTree(batch_.temporaryPath);
     account(download(copy, info->second));
@@ -76,8 +76,8 @@ class BatchCopier {
           batch_.progress(downloaded_);
           const std::uint64_t last = morlenCheckedAdd(copy.sourceOffset, copy.size, copy.id) - 1;
           if (last >= info.size) {
-            throw RepackError::remoteProtocolInvalid(
-                fmt::format("range {}-{} exceeds {}", copy.sourceOffset, last, copy.shardID.text()));
+            throw RepackError(RemoteProtocolInvalid{
+                fmt::format("range {}-{} exceeds {}", copy.sourceOffset, last, copy.shardID.text())});
           }
           const HttpRequest request = remote_.rangeRequest(copy.shardID, copy.sourceOffset, last);
           Posix::mkdir(remote_.tempDirectory);
@@ -130,7 +130,7 @@ class BatchCopier {
 
   void requireUnreplaced(const std::string& path) {
     if (Posix::descriptorMatchesPath(destinations_.open(path), path)) return;
-    throw RepackError::installPathUnsafe(path, "output file was replaced during the copy");
+    throw RepackError(InstallPathUnsafe{.path = path, .detail = "output file was replaced during the copy"});
   }
 
   /// What stays behind is removed before the next download.

@@ -25,8 +25,8 @@ RemoteUrl SupportedModelSource::hubURL() {
   const bool isPlain = text.find_first_of("?#@") == std::string::npos;
   const std::optional<RemoteUrl> url = isPlain ? RemoteUrl::parse(text) : std::nullopt;
   if (!url || url->scheme() != "https" || url->host().empty()) {
-    throw RepackError::configurationInvalid(std::string(endpointVariable) +
-                                            " is not an https URL with a host");
+    throw RepackError(
+        ConfigurationInvalid{std::string(endpointVariable) + " is not an https URL with a host"});
   }
   return *url;
 }

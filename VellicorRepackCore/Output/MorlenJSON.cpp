@@ -30,8 +30,8 @@ std::string packedDtype(DType dtype, const std::string& key) {
     case DType::fp32:
       break;
   }
-  throw RepackError::configurationInvalid(
-      fmt::format("unsupported packed expert dtype {} for {}", MorlenFormatV1::name(dtype), key));
+  throw RepackError(ConfigurationInvalid{
+      fmt::format("unsupported packed expert dtype {} for {}", MorlenFormatV1::name(dtype), key)});
 }
 
 std::vector<std::uint32_t> packedShape(const std::vector<std::uint64_t>& shape) {
@@ -39,8 +39,8 @@ std::vector<std::uint32_t> packedShape(const std::vector<std::uint64_t>& shape) 
   packed.reserve(shape.size());
   for (const std::uint64_t dimension : shape) {
     if (dimension > std::numeric_limits<std::uint32_t>::max()) {
-      throw RepackError::configurationInvalid(
-          fmt::format("packed expert shape[{}] exceeds UInt32", packed.size()));
+      throw RepackError(
+          ConfigurationInvalid{fmt::format("packed expert shape[{}] exceeds UInt32", packed.size())});
     }
     packed.push_back(static_cast<std::uint32_t>(dimension));
   }
@@ -57,7 +57,7 @@ SubTensors subTensors(const LayerFilePlan& layer) {
                              .shape = packedShape(slice.logicalShape),
                              .bits = slice.bitsForWeights};
     if (!tensors.emplace(key, std::move(tensor)).second) {
-      throw RepackError::configurationInvalid(fmt::format("duplicate packed expert tensor key {}", key));
+      throw RepackError(ConfigurationInvalid{fmt::format("duplicate packed expert tensor key {}", key)});
     }
   }
   return tensors;
@@ -108,8 +108,8 @@ MorlenManifestQuantV1 manifestQuant(const RepackPlan& plan,
   const auto slot = [&](const char* name) {
     const auto width = bitWidths.find(name);
     if (width == bitWidths.end()) {
-      throw RepackError::configurationInvalid(
-          fmt::format("missing manifest quant slot bit width for {}", name));
+      throw RepackError(
+          ConfigurationInvalid{fmt::format("missing manifest quant slot bit width for {}", name)});
     }
     return MorlenManifestQuantSlotV1{.weightBits = width->second,
                                      .scheme = plan.baseMode,
@@ -128,7 +128,7 @@ std::map<std::string, MorlenManifestFileV1> manifestFiles(const std::vector<Morl
   std::map<std::string, MorlenManifestFileV1> byPath;
   for (const auto& [relativePath, info] : files) {
     if (!byPath.emplace(relativePath, MorlenManifestFileV1{info.size, info.sha256}).second) {
-      throw RepackError::configurationInvalid(fmt::format("duplicate manifest file entry {}", relativePath));
+      throw RepackError(ConfigurationInvalid{fmt::format("duplicate manifest file entry {}", relativePath)});
     }
   }
   return byPath;

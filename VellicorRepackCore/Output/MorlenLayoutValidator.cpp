@@ -13,7 +13,7 @@ namespace vellicor {
 namespace {
 
 RepackError failed(std::string_view reason) {
-  return RepackError::configurationInvalid(fmt::format("layout.json validation failed: {}", reason));
+  return RepackError(ConfigurationInvalid{fmt::format("layout.json validation failed: {}", reason)});
 }
 
 MorlenPackedExpertsLayoutV1 readLayout(const std::string& path) {

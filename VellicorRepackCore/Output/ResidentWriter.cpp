@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::uint64_t maximumNameBytes = 65535;
 
-RepackError invalid(std::string detail) { return RepackError::configurationInvalid(std::move(detail)); }
+RepackError invalid(std::string detail) { return RepackError(ConfigurationInvalid{std::move(detail)}); }
 
 /// Zeroed room for the whole index region.
 std::span<std::byte> indexRegion(const ResidentFilePlan& plan, BoundedScratch& scratch) {

@@ -58,8 +58,8 @@ struct Classified {
 void addRouted(const RoutedSlot& slot, const SourceTensor& tensor, Classified& classified) {
   const SourceTensor*& place = classified.routed[slot.layer][slot.role];
   if (place != nullptr) {
-    throw RepackError::configurationInvalid(
-        fmt::format("two routed-expert tensors for layer {} role {}", slot.layer, expertRoles[slot.role]));
+    throw RepackError(ConfigurationInvalid{
+        fmt::format("two routed-expert tensors for layer {} role {}", slot.layer, expertRoles[slot.role])});
   }
   place = &tensor;
 }
@@ -73,7 +73,7 @@ Classified classify(const Registry& registry, std::int64_t numLayers) {
     } else if (isCompanion(name)) {
       continue;
     } else if (!name.starts_with("language_model.")) {
-      throw RepackError::unknownTensorPrefix(std::string(name));
+      throw RepackError(UnknownTensorPrefix{std::string(name)});
     } else if (const auto slot = routedSlot(name, numLayers)) {
       addRouted(*slot, *tensor, classified);
     } else {
@@ -112,21 +112,21 @@ QuantisedSource quantisedSource(const SourceTensor& weight, const Registry& regi
                                 const IndexLoader::SourceMetadata& meta) {
   const std::string module = moduleName(weight.name);
   const auto scales = registry.find(module + ".scales");
-  if (scales == registry.end()) throw RepackError::missingScalesCompanion(weight.name);
+  if (scales == registry.end()) throw RepackError(MissingScalesCompanion{weight.name});
   const auto biases = registry.find(module + ".biases");
-  if (biases == registry.end()) throw RepackError::missingBiasesCompanion(weight.name);
+  if (biases == registry.end()) throw RepackError(MissingBiasesCompanion{weight.name});
   if (scales->second->dtype != SourceTensor::Dtype::bf16 ||
       biases->second->dtype != SourceTensor::Dtype::bf16) {
-    throw RepackError::dtypeMismatch(
-        weight.name,
-        fmt::format("expected BF16 scales/biases, got {}/{}", SourceTensor::dtypeName(scales->second->dtype),
-                    SourceTensor::dtypeName(biases->second->dtype)));
+    throw RepackError(DtypeMismatch{.name = weight.name,
+                                    .detail = fmt::format("expected BF16 scales/biases, got {}/{}",
+                                                          SourceTensor::dtypeName(scales->second->dtype),
+                                                          SourceTensor::dtypeName(biases->second->dtype))});
   }
   const auto own = meta.bitsOverrides.find(module);
   const std::int64_t bits = own == meta.bitsOverrides.end() ? meta.baseBits : own->second.bits;
   if (bits < 1 || bits > 32) {
-    throw RepackError::configurationInvalid(
-        fmt::format("bit width {} of {} is outside 1 to 32", bits, module));
+    throw RepackError(
+        ConfigurationInvalid{fmt::format("bit width {} of {} is outside 1 to 32", bits, module)});
   }
   return {*scales->second, *biases->second, bits};
 }
@@ -134,12 +134,14 @@ QuantisedSource quantisedSource(const SourceTensor& weight, const Registry& regi
 /// The shape of the values that 32-bit words of `bits`-bit weights hold: the last dimension counts values.
 std::vector<std::uint64_t> unpackedShape(const std::string& name, std::vector<std::uint64_t> shape,
                                          std::int64_t bits) {
-  if (shape.empty()) throw RepackError::shapeMismatch(name, "packed weights have no dimension");
+  if (shape.empty())
+    throw RepackError(ShapeMismatch{.name = name, .detail = "packed weights have no dimension"});
   const std::uint64_t packedBits = morlenCheckedMultiply(shape.back(), 32, name);
   const auto width = static_cast<std::uint64_t>(bits);
   if (packedBits % width != 0) {
-    throw RepackError::shapeMismatch(
-        name, fmt::format("{} packed words do not hold whole {}-bit weights", shape.back(), bits));
+    throw RepackError(ShapeMismatch{
+        .name = name,
+        .detail = fmt::format("{} packed words do not hold whole {}-bit weights", shape.back(), bits)});
   }
   shape.back() = packedBits / width;
   return shape;
@@ -172,7 +174,8 @@ void appendSlice(LayerFilePlan& plan, std::string_view role, std::string_view co
 
 std::vector<std::uint64_t> shapeOfOneExpert(const std::string& weightName, const SourceTensor& stacked) {
   if (stacked.shape.empty()) {
-    throw RepackError::shapeMismatch(weightName, fmt::format("{} has no expert dimension", stacked.name));
+    throw RepackError(
+        ShapeMismatch{.name = weightName, .detail = fmt::format("{} has no expert dimension", stacked.name)});
   }
   return {stacked.shape.begin() + 1, stacked.shape.end()};
 }
@@ -180,9 +183,10 @@ std::vector<std::uint64_t> shapeOfOneExpert(const std::string& weightName, const
 void checkStacked(const SourceTensor& weight, std::uint64_t experts) {
   if (weight.dtype == SourceTensor::Dtype::u32 && weight.shape.size() == 3 && weight.shape[0] == experts)
     return;
-  throw RepackError::shapeMismatch(
-      weight.name, fmt::format("expected U32 rank-3 with leading {}, got {} {}", experts,
-                               SourceTensor::dtypeName(weight.dtype), shapeText(weight.shape)));
+  throw RepackError(
+      ShapeMismatch{.name = weight.name,
+                    .detail = fmt::format("expected U32 rank-3 with leading {}, got {} {}", experts,
+                                          SourceTensor::dtypeName(weight.dtype), shapeText(weight.shape))});
 }
 
 LayerFilePlan planLayerFile(LayerFilePlan plan, const RoutedBundle& bundle, const Registry& registry,
@@ -194,8 +198,9 @@ LayerFilePlan planLayerFile(LayerFilePlan plan, const RoutedBundle& bundle, cons
     const auto [scales, biases, bits] = quantisedSource(weight, registry, meta);
     if (weight.sizeBytes % experts != 0 || scales.sizeBytes % experts != 0 ||
         biases.sizeBytes % experts != 0) {
-      throw RepackError::shapeMismatch(
-          weight.name, fmt::format("source bytes not evenly divisible by {} experts", experts));
+      throw RepackError(
+          ShapeMismatch{.name = weight.name,
+                        .detail = fmt::format("source bytes not evenly divisible by {} experts", experts)});
     }
     const std::string_view name = expertRoles[role];
     appendSlice(plan, name, "weights", weight,
@@ -214,23 +219,23 @@ void requireComplete(std::int64_t layer, const RoutedBundle& bundle) {
     if (bundle[role] == nullptr) continue;
     present.push_back(fmt::format("\"{}\": \"{}\"", expertRoles[role], bundle[role]->name));
   }
-  throw RepackError::configurationInvalid(
-      fmt::format("layer {} routed-expert bundle incomplete: [{}]", layer, fmt::join(present, ", ")));
+  throw RepackError(ConfigurationInvalid{
+      fmt::format("layer {} routed-expert bundle incomplete: [{}]", layer, fmt::join(present, ", "))});
 }
 
 void checkExpertCount(const ArchInfo& arch, std::size_t routedLayers) {
   if (routedLayers == 0) return;
   const std::int64_t maximum = maximumRoutedExperts / static_cast<std::int64_t>(routedLayers);
   if (arch.numExperts >= 1 && arch.numExperts <= maximum) return;
-  throw RepackError::configurationInvalid(fmt::format("{} experts in each of {} layers is outside 1 to {}",
-                                                      arch.numExperts, routedLayers, maximum));
+  throw RepackError(ConfigurationInvalid{fmt::format("{} experts in each of {} layers is outside 1 to {}",
+                                                     arch.numExperts, routedLayers, maximum)});
 }
 
 std::vector<LayerFilePlan> planLayers(const Classified& classified, const Registry& registry,
                                       const IndexLoader::SourceMetadata& meta, const ArchInfo& arch,
                                       const std::string& outputDir) {
   checkExpertCount(arch, classified.routed.size());
-  const std::string directory = child(outputDir, "packed_experts");
+  const std::string directory = child(outputDir, MorlenFormatV1::expertsDirectory);
   std::vector<LayerFilePlan> layers;
   layers.reserve(static_cast<std::size_t>(arch.numLayers));
   for (std::int64_t layer = 0; layer < arch.numLayers; ++layer) {
@@ -255,8 +260,9 @@ std::array<std::uint32_t, 4> padTo4(const std::string& name, const std::vector<s
       shape.size() <= padded.size() &&
       std::all_of(shape.begin(), shape.end(), [](auto dimension) { return dimension <= maximumU32; });
   if (!fits) {
-    throw RepackError::shapeMismatch(
-        name, fmt::format("{} is not representable as four 32-bit dimensions", shapeText(shape)));
+    throw RepackError(ShapeMismatch{
+        .name = name,
+        .detail = fmt::format("{} is not representable as four 32-bit dimensions", shapeText(shape))});
   }
   std::transform(shape.begin(), shape.end(), padded.begin(),
                  [](std::uint64_t dimension) { return static_cast<std::uint32_t>(dimension); });
@@ -267,7 +273,7 @@ void buildStringTable(const std::vector<const SourceTensor*>& tensors, ResidentF
   plan.stringTableOffsets.reserve(tensors.size());
   for (const SourceTensor* tensor : tensors) {
     if (plan.stringTable.size() > maximumU32) {
-      throw RepackError::configurationInvalid("resident string table exceeds 32-bit offsets");
+      throw RepackError(ConfigurationInvalid{"resident string table exceeds 32-bit offsets"});
     }
     plan.stringTableOffsets.push_back(static_cast<std::uint32_t>(plan.stringTable.size()));
     plan.stringTable += tensor->name;
@@ -330,8 +336,8 @@ RepackPlan RepackPlanner::plan(const IndexLoader::SourceMetadata& meta, const Ar
                                const std::vector<Safetensors::Header>& shardHeaders,
                                const std::string& outputDir) try {
   if (arch.numLayers < 0 || arch.numLayers > maximumLayers) {
-    throw RepackError::configurationInvalid(
-        fmt::format("{} layers is outside 0 to {}", arch.numLayers, maximumLayers));
+    throw RepackError(
+        ConfigurationInvalid{fmt::format("{} layers is outside 0 to {}", arch.numLayers, maximumLayers)});
   }
   const Registry registry = buildRegistry(shardHeaders);
   Classified classified = classify(registry, arch.numLayers);
@@ -341,14 +347,14 @@ RepackPlan RepackPlanner::plan(const IndexLoader::SourceMetadata& meta, const Ar
   plan.baseMode = meta.baseMode;
   plan.baseGroupSize = meta.baseGroupSize;
   plan.bitsOverrideCount = static_cast<std::int64_t>(meta.bitsOverrides.size());
-  plan.resident = planResidentFile(child(outputDir, "model_weights.bin"),
+  plan.resident = planResidentFile(child(outputDir, MorlenFormatV1::weightsPath),
                                    inResidentOrder(classified.resident), registry, meta);
   plan.layers = planLayers(classified, registry, meta, arch, outputDir);
   plan.matchedModelID = SourceFingerprint::modelID(meta.indexSha256Hex);
   plan.excludedMultimodalTensorNames = std::move(classified.excluded);
   return plan;
 } catch (const MorlenFormatError& error) {
-  throw RepackError::configurationInvalid(error.description());
+  throw RepackError(ConfigurationInvalid{error.description()});
 }
 
 }  // namespace vellicor

@@ -33,13 +33,13 @@ bool holdsTwoDots(std::string_view text) { return text.find("..") != std::string
 void validateRepoID(const std::string& repoID) {
   const auto pieces = pathPieces(repoID);
   if (pieces.size() == 2 && std::none_of(pieces.begin(), pieces.end(), holdsTwoDots)) return;
-  throw RepackError::configurationInvalid("invalid repo id " + repoID);
+  throw RepackError(ConfigurationInvalid{"invalid repo id " + repoID});
 }
 
 void validateFilename(const std::string& filename) {
   const bool valid = !filename.empty() && !filename.starts_with('/') && !holdsTwoDots(filename) &&
                      filename.find_first_of("?#") == std::string::npos;
-  if (!valid) throw RepackError::configurationInvalid("invalid remote filename " + filename);
+  if (!valid) throw RepackError(ConfigurationInvalid{"invalid remote filename " + filename});
 }
 
 RemoteUrl appendingPieces(RemoteUrl url, std::string_view path) {
@@ -59,19 +59,19 @@ std::uint64_t remoteSize(const HttpResponseHead& head, const std::string& filena
   if (head.status >= 200 && head.status <= 299) {
     if (const auto length = number("Content-Length")) return *length;
   }
-  throw RepackError::remoteProtocolInvalid("missing remote size for " + filename);
+  throw RepackError(RemoteProtocolInvalid{"missing remote size for " + filename});
 }
 
 /// The last byte of a range of at least one byte, which must lie within the file.
 std::uint64_t lastOfRange(const std::string& filename, const RemoteFileInfo& info, std::uint64_t offset,
                           std::uint64_t length) {
   if (length - 1 > std::numeric_limits<std::uint64_t>::max() - offset) {
-    throw RepackError::remoteProtocolInvalid(
-        fmt::format("range of {} bytes from {} exceeds {}", length, offset, filename));
+    throw RepackError(
+        RemoteProtocolInvalid{fmt::format("range of {} bytes from {} exceeds {}", length, offset, filename)});
   }
   const std::uint64_t last = offset + (length - 1);
   if (last >= info.size) {
-    throw RepackError::remoteProtocolInvalid(fmt::format("range {}-{} exceeds {}", offset, last, filename));
+    throw RepackError(RemoteProtocolInvalid{fmt::format("range {}-{} exceeds {}", offset, last, filename)});
   }
   return last;
 }
@@ -81,7 +81,8 @@ void installDownload(const std::string& temporaryPath, const std::string& output
   Posix::mkdir(parentPath(outputPath));
   const Posix::EntryKind kind = Posix::entryKind(outputPath);
   if (kind != Posix::EntryKind::absent && kind != Posix::EntryKind::regular) {
-    throw RepackError::installPathUnsafe(outputPath, "metadata destination has the wrong entry type");
+    throw RepackError(
+        InstallPathUnsafe{.path = outputPath, .detail = "metadata destination has the wrong entry type"});
   }
   Posix::rename(temporaryPath, outputPath);
 }
@@ -107,8 +108,8 @@ void HuggingFaceRemoteSource::applyHeaders(HttpRequest& request) const {
   request.headers.set("Accept-Encoding", "identity");
   if (!token || token->empty()) return;
   if (!isVisibleASCII(*token)) {
-    throw RepackError::configurationInvalid(
-        "the access token contains characters that an Authorization header cannot carry");
+    throw RepackError(ConfigurationInvalid{
+        "the access token contains characters that an Authorization header cannot carry"});
   }
   if (request.url.host() == baseURL.host()) request.headers.set("Authorization", "Bearer " + *token);
 }
@@ -136,17 +137,18 @@ RemoteFileInfo HuggingFaceRemoteSource::resolveFileInfoOnce(const std::string& f
   HttpRequest request{.url = fileURL(filename), .method = "HEAD", .headers = {}};
   applyHeaders(request);
   const auto answer = downloadSession->response(request, stop);
-  if (!answer.head) throw RepackError::remoteProtocolInvalid("missing HTTP response for " + filename);
+  if (!answer.head) throw RepackError(RemoteProtocolInvalid{"missing HTTP response for " + filename});
   const HttpResponseHead& head = *answer.head;
   if (head.status < 200 || head.status > 399) {
-    throw RepackError::remoteHTTPResponse(redactRemoteURL(head.url), head.status,
-                                          remoteHeader(head, "Retry-After"));
+    throw RepackError(RemoteHTTPResponse{.url = redactRemoteURL(head.url),
+                                         .status = head.status,
+                                         .retryAfter = remoteHeader(head, "Retry-After")});
   }
 
   auto commit = remoteHeader(head, "X-Repo-Commit");
   if (!commit) commit = resolvedCommit;
   if (!commit || commit->size() != fullCommitLength || !isVisibleASCII(*commit)) {
-    throw RepackError::remoteProtocolInvalid("missing full X-Repo-Commit for " + filename);
+    throw RepackError(RemoteProtocolInvalid{"missing full X-Repo-Commit for " + filename});
   }
   const std::uint64_t size = remoteSize(head, filename);
   auto etag = remoteHeader(head, "X-Linked-ETag");
@@ -163,7 +165,8 @@ RemoteFileInfo HuggingFaceRemoteSource::resolveFileInfoOnce(const std::string& f
 void HuggingFaceRemoteSource::fetchSmallFile(const std::string& filename, const RemoteFileInfo& info,
                                              std::uint64_t capBytes, const std::string& outputPath,
                                              Posix::FileMode mode, RepackAudit* audit) const {
-  if (info.size > capBytes) throw RepackError::remoteFileTooLarge(filename, info.size, capBytes);
+  if (info.size > capBytes)
+    throw RepackError(RemoteFileTooLarge{.path = filename, .size = info.size, .cap = capBytes});
   withRemoteRetries(retryPolicy, "fetchSmallFile:" + filename, audit, retryEnvironment, stop, [&] {
     RemovedUnlessKept temporary(downloadRangeToTempFileOnce(filename, info, 0,
                                                             static_cast<std::int64_t>(info.size),
@@ -190,7 +193,7 @@ TemporaryRangeFile HuggingFaceRemoteSource::downloadRangeToTempFileOnce(
     const std::string& filename, const RemoteFileInfo& info, std::uint64_t offset, std::int64_t length,
     const std::optional<std::string>& targetPath, const RemoteProgressCallback& progress,
     Posix::FileMode mode) const {
-  if (length < 0) throw RepackError::remoteProtocolInvalid("negative range length");
+  if (length < 0) throw RepackError(RemoteProtocolInvalid{"negative range length"});
   const std::string target =
       targetPath ? *targetPath : joinPath(tempDirectory, "vellicor-range-" + randomUuid() + ".tmp");
   if (length == 0) {

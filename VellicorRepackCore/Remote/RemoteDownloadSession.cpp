@@ -22,8 +22,9 @@ class MetadataObserver final : public HttpObserver {
     if (!response_.head) return;
     std::string& body = response_.body;
     if (bytes.size() > maximumMetadataBodyBytes - body.size()) {
-      throw RepackError::remoteBodyExceeded(redactRemoteURL(response_.head->url), maximumMetadataBodyBytes,
-                                            body.size() + bytes.size());
+      throw RepackError(RemoteBodyExceeded{.path = redactRemoteURL(response_.head->url),
+                                           .limit = maximumMetadataBodyBytes,
+                                           .attempted = body.size() + bytes.size()});
     }
     body.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
   }

@@ -77,7 +77,8 @@ void RemoteRangeTransferDelegate::onData(std::span<const std::byte> bytes) {
   if (!responseAccepted_) return;
   const std::uint64_t total = receivedBytes_ + bytes.size();
   if (bytes.size() > expectation_.length - receivedBytes_) {
-    throw RepackError::remoteBodyExceeded(expectation_.filename, expectation_.length, total);
+    throw RepackError(
+        RemoteBodyExceeded{.path = expectation_.filename, .limit = expectation_.length, .attempted = total});
   }
   Posix::pwriteAll(fd_, targetPath_, bytes.data(), static_cast<std::int64_t>(bytes.size()), receivedBytes_);
   receivedBytes_ = total;
@@ -94,10 +95,11 @@ void RemoteRangeTransferDelegate::reportProgress() {
 
 void RemoteRangeTransferDelegate::validate(const HttpResponseHead& response) const {
   const std::string& filename = expectation_.filename;
-  const auto refuse = [](std::string detail) { throw RepackError::remoteProtocolInvalid(std::move(detail)); };
+  const auto refuse = [](std::string detail) { throw RepackError(RemoteProtocolInvalid{std::move(detail)}); };
   if (response.status != statusPartialContent) {
-    throw RepackError::remoteHTTPResponse(redactRemoteURL(response.url), response.status,
-                                          remoteHeader(response, "Retry-After"));
+    throw RepackError(RemoteHTTPResponse{.url = redactRemoteURL(response.url),
+                                         .status = response.status,
+                                         .retryAfter = remoteHeader(response, "Retry-After")});
   }
   const std::string encoding = remoteHeader(response, "Content-Encoding").value_or("identity");
   if (asciiLowercased(encoding) != "identity") refuse("compressed range response for " + filename);
@@ -108,7 +110,7 @@ void RemoteRangeTransferDelegate::validate(const HttpResponseHead& response) con
   }
 
   const auto contentRange = remoteHeader(response, "Content-Range");
-  if (!contentRange) throw RepackError::remoteProtocolInvalid("missing Content-Range for " + filename);
+  if (!contentRange) throw RepackError(RemoteProtocolInvalid{"missing Content-Range for " + filename});
   constexpr std::string_view unit = "bytes ";
   if (!contentRange->starts_with(unit)) refuse("malformed Content-Range " + *contentRange);
   if (!namesExpectedRange(std::string_view(*contentRange).substr(unit.size()), expectation_)) {
@@ -124,11 +126,12 @@ void RemoteRangeTransferDelegate::validate(const HttpResponseHead& response) con
 
 RemoteRangeTransferResult RemoteRangeTransferDelegate::finish() const {
   if (!responseAccepted_) {
-    throw RepackError::remoteProtocolInvalid(
-        fmt::format("range {} completed without an accepted response", expectation_.filename));
+    throw RepackError(RemoteProtocolInvalid{
+        fmt::format("range {} completed without an accepted response", expectation_.filename)});
   }
   if (receivedBytes_ != expectation_.length) {
-    throw RepackError::remoteBodyTruncated(expectation_.filename, expectation_.length, receivedBytes_);
+    throw RepackError(RemoteBodyTruncated{
+        .path = expectation_.filename, .expected = expectation_.length, .actual = receivedBytes_});
   }
   return {.path = targetPath_, .byteCount = receivedBytes_};
 }

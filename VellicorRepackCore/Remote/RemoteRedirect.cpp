@@ -23,12 +23,13 @@ HttpRequest RemoteRedirectPolicy::request(const HttpResponseHead& response,
                                           const std::optional<RemoteUrl>& proposedUrl) {
   redirectCount_ += 1;
   if (redirectCount_ > maximumRedirects_) {
-    throw RepackError::remoteRedirectRejected(redactRemoteURL(response.url),
-                                              fmt::format("more than {} redirects", maximumRedirects_));
+    throw RepackError(
+        RemoteRedirectRejected{.url = redactRemoteURL(response.url),
+                               .detail = fmt::format("more than {} redirects", maximumRedirects_)});
   }
   if (!isHTTPS(proposedUrl)) {
-    throw RepackError::remoteRedirectRejected(redactRemoteURL(proposedUrl),
-                                              "only HTTPS redirects are allowed");
+    throw RepackError(RemoteRedirectRejected{.url = redactRemoteURL(proposedUrl),
+                                             .detail = "only HTTPS redirects are allowed"});
   }
   if (hostKey(*proposedUrl) != sourceHost_) authorizationMayBeForwarded_ = false;
 

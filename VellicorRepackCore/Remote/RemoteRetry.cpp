@@ -119,25 +119,25 @@ bool RemoteRetryPolicy::isRetryable(const std::exception& error) {
     return isRetryableCode(network->code());
   const auto* repack = dynamic_cast<const RepackError*>(&error);
   if (repack == nullptr) return false;
-  if (const auto* status = repack->as<RepackError::RemoteHTTPStatus>()) {
+  if (const auto* status = repack->as<RemoteHTTPStatus>()) {
     return isRetryableStatus(status->status);
   }
-  if (const auto* response = repack->as<RepackError::RemoteHTTPResponse>()) {
+  if (const auto* response = repack->as<RemoteHTTPResponse>()) {
     return isRetryableStatus(response->status);
   }
-  return repack->as<RepackError::RemoteBodyTruncated>() != nullptr;
+  return repack->as<RemoteBodyTruncated>() != nullptr;
 }
 
 std::uint64_t RemoteRetryPolicy::retryDelayNs(const std::exception& error, std::uint64_t localDelayNs,
                                               std::chrono::system_clock::time_point now) const {
   const std::uint64_t local = std::min(maxServerDelayNs, localDelayNs);
   const auto* repack = dynamic_cast<const RepackError*>(&error);
-  const auto* response = repack != nullptr ? repack->as<RepackError::RemoteHTTPResponse>() : nullptr;
+  const auto* response = repack != nullptr ? repack->as<RemoteHTTPResponse>() : nullptr;
   if (response == nullptr || !response->retryAfter) return local;
   const std::uint64_t server = parseRetryAfterNs(*response->retryAfter, now);
   if (server > maxServerDelayNs) {
-    throw RepackError::remoteRetryDelayExceeded(*response->retryAfter,
-                                                maxServerDelayNs / nanosecondsPerSecond);
+    throw RepackError(RemoteRetryDelayExceeded{.value = *response->retryAfter,
+                                               .capSeconds = maxServerDelayNs / nanosecondsPerSecond});
   }
   return std::max(server, local);
 }
@@ -148,7 +148,7 @@ std::uint64_t parseRetryAfterNs(std::string_view value, std::chrono::system_cloc
     return *seconds > largestDelay / nanosecondsPerSecond ? largestDelay : *seconds * nanosecondsPerSecond;
   }
   const auto date = parseHTTPDate(text);
-  if (!date) throw RepackError::remoteProtocolInvalid("invalid Retry-After " + std::string(text));
+  if (!date) throw RepackError(RemoteProtocolInvalid{"invalid Retry-After " + std::string(text)});
   const double seconds = *date - std::chrono::duration<double>(now.time_since_epoch()).count();
   if (seconds <= 0) return 0;
   if (seconds >= 18446744073.0) return largestDelay;

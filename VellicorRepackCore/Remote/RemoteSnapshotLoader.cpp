@@ -36,11 +36,11 @@ Safetensors::Header loadShardHeader(const HuggingFaceRemoteSource& remote, const
   constexpr std::uint64_t prefixBytes = Safetensors::lengthPrefixBytes;
   const std::string prefix = readRange(remote, shard, info, 0, prefixBytes, audit);
   if (prefix.size() != prefixBytes) {
-    throw RepackError::safetensorsHeaderInvalid(shard, "short header prefix");
+    throw RepackError(SafetensorsHeaderInvalid{.path = shard, .detail = "short header prefix"});
   }
   const std::uint64_t headerBytes = littleEndian(prefix);
   if (headerBytes > Safetensors::maximumHeaderBytes || headerBytes > info.size - prefixBytes) {
-    throw RepackError::safetensorsHeaderTooLarge(shard, headerBytes);
+    throw RepackError(SafetensorsHeaderTooLarge{.path = shard, .size = headerBytes});
   }
   return Safetensors::parseHeaderBytes(shard, info.size,
                                        readRange(remote, shard, info, prefixBytes, headerBytes, audit));
@@ -50,10 +50,10 @@ RemoteFileInfo resolveShard(const HuggingFaceRemoteSource& remote, const std::st
                             const std::string& commit, RepackAudit* audit) {
   RemoteFileInfo info = remote.resolveFileInfo(shard, audit);
   if (info.resolvedCommit != commit) {
-    throw RepackError::remoteProtocolInvalid(fmt::format("shard {} commit differs from index commit", shard));
+    throw RepackError(RemoteProtocolInvalid{fmt::format("shard {} commit differs from index commit", shard)});
   }
   if (!info.acceptsRanges) {
-    throw RepackError::remoteProtocolInvalid(fmt::format("shard {} does not advertise byte ranges", shard));
+    throw RepackError(RemoteProtocolInvalid{fmt::format("shard {} does not advertise byte ranges", shard)});
   }
   return info;
 }
@@ -70,7 +70,7 @@ RemoteSnapshot RemoteSnapshotLoader::load(const HuggingFaceRemoteSource& remote,
   const HuggingFaceRemoteSource pinned = remote.pinned(indexInfo.resolvedCommit);
   const RemoteFileInfo configInfo = pinned.resolveFileInfo(configName, audit);
   if (configInfo.resolvedCommit != indexInfo.resolvedCommit) {
-    throw RepackError::remoteProtocolInvalid("config commit differs from index commit");
+    throw RepackError(RemoteProtocolInvalid{"config commit differs from index commit"});
   }
   constexpr auto mode = Posix::FileMode::ownerOnly;
   pinned.fetchSmallFile(indexName, indexInfo, maximumIndexBytes, joinPath(metadataDirectory, indexName), mode,
@@ -82,7 +82,8 @@ RemoteSnapshot RemoteSnapshotLoader::load(const HuggingFaceRemoteSource& remote,
   snapshot.metadata = IndexLoader::load(metadataDirectory);
   const IndexLoader::SourceMetadata& metadata = snapshot.metadata;
   if (knownSource == KnownSource::require && !SourceFingerprint::modelID(metadata.indexSha256Hex)) {
-    throw RepackError::sourceFingerprintRejected(metadata.indexPath, metadata.indexSha256Hex);
+    throw RepackError(
+        SourceFingerprintRejected{.path = metadata.indexPath, .sha256 = metadata.indexSha256Hex});
   }
   snapshot.arch = ArchInfo::load(metadata.configPath);
   snapshot.remoteFiles = {{indexName, indexInfo}, {configName, configInfo}};

@@ -76,7 +76,8 @@ void readOptionalSettings(const nlohmann::json* text, ArchInfo& arch) {
 
 void readRequiredNumbers(const std::string& configPath, const nlohmann::json* text, ArchInfo& arch) {
   const auto required = [&](const auto& value, const char* key) {
-    if (!value) throw RepackError::configJsonInvalid(configPath, std::string("missing ") + key);
+    if (!value)
+      throw RepackError(ConfigJsonInvalid{.path = configPath, .detail = std::string("missing ") + key});
     return *value;
   };
   const auto integer = [&](const char* key) {
@@ -106,7 +107,7 @@ ArchInfo ArchInfo::load(const std::string& configPath) {
   const JsonTree config = parseJson(Posix::readWholeFile(configPath));
   const nlohmann::json* text = memberOf(&config.root, "text_config");
   if (text == nullptr || !text->is_object())
-    throw RepackError::configJsonInvalid(configPath, "no text_config");
+    throw RepackError(ConfigJsonInvalid{.path = configPath, .detail = "no text_config"});
 
   ArchInfo arch;
   readOptionalSettings(text, arch);

@@ -13,15 +13,14 @@
 namespace vellicor {
 namespace {
 
-using InvalidFile = RepackError (*)(std::string path, std::string detail);
-
 struct JsonFile {
   std::string bytes;
   JsonTree document;
 };
 
-/// Reads a file whose top level is a JSON object. What is wrong with the file is reported through `invalid`.
-JsonFile readObjectFile(const std::string& path, InvalidFile invalid) {
+/// Reads a file whose top level is a JSON object; other files throw `InvalidFile`.
+template <typename InvalidFile>
+JsonFile readObjectFile(const std::string& path) {
   JsonFile file;
   try {
     file.bytes = Posix::readWholeFile(path);
@@ -31,19 +30,21 @@ JsonFile readObjectFile(const std::string& path, InvalidFile invalid) {
   } catch (const std::bad_alloc&) {
     throw;
   } catch (const std::exception& error) {
-    throw invalid(path, error.what());
+    throw RepackError(InvalidFile{.path = path, .detail = error.what()});
   }
-  if (!file.document.root.is_object()) throw invalid(path, "not a JSON object");
+  if (!file.document.root.is_object()) {
+    throw RepackError(InvalidFile{.path = path, .detail = "not a JSON object"});
+  }
   return file;
 }
 
 std::map<std::string, std::string> readWeightMap(const std::string& path, const nlohmann::json& index) {
   const auto member = index.find("weight_map");
   if (member == index.end() || !member->is_object())
-    throw RepackError::indexJsonInvalid(path, "no weight_map");
+    throw RepackError(IndexJsonInvalid{.path = path, .detail = "no weight_map"});
   std::map<std::string, std::string> weightMap;
   for (const auto& [tensor, shard] : member->items()) {
-    if (!shard.is_string()) throw RepackError::indexJsonInvalid(path, "no weight_map");
+    if (!shard.is_string()) throw RepackError(IndexJsonInvalid{.path = path, .detail = "no weight_map"});
     weightMap.emplace_hint(weightMap.end(), tensor, shard.get_ref<const std::string&>());
   }
   return weightMap;
@@ -60,9 +61,10 @@ void readOverrides(const nlohmann::json& quantization, IndexLoader::SourceMetada
     if (!settings.is_object() || baseKeys.contains(module)) continue;
     const std::int64_t groupSize = integerMember(settings, "group_size").value_or(meta.baseGroupSize);
     if (groupSize != meta.baseGroupSize) {
-      throw RepackError::configJsonInvalid(
-          meta.configPath, fmt::format("quantization override {} group_size {} != base {}", module, groupSize,
-                                       meta.baseGroupSize));
+      throw RepackError(
+          ConfigJsonInvalid{.path = meta.configPath,
+                            .detail = fmt::format("quantization override {} group_size {} != base {}", module,
+                                                  groupSize, meta.baseGroupSize)});
     }
     meta.bitsOverrides[module] = QuantSpec{integerMember(settings, "bits").value_or(meta.baseBits)};
   }
@@ -71,7 +73,7 @@ void readOverrides(const nlohmann::json& quantization, IndexLoader::SourceMetada
 void readQuantization(const nlohmann::json& config, IndexLoader::SourceMetadata& meta) {
   const auto quantization = config.find("quantization");
   if (quantization == config.end() || !quantization->is_object()) {
-    throw RepackError::configJsonInvalid(meta.configPath, "no quantization slot");
+    throw RepackError(ConfigJsonInvalid{.path = meta.configPath, .detail = "no quantization slot"});
   }
   meta.baseBits = integerMember(*quantization, "bits").value_or(meta.baseBits);
   meta.baseGroupSize = integerMember(*quantization, "group_size").value_or(meta.baseGroupSize);
@@ -97,12 +99,12 @@ IndexLoader::SourceMetadata IndexLoader::load(const std::string& snapshotDir) {
   meta.indexPath = joinPath(snapshotDir, indexFilename);
   meta.configPath = joinPath(snapshotDir, configFilename);
 
-  const JsonFile index = readObjectFile(meta.indexPath, RepackError::indexJsonInvalid);
+  const JsonFile index = readObjectFile<IndexJsonInvalid>(meta.indexPath);
   meta.weightMap = readWeightMap(meta.indexPath, index.document.root);
   // The digest is taken of the very bytes that were parsed, so no other file can slip in between.
   meta.indexSha256Hex = hashData(index.bytes);
 
-  const JsonFile config = readObjectFile(meta.configPath, RepackError::configJsonInvalid);
+  const JsonFile config = readObjectFile<ConfigJsonInvalid>(meta.configPath);
   readQuantization(config.document.root, meta);
   meta.shardFilenames = distinctShards(meta.weightMap);
   return meta;

@@ -53,7 +53,8 @@ class EntryReader {
 
  private:
   RepackError invalid(const std::string& name, std::string_view problem) const {
-    return RepackError::safetensorsHeaderInvalid(path_, fmt::format("entry for {} {}", name, problem));
+    return RepackError(
+        SafetensorsHeaderInvalid{.path = path_, .detail = fmt::format("entry for {} {}", name, problem)});
   }
 
   SourceTensor::Dtype readDtype(const std::string& name, const nlohmann::json& entry) const {
@@ -61,7 +62,7 @@ class EntryReader {
     if (dtype == entry.end() || !dtype->is_string()) throw invalid(name, "has no dtype");
     const auto& text = dtype->get_ref<const std::string&>();
     const auto known = SourceTensor::dtypeFromHeader(text);
-    if (!known) throw RepackError::safetensorsUnknownDtype(path_, text);
+    if (!known) throw RepackError(SafetensorsUnknownDtype{.path = path_, .dtype = text});
     return *known;
   }
 
@@ -88,7 +89,8 @@ class EntryReader {
     }
     const std::uint64_t absoluteEnd = dataStart_ + *end;
     if (absoluteEnd > fileSize_) {
-      throw RepackError::safetensorsTensorOutOfRange(path_, name, absoluteEnd, fileSize_);
+      throw RepackError(SafetensorsTensorOutOfRange{
+          .path = path_, .name = name, .end = absoluteEnd, .fileSize = fileSize_});
     }
     tensor.absoluteOffset = dataStart_ + *begin;
     tensor.sizeBytes = *end - *begin;
@@ -99,9 +101,10 @@ class EntryReader {
     const auto elements = elementCount(tensor.shape);
     const auto bytes = elements ? product(*elements, elementBytes) : std::nullopt;
     if (bytes == tensor.sizeBytes) return;
-    throw RepackError::shapeMismatch(
-        tensor.name, fmt::format("shape product {}*{} != size {}", elements.value_or(maximumU64),
-                                 elementBytes, tensor.sizeBytes));
+    throw RepackError(
+        ShapeMismatch{.name = tensor.name,
+                      .detail = fmt::format("shape product {}*{} != size {}", elements.value_or(maximumU64),
+                                            elementBytes, tensor.sizeBytes)});
   }
 
   const std::string& path_;
@@ -117,12 +120,12 @@ Safetensors::Header Safetensors::parseHeaderBytes(const std::string& path, std::
   const std::uint64_t headerSize = headerBytes.size();
   if (headerSize > maximumHeaderBytes || fileSize < lengthPrefixBytes ||
       headerSize > fileSize - lengthPrefixBytes) {
-    throw RepackError::safetensorsHeaderTooLarge(path, headerSize);
+    throw RepackError(SafetensorsHeaderTooLarge{.path = path, .size = headerSize});
   }
   const JsonTree tree = parseJson(headerBytes);
   const nlohmann::json& document = tree.root;
   if (!document.is_object()) {
-    throw RepackError::safetensorsHeaderInvalid(path, "header is not a JSON object");
+    throw RepackError(SafetensorsHeaderInvalid{.path = path, .detail = "header is not a JSON object"});
   }
   const EntryReader reader(path, fileSize, headerSize);
   Header header;

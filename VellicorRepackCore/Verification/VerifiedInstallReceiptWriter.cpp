@@ -19,7 +19,7 @@ std::string VerifiedInstallReceiptWriter::encode(
     const std::string& toolVersion, const std::vector<RepackAudit::OutputFile>& files) {
   std::map<std::string, MorlenManifestFileV1> records;
   for (const RepackAudit::OutputFile& file : files) records[file.relativePath] = {file.size, file.sha256};
-  records["manifest.json"] = {manifestSize, manifestSha256};
+  records[MorlenFormatV1::manifestPath] = {manifestSize, manifestSha256};
 
   CanonicalJson json(CanonicalJson::Layout::pretty, CanonicalJson::Slashes::plain);
   json.beginObject();

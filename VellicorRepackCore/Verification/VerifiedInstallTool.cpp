@@ -56,7 +56,7 @@ std::vector<OutputFile> verifyListedFiles(const MorlenDirectoryAccess& directory
   for (const OutputFile& file : verified) {
     work.next();
     if (file.size > std::numeric_limits<std::uint64_t>::max() - bytesVerified) {
-      throw RepackError::configurationInvalid("verified byte count exceeds UInt64");
+      throw RepackError(ConfigurationInvalid{"verified byte count exceeds UInt64"});
     }
     bytesVerified += file.size;
   }
