@@ -23,6 +23,9 @@ struct MorlenFormatV1 {
   static constexpr std::size_t residentEntryBytes = 72;
   /// The largest resident index that a V1 reader accepts, in bytes.
   static constexpr std::uint64_t residentIndexMaxBytes = 16777216;
+  /// The largest manifest.json and layout.json that a V1 reader accepts, in bytes.
+  static constexpr std::uint64_t manifestMaxBytes = 4194304;
+  static constexpr std::uint64_t layoutMaxBytes = 16777216;
 
   /// The artifact's own entries, relative to its directory. All other names stand in the manifest.
   static constexpr const char* manifestPath = "manifest.json";

@@ -12,8 +12,9 @@ namespace {
 std::map<std::string, std::vector<Region>> tensorRegions(const Artifact& artifact,
                                                          const std::vector<StoredTensor>& tensors) {
   std::map<std::string, std::vector<Region>> files;
-  files[Artifact::weightsPath].push_back({0, artifact.indexSize, Family::records});
-  for (const MorlenLayerV1& layer : artifact.records.layout.layers) files["packed_experts/" + layer.file];
+  files[MorlenFormatV1::weightsPath].push_back({0, artifact.indexSize, Family::records});
+  for (const MorlenLayerV1& layer : artifact.metadata.layout.layers)
+    files[MorlenFormatV1::layerPath(layer.file)];
   for (const StoredTensor& tensor : tensors) {
     std::vector<Region>& regions = files[tensor.file];
     if (tensor.experts.empty()) {
@@ -48,11 +49,11 @@ std::vector<Region> withPadding(std::vector<Region> regions, std::uint64_t size)
 ByteMap byteMap(const Artifact& artifact, const std::vector<StoredTensor>& tensors) {
   auto regions = tensorRegions(artifact, tensors);
   std::map<std::string, std::int64_t> layers;
-  for (const MorlenLayerV1& layer : artifact.records.layout.layers) {
-    layers["packed_experts/" + layer.file] = layer.layer;
+  for (const MorlenLayerV1& layer : artifact.metadata.layout.layers) {
+    layers[MorlenFormatV1::layerPath(layer.file)] = layer.layer;
   }
   auto listed = artifact.manifest().files;
-  listed[ArtifactRecords::manifestName] = artifact.records.manifestFile;
+  listed[MorlenFormatV1::manifestPath] = artifact.metadata.manifestFile;
 
   ByteMap map;
   for (const auto& [path, file] : listed) {
@@ -68,7 +69,7 @@ ByteMap byteMap(const Artifact& artifact, const std::vector<StoredTensor>& tenso
     for (const Region& region : entry.regions) map.familyBytes[region.family] += region.bytes();
   }
   std::ranges::sort(map.files, {}, [](const FileMap& file) {
-    return std::tuple(file.path != Artifact::weightsPath, file.layer.value_or(-1), file.path);
+    return std::tuple(file.path != MorlenFormatV1::weightsPath, file.layer.value_or(-1), file.path);
   });
   return map;
 }

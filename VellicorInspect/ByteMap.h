@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "VellicorInspect/Artifact.h"
+#include "VellicorArtifact/Artifact.h"
 #include "VellicorInspect/TensorList.h"
 
 namespace vellicor {

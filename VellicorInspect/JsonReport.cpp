@@ -59,7 +59,7 @@ std::string summaryJson(const Inspection& inspection) {
   std::map<std::string_view, std::uint64_t> familyBytes;
   for (const auto& [family, bytes] : inspection.map.familyBytes) familyBytes[keyOf(family)] = bytes;
   auto files = manifest.files;
-  files[ArtifactRecords::manifestName] = inspection.artifact.records.manifestFile;
+  files[MorlenFormatV1::manifestPath] = inspection.artifact.metadata.manifestFile;
 
   CanonicalJson json = newDocument();
   writeManifestArch(json.beginObject().key("arch"), manifest.arch);
@@ -93,7 +93,7 @@ std::string tensorsJson(const std::vector<const StoredTensor*>& tensors, std::ui
 }
 
 std::string layersJson(const Inspection& inspection) {
-  const MorlenPackedExpertsLayoutV1& layout = inspection.artifact.records.layout;
+  const MorlenPackedExpertsLayoutV1& layout = inspection.artifact.metadata.layout;
   CanonicalJson json = newDocument();
   json.beginArray();
   for (const LayerSummary& summary : layerSummaries(inspection)) {
@@ -102,7 +102,7 @@ std::string layersJson(const Inspection& inspection) {
     json.member("expertBytes", summary.expertBytes)
         .member("expertStride", layout.expertStride)
         .member("experts", layout.expertsPerLayer)
-        .member("file", "packed_experts/" + summary.layer->file)
+        .member("file", MorlenFormatV1::layerPath(summary.layer->file))
         .member("layer", summary.layer->layer)
         .member("residentBytes", summary.residentBytes);
     json.endObject();

@@ -155,7 +155,7 @@ class Painter {
       : inspection_(inspection),
         map_(inspection.map),
         manifest_(inspection.artifact.manifest()),
-        layout_(inspection.artifact.records.layout) {}
+        layout_(inspection.artifact.metadata.layout) {}
 
   std::string document() {
     const std::string title = "Where the bytes of " + manifest_.modelID + " are";

@@ -91,7 +91,7 @@ std::string bitsText(const std::vector<std::uint64_t>& bits) {
 
 std::vector<LayerSummary> layerSummaries(const Inspection& inspection) {
   const MorlenManifestV1& manifest = inspection.artifact.manifest();
-  const MorlenPackedExpertsLayoutV1& layout = inspection.artifact.records.layout;
+  const MorlenPackedExpertsLayoutV1& layout = inspection.artifact.metadata.layout;
   std::vector<LayerSummary> summaries(layout.layers.size());
   std::vector<std::set<std::uint64_t>> bits(summaries.size());
   for (const MorlenLayerV1& layer : layout.layers) {
@@ -99,7 +99,7 @@ std::vector<LayerSummary> layerSummaries(const Inspection& inspection) {
     const auto number = static_cast<std::size_t>(layer.layer);
     summaries[number] = {.layer = &layer,
                          .hasFullAttention = manifest.arch.fullAttentionLayerMask[number] == 1,
-                         .expertBytes = manifest.files.at("packed_experts/" + layer.file).size};
+                         .expertBytes = manifest.files.at(MorlenFormatV1::layerPath(layer.file)).size};
   }
   for (const StoredTensor& tensor : inspection.tensors) {
     if (!tensor.layer || !std::cmp_less(*tensor.layer, summaries.size()) || *tensor.layer < 0) continue;
@@ -157,14 +157,15 @@ std::string tensorsText(const std::vector<const StoredTensor*>& tensors, std::op
 }
 
 std::string layersText(const Inspection& inspection, std::optional<std::size_t> width) {
-  const MorlenPackedExpertsLayoutV1& layout = inspection.artifact.records.layout;
+  const MorlenPackedExpertsLayoutV1& layout = inspection.artifact.metadata.layout;
   Table table({left, right, left, right, right, right, right, right}, width);
   table.add({"file", "layer", "attention", "experts", "stride", "bits", "bytes", "resident"});
   for (const LayerSummary& summary : layerSummaries(inspection)) {
-    table.add({printable("packed_experts/" + summary.layer->file), std::to_string(summary.layer->layer),
-               summary.hasFullAttention ? "full" : "sliding", std::to_string(layout.expertsPerLayer),
-               std::to_string(layout.expertStride), bitsText(summary.expertBits),
-               std::to_string(summary.expertBytes), std::to_string(summary.residentBytes)});
+    table.add({printable(MorlenFormatV1::layerPath(summary.layer->file)),
+               std::to_string(summary.layer->layer), summary.hasFullAttention ? "full" : "sliding",
+               std::to_string(layout.expertsPerLayer), std::to_string(layout.expertStride),
+               bitsText(summary.expertBits), std::to_string(summary.expertBytes),
+               std::to_string(summary.residentBytes)});
   }
   return table.text();
 }

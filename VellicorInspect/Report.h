@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "VellicorInspect/Artifact.h"
+#include "VellicorArtifact/Artifact.h"
 #include "VellicorInspect/ByteMap.h"
 #include "VellicorInspect/TensorList.h"
 

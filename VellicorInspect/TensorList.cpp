@@ -76,7 +76,7 @@ void addResident(const MorlenResidentIndexEntryV1& entry, std::vector<StoredTens
                       .dtype = std::string(MorlenFormatV1::name(dtype)),
                       .shape = Shape(entry.shape.begin(), std::ranges::find(entry.shape, 0U)),
                       .bits = {},
-                      .file = Artifact::weightsPath,
+                      .file = MorlenFormatV1::weightsPath,
                       .offset = entry.fileOffset,
                       .bytes = entry.sizeBytes,
                       .layer = layerOf(entry.name)};
@@ -134,7 +134,7 @@ void addLayer(const MorlenLayerV1& layer, std::vector<StoredTensor>& tensors) {
                        .dtype = entry.tensor->dtype,
                        .shape = std::move(shape),
                        .bits = entry.tensor->bits,
-                       .file = "packed_experts/" + layer.file,
+                       .file = MorlenFormatV1::layerPath(layer.file),
                        .offset = offset,
                        .bytes = entry.tensor->size,
                        .layer = layer.layer,
@@ -187,7 +187,7 @@ std::vector<StoredTensor> storedTensors(const Artifact& artifact) {
   std::vector<StoredTensor> tensors;
   for (const auto& entry : artifact.resident) addResident(entry, tensors);
   std::vector<const MorlenLayerV1*> layers;
-  for (const MorlenLayerV1& layer : artifact.records.layout.layers) layers.push_back(&layer);
+  for (const MorlenLayerV1& layer : artifact.metadata.layout.layers) layers.push_back(&layer);
   std::ranges::sort(layers, {}, &MorlenLayerV1::layer);
   for (const MorlenLayerV1* layer : layers) addLayer(*layer, tensors);
   return tensors;

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "VellicorInspect/Artifact.h"
+#include "VellicorArtifact/Artifact.h"
 
 namespace vellicor {
 

@@ -3,8 +3,8 @@
 #include <memory>
 #include <string>
 
+#include "VellicorArtifact/MorlenDirectoryAccess.h"
 #include "VellicorLab/HubRepository.h"
-#include "VellicorRepackCore/FileSystem/MorlenDirectoryAccess.h"
 
 namespace vellicor {
 

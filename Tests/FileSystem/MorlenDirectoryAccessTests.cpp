@@ -5,9 +5,9 @@
 #include <sys/stat.h>
 
 #include "Tests/Support/Expect.h"
+#include "VellicorArtifact/MorlenDirectoryAccess.h"
 #include "VellicorLab/TemporaryDirectory.h"
 #include "VellicorRepackCore/Base/Sha256Stream.h"
-#include "VellicorRepackCore/FileSystem/MorlenDirectoryAccess.h"
 #include "VellicorRepackCore/FileSystem/PageCacheTrail.h"
 
 namespace vellicor {

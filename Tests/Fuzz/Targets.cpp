@@ -12,12 +12,12 @@
 #include <string>
 #include <vector>
 
+#include "VellicorArtifact/MorlenDirectoryAccess.h"
 #include "VellicorFormat/JsonReading.h"
 #include "VellicorFormat/MorlenPackedExpertsLayoutV1.h"
 #include "VellicorFormat/MorlenResidentIndexV1.h"
 #include "VellicorLab/TemporaryDirectory.h"
 #include "VellicorRepackCore/Base/Errors.h"
-#include "VellicorRepackCore/FileSystem/MorlenDirectoryAccess.h"
 #include "VellicorRepackCore/FileSystem/Posix.h"
 #include "VellicorRepackCore/Remote/RemoteHeaders.h"
 #include "VellicorRepackCore/Remote/RemoteRangeTransfer.h"

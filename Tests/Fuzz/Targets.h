@@ -5,8 +5,8 @@
 #include <span>
 #include <string_view>
 
+#include "VellicorArtifact/ArtifactMetadata.h"
 #include "VellicorFormat/MorlenFormatV1.h"
-#include "VellicorRepackCore/FileSystem/ArtifactRecords.h"
 #include "VellicorRepackCore/Install/RemoteInstallCheckpoint.h"
 #include "VellicorRepackCore/Remote/RemoteSnapshotLoader.h"
 #include "VellicorRepackCore/Source/Safetensors.h"
@@ -44,8 +44,8 @@ struct Target {
 inline constexpr std::size_t maximumHeaderLineBytes = 262144;
 
 inline constexpr std::array<Target, 12> targets{{
-    {"manifest", fuzzManifest, ArtifactRecords::maximumManifestBytes},
-    {"layout", fuzzLayout, ArtifactRecords::maximumLayoutBytes},
+    {"manifest", fuzzManifest, MorlenFormatV1::manifestMaxBytes},
+    {"layout", fuzzLayout, MorlenFormatV1::layoutMaxBytes},
     {"resident", fuzzResident, MorlenFormatV1::residentIndexMaxBytes},
     {"safetensors", fuzzSafetensors, Safetensors::lengthPrefixBytes + Safetensors::maximumHeaderBytes},
     {"index", fuzzIndex, RemoteSnapshotLoader::maximumIndexBytes},
@@ -55,7 +55,7 @@ inline constexpr std::array<Target, 12> targets{{
     {"content_range", fuzzContentRange, maximumHeaderLineBytes},
     {"entity_tag", fuzzEntityTag, maximumHeaderLineBytes},
     {"url", fuzzUrl, maximumHeaderLineBytes},
-    {"path", fuzzPath, ArtifactRecords::maximumManifestBytes},
+    {"path", fuzzPath, MorlenFormatV1::manifestMaxBytes},
 }};
 
 }  // namespace vellicor::fuzz

@@ -306,8 +306,8 @@ Words tensorLines(const Files& artifact) {
     for (const MorlenExpertV1& expert : layer.experts) {
       for (const auto& [key, tensor] : expert.tensors)
         add(fmt::format("layers.{}.experts.{}.{}", layer.layer, expert.expert.value(), key), tensor.dtype,
-            tensor.shape, tensor.bits ? std::to_string(*tensor.bits) : "-", "packed_experts/" + layer.file,
-            expert.offset + tensor.offset, tensor.size);
+            tensor.shape, tensor.bits ? std::to_string(*tensor.bits) : "-",
+            MorlenFormatV1::layerPath(layer.file), expert.offset + tensor.offset, tensor.size);
     }
   }
   return lines;

@@ -11,13 +11,13 @@
 
 #include <fmt/format.h>
 
+#include "VellicorArtifact/ArtifactMetadata.h"
+#include "VellicorArtifact/MorlenDirectoryAccess.h"
 #include "VellicorRepackCore/Base/BoundedScratch.h"
 #include "VellicorRepackCore/Base/Cancellation.h"
 #include "VellicorRepackCore/Base/Errors.h"
 #include "VellicorRepackCore/Base/OrderedWork.h"
 #include "VellicorRepackCore/Base/Sha256Stream.h"
-#include "VellicorRepackCore/FileSystem/ArtifactRecords.h"
-#include "VellicorRepackCore/FileSystem/MorlenDirectoryAccess.h"
 #include "VellicorRepackCore/FileSystem/PageCacheTrail.h"
 #include "VellicorRepackCore/FileSystem/Posix.h"
 #include "VellicorRepackCore/Output/MorlenJSON.h"
@@ -215,20 +215,20 @@ RecordedPayload ArtifactRecorder::recordPayload(const PayloadProof& proof) {
 
 void ArtifactRecorder::requireReadableLayout(const RepackPlan& plan) {
   const std::size_t bytes = encodedLayout(plan).size();
-  if (bytes <= MorlenLayoutValidator::maximumLayoutBytes) return;
+  if (bytes <= MorlenFormatV1::layoutMaxBytes) return;
   throw RepackError(
       ConfigurationInvalid{fmt::format("packed expert layout of {} bytes exceeds the {}-byte cap", bytes,
-                                       MorlenLayoutValidator::maximumLayoutBytes)});
+                                       MorlenFormatV1::layoutMaxBytes)});
 }
 
 void ArtifactRecorder::writeLayout() {
   const std::string layout = encodedLayout(plan_);
-  const std::string file = path(ArtifactRecords::layoutPath);
+  const std::string file = path(MorlenFormatV1::layoutPath);
   makeDirectory(parentPath(file));
-  clearPlace(ArtifactRecords::layoutPath);
+  clearPlace(MorlenFormatV1::layoutPath);
   Posix::atomicWrite(layout, file, parentPath(file), Posix::FileMode::shared);
   MorlenLayoutValidator::validate(file, plan_, &audit_);
-  recordOutputFile(ArtifactRecords::layoutPath);
+  recordOutputFile(MorlenFormatV1::layoutPath);
   throwIfCancelled(stop_);
 }
 
@@ -287,18 +287,16 @@ std::vector<RepackAudit::OutputFile> ArtifactRecorder::writeManifestAndReceipt(
       plan_, plan_.matchedModelID.value_or("unknown/snapshot"), snapshot.metadata.indexSha256Hex, files,
       layer == nullptr ? 0 : layer->expertsPerLayer, plan_.arch.numLayers,
       layer == nullptr ? 0 : layer->expertStride, manifestBitWidths(plan_));
-  const std::string temporary = path(std::string(ArtifactRecords::manifestName) + ".tmp");
+  const std::string temporary = path(std::string(MorlenFormatV1::manifestPath) + ".tmp");
   Posix::atomicWrite(manifest, temporary, partialDirectory_, Posix::FileMode::shared);
   audit_.outputBytesWritten += manifest.size();
-  Posix::rename(temporary, path(ArtifactRecords::manifestName));
+  Posix::rename(temporary, path(MorlenFormatV1::manifestPath));
 
   const std::string receipt = VerifiedInstallReceiptWriter::encode(
       finalDirectory, hashData(manifest), manifest.size(), repoID, snapshot.resolvedCommit,
       VerifiedInstallReceiptWriter::installToolVersion, audit_.outputFiles);
-  MorlenDirectoryAccess(partialDirectory_)
-      .atomicWrite(receipt, VerifiedInstallReceiptWriter::receiptFilename);
-  return {recordOf(ArtifactRecords::manifestName, manifest),
-          recordOf(VerifiedInstallReceiptWriter::receiptFilename, receipt)};
+  MorlenDirectoryAccess(partialDirectory_).atomicWrite(receipt, MorlenFormatV1::receiptPath);
+  return {recordOf(MorlenFormatV1::manifestPath, manifest), recordOf(MorlenFormatV1::receiptPath, receipt)};
 }
 
 PayloadDamage ArtifactRecorder::proveAgain(const RecordedPayload& payload, const PayloadProof& proof,

@@ -10,9 +10,9 @@
 
 #include <fmt/format.h>
 
+#include "VellicorArtifact/ArtifactMetadata.h"
 #include "VellicorRepackCore/Base/Errors.h"
 #include "VellicorRepackCore/Base/OrderedWork.h"
-#include "VellicorRepackCore/FileSystem/ArtifactRecords.h"
 #include "VellicorRepackCore/FileSystem/Posix.h"
 #include "VellicorRepackCore/FileSystem/Removability.h"
 
@@ -41,7 +41,7 @@ class TrialCleanup {
 /// An empty directory is nobody's loss; of any other the manifest tells an artifact from somebody's files.
 void requireArtifact(const std::string& directory) {
   const bool hasManifest =
-      Posix::entryKind(joinPath(directory, ArtifactRecords::manifestName)) == EntryKind::regular;
+      Posix::entryKind(joinPath(directory, MorlenFormatV1::manifestPath)) == EntryKind::regular;
   if (hasManifest || std::filesystem::is_empty(directory)) return;
   throw RepackError(InstallPathUnsafe{.path = directory, .detail = "not an artifact; move it away first"});
 }

@@ -19,7 +19,7 @@ RepackError failed(std::string_view reason) {
 MorlenPackedExpertsLayoutV1 readLayout(const std::string& path) {
   try {
     return MorlenPackedExpertsLayoutCodec::decode(
-        Posix::readBoundedData(path, MorlenLayoutValidator::maximumLayoutBytes));
+        Posix::readBoundedData(path, MorlenFormatV1::layoutMaxBytes));
   } catch (const std::bad_alloc&) {
     throw;
   } catch (const std::exception& error) {

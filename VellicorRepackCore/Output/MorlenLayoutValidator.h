@@ -2,7 +2,6 @@
 
 #include <string>
 
-#include "VellicorRepackCore/FileSystem/ArtifactRecords.h"
 #include "VellicorRepackCore/Planning/RepackPlanner.h"
 #include "VellicorRepackCore/Reporting/RepackAudit.h"
 
@@ -10,8 +9,6 @@ namespace vellicor {
 
 /// Re-reads a written layout and checks it against the plan it was written from.
 struct MorlenLayoutValidator {
-  static constexpr std::uint64_t maximumLayoutBytes = ArtifactRecords::maximumLayoutBytes;
-
   /// Throws `configurationInvalid`. `audit`, when given, learns what was checked.
   static void validate(const std::string& path, const RepackPlan& plan, RepackAudit* audit);
 };

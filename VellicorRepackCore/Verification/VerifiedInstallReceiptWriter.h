@@ -14,7 +14,6 @@ namespace vellicor {
 // toolVersion; files (path to size and sha256, manifest.json included); sourceRepoID and sourceRevision when
 // known.
 struct VerifiedInstallReceiptWriter {
-  static constexpr const char* receiptFilename = "verified-install.json";
   static constexpr const char* installToolVersion = "VellicorRepack";
   static constexpr const char* verifyToolVersion = "VellicorRepack verify-install";
 

@@ -7,12 +7,12 @@
 #include <set>
 #include <utility>
 
+#include "VellicorArtifact/ArtifactMetadata.h"
+#include "VellicorArtifact/MorlenDirectoryAccess.h"
 #include "VellicorFormat/MorlenManifestV1.h"
 #include "VellicorRepackCore/Base/Cancellation.h"
 #include "VellicorRepackCore/Base/Errors.h"
 #include "VellicorRepackCore/Base/OrderedWork.h"
-#include "VellicorRepackCore/FileSystem/ArtifactRecords.h"
-#include "VellicorRepackCore/FileSystem/MorlenDirectoryAccess.h"
 #include "VellicorRepackCore/FileSystem/Posix.h"
 #include "VellicorRepackCore/Reporting/RepackAudit.h"
 #include "VellicorRepackCore/Verification/VerifiedInstallReceiptWriter.h"
@@ -20,8 +20,6 @@
 namespace vellicor {
 
 namespace {
-
-constexpr const char* receiptName = VerifiedInstallReceiptWriter::receiptFilename;
 
 /// Far beyond any artifact's nesting; the walk holds two descriptors a level.
 constexpr int maximumWalkDepth = 1024;
@@ -41,16 +39,16 @@ OutputFile verifyFile(const MorlenDirectoryAccess& directory, const std::string&
 
 /// Every file that the manifest lists, in ascending order of paths; some are read side by side.
 std::vector<OutputFile> verifyListedFiles(const MorlenDirectoryAccess& directory,
-                                          const ArtifactRecords& records, std::size_t workers,
+                                          const ArtifactMetadata& metadata, std::size_t workers,
                                           std::uint64_t& bytesVerified) {
-  const MorlenManifestV1& manifest = records.manifest;
+  const MorlenManifestV1& manifest = metadata.manifest;
   std::vector<OutputFile> verified;
   for (const auto& [path, entry] : manifest.files) verified.push_back({path, entry.size, {}});
   OrderedWork work(verified.size(), workers, {}, [&](std::size_t item, const CancellationToken& stop) {
     const std::string& path = verified[item].relativePath;
     // The layout has been read and digested already.
-    verified[item] = path == ArtifactRecords::layoutPath
-                         ? OutputFile{path, records.layoutFile.size, records.layoutFile.sha256}
+    verified[item] = path == MorlenFormatV1::layoutPath
+                         ? OutputFile{path, metadata.layoutFile.size, metadata.layoutFile.sha256}
                          : verifyFile(directory, path, manifest.files.at(path), stop);
   });
   for (const OutputFile& file : verified) {
@@ -63,11 +61,15 @@ std::vector<OutputFile> verifyListedFiles(const MorlenDirectoryAccess& directory
   return verified;
 }
 
+bool isIn(std::string_view entry, std::string_view directory) {
+  return entry.starts_with(directory) && (entry.size() == directory.size() || entry[directory.size()] == '/');
+}
+
 /// What the directory holds beyond the artifact's files, the directories that hold them, and what a desktop
 /// or a tokenizer adds.
 std::vector<std::string> unexpectedEntries(const MorlenDirectoryAccess& directory,
                                            const MorlenManifestV1& manifest) {
-  std::set<std::string> expected = {ArtifactRecords::manifestName, receiptName};
+  std::set<std::string> expected = {MorlenFormatV1::manifestPath, MorlenFormatV1::receiptPath};
   int maxDepth = MorlenDirectoryAccess::defaultMaxDepth;
   for (const auto& [path, entry] : manifest.files) {
     expected.insert(path);
@@ -75,10 +77,10 @@ std::vector<std::string> unexpectedEntries(const MorlenDirectoryAccess& director
     maxDepth = std::max(maxDepth, static_cast<int>(std::min<std::ptrdiff_t>(components, maximumWalkDepth)));
   }
   const auto isExpected = [&](const std::string& entry) {
-    if (entry == ".DS_Store" || entry == "tokenizer" || entry.starts_with("tokenizer/")) return true;
+    if (entry == ".DS_Store" || isIn(entry, MorlenFormatV1::tokenizerDirectory)) return true;
     if (expected.contains(entry)) return true;
     const auto inside = expected.lower_bound(entry + "/");
-    return inside != expected.end() && inside->starts_with(entry + "/");
+    return inside != expected.end() && isIn(*inside, entry);
   };
 
   std::vector<std::string> entries = directory.relativeEntries(maxDepth);
@@ -92,18 +94,18 @@ struct Verification {
 };
 
 Verification verify(const MorlenDirectoryAccess& directory, const VerifyInstallOptions& options) {
-  const ArtifactRecords records = ArtifactRecords::read(directory);
+  const ArtifactMetadata metadata = ArtifactMetadata::read(directory);
   VerifyInstallResult result;
-  result.bytesVerified = records.manifestFile.size;
+  result.bytesVerified = metadata.manifestFile.size;
   const std::vector<OutputFile> files = verifyListedFiles(
-      directory, records, options.workers.value_or(Posix::availableProcessors()), result.bytesVerified);
-  result.receiptPath = joinPath(directory.rootPath(), receiptName);
+      directory, metadata, options.workers.value_or(Posix::availableProcessors()), result.bytesVerified);
+  result.receiptPath = joinPath(directory.rootPath(), MorlenFormatV1::receiptPath);
   result.fileCount = static_cast<std::int64_t>(files.size()) + 1;
-  result.unexpectedEntries = unexpectedEntries(directory, records.manifest);
+  result.unexpectedEntries = unexpectedEntries(directory, metadata.manifest);
   return {std::move(result),
           VerifiedInstallReceiptWriter::encode(
-              directory.rootPath(), records.manifestFile.sha256, records.manifestFile.size, std::nullopt,
-              records.manifest.sourceSnapshotHash, VerifiedInstallReceiptWriter::verifyToolVersion, files)};
+              directory.rootPath(), metadata.manifestFile.sha256, metadata.manifestFile.size, std::nullopt,
+              metadata.manifest.sourceSnapshotHash, VerifiedInstallReceiptWriter::verifyToolVersion, files)};
 }
 
 }  // namespace
@@ -111,7 +113,7 @@ Verification verify(const MorlenDirectoryAccess& directory, const VerifyInstallO
 VerifyInstallResult VerifiedInstallTool::run(const VerifyInstallOptions& options) {
   const MorlenDirectoryAccess directory(options.inputMorlen);
   Verification verification = verify(directory, options);
-  directory.atomicWrite(verification.receipt, receiptName);
+  directory.atomicWrite(verification.receipt, MorlenFormatV1::receiptPath);
   return std::move(verification.result);
 }
 

@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
+#include "VellicorArtifact/ArtifactMetadata.h"
+#include "VellicorArtifact/MorlenDirectoryAccess.h"
 #include "VellicorFormat/MorlenResidentIndexV1.h"
-#include "VellicorRepackCore/FileSystem/ArtifactRecords.h"
-#include "VellicorRepackCore/FileSystem/MorlenDirectoryAccess.h"
 
 namespace vellicor {
 
@@ -23,11 +23,8 @@ struct ArtifactReceipt {
 /// that the manifest gives them, and whose ranges all lie inside these files. Sizes are checked, and the
 /// digest of layout.json; the other digests are not (VellicorRepack --verify-install proves them).
 struct Artifact {
-  static constexpr const char* weightsPath = "model_weights.bin";
-  static constexpr const char* receiptName = "verified-install.json";
-
   MorlenDirectoryAccess directory;
-  ArtifactRecords records;
+  ArtifactMetadata metadata;
   std::uint64_t indexSize = 0;
   /// In the order of the index.
   std::vector<MorlenResidentIndexEntryV1> resident{};
@@ -36,7 +33,7 @@ struct Artifact {
   /// Why there is none.
   std::string receiptProblem{};
 
-  const MorlenManifestV1& manifest() const { return records.manifest; }
+  const MorlenManifestV1& manifest() const { return metadata.manifest; }
   /// The commit of the source, as far as the receipt knows it: that of a verification repeats the source
   /// index's digest instead.
   std::optional<std::string> revision() const;

@@ -1,4 +1,4 @@
-#include "VellicorRepackCore/FileSystem/MorlenDirectoryAccess.h"
+#include "VellicorArtifact/MorlenDirectoryAccess.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "VellicorArtifact/FormatErrors.h"
 #include "VellicorFormat/MorlenFormatV1.h"
 #include "VellicorRepackCore/Base/BoundedScratch.h"
 #include "VellicorRepackCore/Base/Cancellation.h"
@@ -19,20 +20,6 @@
 #include "VellicorRepackCore/FileSystem/SystemCall.h"
 
 namespace vellicor {
-
-namespace {
-
-/// Runs a check of the path rules; its failure becomes "<prefix>: <text>".
-template <typename Check>
-void requireSafe(const std::string& prefix, Check&& check) {
-  try {
-    check();
-  } catch (const MorlenFormatError& error) {
-    throw RepackError(ConfigurationInvalid{fmt::format("{}: {}", prefix, error.description())});
-  }
-}
-
-}  // namespace
 
 struct MorlenDirectoryAccess::WalkState {
   int maxDepth;
@@ -60,8 +47,8 @@ FileDescriptor MorlenDirectoryAccess::openComponent(const FileDescriptor& parent
 }
 
 FileDescriptor MorlenDirectoryAccess::openFile(const std::string& relativePath) const {
-  requireSafe("unsafe path " + relativePath,
-              [&] { MorlenPathValidator::validateRelativePath(relativePath, "path." + relativePath); });
+  withFormatErrors("unsafe path " + relativePath,
+                   [&] { MorlenPathValidator::validateRelativePath(relativePath, "path." + relativePath); });
 
   FileDescriptor parent(
       checkedCall<FileOpenFailed>(rootPath_, [&] { return ::fcntl(root_.get(), F_DUPFD_CLOEXEC, 0); }));
@@ -157,7 +144,7 @@ void MorlenDirectoryAccess::walk(int fd, const std::string& prefix, int depth, W
     struct stat status {};
     checkedCall<FileStatFailed>(fullPath(entry),
                                 [&] { return ::fstatat(fd, name, &status, AT_SYMLINK_NOFOLLOW); });
-    if (!S_ISDIR(status.st_mode) || entry == "tokenizer") return true;
+    if (!S_ISDIR(status.st_mode) || entry == MorlenFormatV1::tokenizerDirectory) return true;
     if (depth >= state.maxDepth) {
       throw RepackError(
           ConfigurationInvalid{fmt::format("artifact directory nesting exceeds {}", state.maxDepth)});
@@ -170,8 +157,8 @@ void MorlenDirectoryAccess::walk(int fd, const std::string& prefix, int depth, W
 }
 
 void MorlenDirectoryAccess::atomicWrite(std::string_view data, const std::string& name) const {
-  requireSafe("unsafe output path " + name,
-              [&] { MorlenPathValidator::validateBasename(name, "output." + name); });
+  withFormatErrors("unsafe output path " + name,
+                   [&] { MorlenPathValidator::validateBasename(name, "output." + name); });
 
   const std::string temporary = ".morlen-" + randomUuid() + ".tmp";
   const std::string temporaryPath = fullPath(temporary);

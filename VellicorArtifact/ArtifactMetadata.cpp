@@ -1,10 +1,11 @@
-#include "VellicorRepackCore/FileSystem/ArtifactRecords.h"
+#include "VellicorArtifact/ArtifactMetadata.h"
 
 #include <cstddef>
 #include <utility>
 
 #include <fmt/format.h>
 
+#include "VellicorArtifact/FormatErrors.h"
 #include "VellicorFormat/UnicodeText.h"
 #include "VellicorRepackCore/Base/Sha256Stream.h"
 
@@ -26,7 +27,7 @@ std::string readRecord(const MorlenDirectoryAccess& directory, const std::string
 
 void checkLayerFile(const MorlenManifestV1& manifest, const MorlenLayerV1& layer,
                     std::uint64_t expectedSize) {
-  const std::string path = "packed_experts/" + layer.file;
+  const std::string path = MorlenFormatV1::layerPath(layer.file);
   const auto entry = manifest.files.find(path);
   if (entry == manifest.files.end()) refuse("manifest missing " + path);
   if (entry->second.size != expectedSize) {
@@ -45,30 +46,31 @@ void checkLayout(const MorlenManifestV1& manifest, const MorlenPackedExpertsLayo
   // Both have passed their own validation, so the count is positive.
   const std::uint64_t layerFileSize = withFormatErrors("packed expert layout does not match manifest", [&] {
     MorlenV1StructuralValidator::crossValidate(manifest, layout);
-    return morlenCheckedMultiply(static_cast<std::uint64_t>(layout.expertsPerLayer), layout.expertStride,
-                                 "layout.layerSize");
+    return MorlenFormatV1::layerBytes(layout.expertsPerLayer, layout.expertStride, "layout.layerSize");
   });
   for (const MorlenLayerV1& layer : layout.layers) checkLayerFile(manifest, layer, layerFileSize);
 }
 
 }  // namespace
 
-ArtifactRecords ArtifactRecords::read(const MorlenDirectoryAccess& directory) {
-  ArtifactRecords records;
+ArtifactMetadata ArtifactMetadata::read(const MorlenDirectoryAccess& directory) {
+  ArtifactMetadata metadata;
   const std::string manifest =
-      readRecord(directory, manifestName, maximumManifestBytes, records.manifestFile);
-  records.manifest =
-      withFormatErrors("manifest.json invalid", [&] { return MorlenManifestCodec::decode(manifest); });
+      readRecord(directory, MorlenFormatV1::manifestPath, MorlenFormatV1::manifestMaxBytes, metadata.manifestFile);
+  metadata.manifest = withFormatErrors(std::string(MorlenFormatV1::manifestPath) + " invalid",
+                                       [&] { return MorlenManifestCodec::decode(manifest); });
 
-  const auto listed = records.manifest.files.find(layoutPath);
-  if (listed == records.manifest.files.end()) refuse(std::string("manifest missing ") + layoutPath);
-  const std::string layout = readRecord(directory, layoutPath, maximumLayoutBytes, records.layoutFile);
-  records.layout = withFormatErrors("packed_experts/layout.json invalid",
-                                    [&] { return MorlenPackedExpertsLayoutCodec::decode(layout); });
-  checkLayout(records.manifest, records.layout);
-  requireListedSize(layoutPath, records.layoutFile.size, listed->second);
-  requireListedDigest(layoutPath, records.layoutFile.sha256, listed->second);
-  return records;
+  const auto listed = metadata.manifest.files.find(MorlenFormatV1::layoutPath);
+  if (listed == metadata.manifest.files.end())
+    refuse(std::string("manifest missing ") + MorlenFormatV1::layoutPath);
+  const std::string layout =
+      readRecord(directory, MorlenFormatV1::layoutPath, MorlenFormatV1::layoutMaxBytes, metadata.layoutFile);
+  metadata.layout = withFormatErrors(std::string(MorlenFormatV1::layoutPath) + " invalid",
+                                     [&] { return MorlenPackedExpertsLayoutCodec::decode(layout); });
+  checkLayout(metadata.manifest, metadata.layout);
+  requireListedSize(MorlenFormatV1::layoutPath, metadata.layoutFile.size, listed->second);
+  requireListedDigest(MorlenFormatV1::layoutPath, metadata.layoutFile.sha256, listed->second);
+  return metadata;
 }
 
 void requireListedSize(const std::string& path, std::uint64_t size, const MorlenManifestFileV1& listed) {
