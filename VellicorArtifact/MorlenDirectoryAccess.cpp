@@ -13,6 +13,7 @@
 #include "VellicorFormat/MorlenFormatV1.h"
 #include "VellicorRepackCore/Base/BoundedScratch.h"
 #include "VellicorRepackCore/Base/Cancellation.h"
+#include "VellicorRepackCore/Base/Random.h"
 #include "VellicorRepackCore/Base/Sha256Stream.h"
 #include "VellicorRepackCore/FileSystem/DirectoryNames.h"
 #include "VellicorRepackCore/FileSystem/PageCacheTrail.h"

@@ -4,6 +4,7 @@
 
 #include "VellicorInspect/EndingSignals.h"
 #include "VellicorRepackCore/Base/Errors.h"
+#include "VellicorRepackCore/Base/Random.h"
 
 namespace vellicor {
 

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "VellicorRepackCore/Base/Errors.h"
-#include "VellicorRepackCore/FileSystem/PathText.h"
+#include "VellicorRepackCore/Base/Paths.h"
 
 namespace vellicor {
 

@@ -6,9 +6,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "VellicorRepackCore/Base/Random.h"
 #include "VellicorRepackCore/FileSystem/DirectoryNames.h"
 #include "VellicorRepackCore/FileSystem/Entry.h"
-#include "VellicorRepackCore/FileSystem/PathText.h"
 #include "VellicorRepackCore/FileSystem/Platform.h"
 #include "VellicorRepackCore/FileSystem/Posix.h"
 #include "VellicorRepackCore/FileSystem/SystemCall.h"

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "VellicorRepackCore/Remote/RemoteChunkPolicy.h"
 #include "VellicorRepackCore/Remote/RemoteDownloadSession.h"
 #include "VellicorRepackCore/Remote/RemoteUrl.h"
 
@@ -17,13 +18,13 @@ struct RemoteStreamingRepackOptions {
   /// A branch, tag or commit.
   std::string revision;
   std::string outputDir;
-  std::optional<std::string> token;
+  std::optional<std::string> token{};
   /// Refuse a source whose shard index is not known.
   bool requireKnownSource = true;
   /// Where to write the audit document, if anywhere.
-  std::optional<std::string> copyAuditPath;
+  std::optional<std::string> copyAuditPath{};
   /// Largest range request, 1 to 64 MiB.
-  std::int64_t rangeChunkBytes = 67108864;
+  std::int64_t rangeChunkBytes = RemoteChunkPolicy::defaultBytes;
   /// Tile buffer of the copy, 1 to 1048575.
   std::int64_t writeTileBytes = 524288;
   /// Free space that must remain after the install.

@@ -5,7 +5,6 @@
 #include "VellicorRepackCore/Base/Environment.h"
 #include "VellicorRepackCore/Base/Errors.h"
 #include "VellicorRepackCore/Remote/CurlTransport.h"
-#include "VellicorRepackCore/Remote/RemoteChunkPolicy.h"
 #include "VellicorRepackCore/Remote/TrustedCertificates.h"
 
 namespace vellicor {
@@ -48,18 +47,11 @@ RemoteStreamingRepackOptions SupportedModelSource::installOptions(const std::str
       .revision = revision,
       .outputDir = outputDirectory,
       .token = std::move(token),
-      .requireKnownSource = true,
-      .copyAuditPath = std::nullopt,
-      .rangeChunkBytes = RemoteChunkPolicy::defaultBytes,
-      .writeTileBytes = 524288,
       .minFreeReserveBytes = reserveBytes,
       .overwrite = overwrite,
       .resume = resume,
-      .dryRunSpaceCheck = false,
       .downloadSession = downloadSession(nonEmptyEnvironmentVariable(caFileVariable)),
       .baseURL = hubURL(),
-      .rangeRetryAttempts = 4,
-      .retryBaseDelayNs = 1'000'000'000,
   };
 }
 

@@ -9,6 +9,7 @@
 #include <fmt/ranges.h>
 
 #include "VellicorRepackCore/Base/Errors.h"
+#include "VellicorRepackCore/Base/Paths.h"
 #include "VellicorRepackCore/Planning/TensorNames.h"
 #include "VellicorRepackCore/Source/SourceFingerprint.h"
 
@@ -28,10 +29,6 @@ constexpr std::string_view weightSuffix = ".weight";
 using Registry = std::map<std::string_view, const SourceTensor*>;
 /// The routed weights of one layer, by role; nullptr where there is none.
 using RoutedBundle = std::array<const SourceTensor*, expertRoles.size()>;
-
-std::string child(const std::string& directory, std::string_view name) {
-  return fmt::format("{}{}{}", directory, directory.ends_with('/') ? "" : "/", name);
-}
 
 DType outputDtype(const SourceTensor& tensor) { return static_cast<DType>(tensor.dtype); }
 
@@ -68,13 +65,13 @@ void addRouted(const RoutedSlot& slot, const SourceTensor& tensor, Classified& c
 Classified classify(const Registry& registry, std::int64_t numLayers) {
   Classified classified;
   for (const auto& [name, tensor] : registry) {
-    if (isExcludedMultimodal(name)) {
+    if (isExcludedMultimodal(supportedModel, name)) {
       classified.excluded.emplace_back(name);
     } else if (isCompanion(name)) {
       continue;
-    } else if (!name.starts_with("language_model.")) {
+    } else if (!name.starts_with(supportedModel.namePrefix)) {
       throw RepackError(UnknownTensorPrefix{std::string(name)});
-    } else if (const auto slot = routedSlot(name, numLayers)) {
+    } else if (const auto slot = routedSlot(supportedModel, name, numLayers)) {
       addRouted(*slot, *tensor, classified);
     } else {
       classified.resident.push_back(tensor);
@@ -86,7 +83,8 @@ Classified classify(const Registry& registry, std::int64_t numLayers) {
 std::vector<const SourceTensor*> inResidentOrder(const std::vector<const SourceTensor*>& tensors) {
   std::vector<std::pair<ResidentKey, const SourceTensor*>> keyed;
   keyed.reserve(tensors.size());
-  for (const SourceTensor* tensor : tensors) keyed.emplace_back(residentKey(tensor->name), tensor);
+  for (const SourceTensor* tensor : tensors)
+    keyed.emplace_back(residentKey(supportedModel, tensor->name), tensor);
   std::sort(keyed.begin(), keyed.end());
   std::vector<const SourceTensor*> ordered;
   ordered.reserve(keyed.size());
@@ -235,13 +233,13 @@ std::vector<LayerFilePlan> planLayers(const Classified& classified, const Regist
                                       const IndexLoader::SourceMetadata& meta, const ArchInfo& arch,
                                       const std::string& outputDir) {
   checkExpertCount(arch, classified.routed.size());
-  const std::string directory = child(outputDir, MorlenFormatV1::expertsDirectory);
+  const std::string directory = joinPath(outputDir, MorlenFormatV1::expertsDirectory);
   std::vector<LayerFilePlan> layers;
   layers.reserve(static_cast<std::size_t>(arch.numLayers));
   for (std::int64_t layer = 0; layer < arch.numLayers; ++layer) {
     LayerFilePlan plan;
     plan.layerIndex = layer;
-    plan.path = child(directory, fmt::format("layer_{:02}.bin", layer));
+    plan.path = joinPath(directory, fmt::format("layer_{:02}.bin", layer));
     if (const auto bundle = classified.routed.find(layer); bundle != classified.routed.end()) {
       requireComplete(layer, bundle->second);
       plan.expertsPerLayer = arch.numExperts;
@@ -347,7 +345,7 @@ RepackPlan RepackPlanner::plan(const IndexLoader::SourceMetadata& meta, const Ar
   plan.baseMode = meta.baseMode;
   plan.baseGroupSize = meta.baseGroupSize;
   plan.bitsOverrideCount = static_cast<std::int64_t>(meta.bitsOverrides.size());
-  plan.resident = planResidentFile(child(outputDir, MorlenFormatV1::weightsPath),
+  plan.resident = planResidentFile(joinPath(outputDir, MorlenFormatV1::weightsPath),
                                    inResidentOrder(classified.resident), registry, meta);
   plan.layers = planLayers(classified, registry, meta, arch, outputDir);
   plan.matchedModelID = SourceFingerprint::modelID(meta.indexSha256Hex);

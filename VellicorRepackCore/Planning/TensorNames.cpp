@@ -7,16 +7,6 @@
 namespace vellicor {
 namespace {
 
-constexpr std::string_view embedName = "language_model.model.embed_tokens.weight";
-constexpr std::string_view finalNormName = "language_model.model.norm.weight";
-
-constexpr std::array<std::string_view, 3> excludedPrefixes = {"vision_tower.", "embed_vision.",
-                                                              "audio_tower."};
-
-/// What a name holds for each of the roles, in their order.
-constexpr std::array<std::string_view, expertRoles.size()> roleMarkers = {".gate_proj.", ".up_proj.",
-                                                                          ".down_proj."};
-
 bool contains(std::string_view text, std::string_view part) {
   return text.find(part) != std::string_view::npos;
 }
@@ -36,60 +26,45 @@ std::optional<std::int64_t> layerIndex(std::string_view name) {
 }
 
 /// The rank of a tensor among those of its layer: the first rule that matches.
-int slotRank(std::string_view name) {
-  constexpr std::array<std::string_view, 12> containsRules = {
-      ".self_attn.q_proj.weight", ".self_attn.k_proj.weight",
-      ".self_attn.v_proj.weight", ".self_attn.o_proj.weight",
-      ".self_attn.q_norm.weight", ".self_attn.k_norm.weight",
-      ".router.proj.weight",      ".router.scale",
-      ".router.per_expert_scale", ".mlp.gate_proj.weight",
-      ".mlp.up_proj.weight",      ".mlp.down_proj.weight",
-  };
-  constexpr std::array<std::string_view, 8> endsWithRules = {
-      ".input_layernorm.weight",
-      ".post_attention_layernorm.weight",
-      ".pre_feedforward_layernorm.weight",
-      ".pre_feedforward_layernorm_2.weight",
-      ".post_feedforward_layernorm.weight",
-      ".post_feedforward_layernorm_1.weight",
-      ".post_feedforward_layernorm_2.weight",
-      ".layer_scalar",
-  };
+int slotRank(const SupportedModel& model, std::string_view name) {
+  constexpr int unknown = 100;
   int rank = 0;
-  for (const auto rule : containsRules) {
-    if (contains(name, rule)) return rank;
+  for (const std::string_view marker : model.layerOrderMarkers) {
+    if (contains(name, marker)) return rank;
     ++rank;
   }
-  for (const auto rule : endsWithRules) {
-    if (name.ends_with(rule)) return rank;
+  for (const std::string_view end : model.layerOrderEnds) {
+    if (name.ends_with(end)) return rank;
     ++rank;
   }
-  return 100;
+  return unknown;
 }
 
 }  // namespace
 
-bool isExcludedMultimodal(std::string_view name) {
-  return std::any_of(excludedPrefixes.begin(), excludedPrefixes.end(),
-                     [&](std::string_view prefix) { return name.starts_with(prefix); });
+bool isExcludedMultimodal(const SupportedModel& model, std::string_view name) {
+  return std::ranges::any_of(model.excludedPrefixes,
+                             [&](std::string_view prefix) { return name.starts_with(prefix); });
 }
 
 bool isCompanion(std::string_view name) { return name.ends_with(".scales") || name.ends_with(".biases"); }
 
-std::optional<RoutedSlot> routedSlot(std::string_view name, std::int64_t numLayers) {
-  if (!contains(name, ".experts.switch_glu.")) return std::nullopt;
-  const auto marker = std::find_if(roleMarkers.begin(), roleMarkers.end(),
-                                   [&](std::string_view candidate) { return contains(name, candidate); });
-  if (marker == roleMarkers.end()) return std::nullopt;
+std::optional<RoutedSlot> routedSlot(const SupportedModel& model, std::string_view name,
+                                     std::int64_t numLayers) {
+  if (!contains(name, model.routedMarker)) return std::nullopt;
+  const auto& markers = model.projectionMarkers;
+  const auto marker =
+      std::ranges::find_if(markers, [&](std::string_view candidate) { return contains(name, candidate); });
+  if (marker == markers.end()) return std::nullopt;
   const auto layer = layerIndex(name);
   if (!layer || *layer < 0 || *layer >= numLayers) return std::nullopt;
-  return RoutedSlot{*layer, static_cast<std::size_t>(marker - roleMarkers.begin())};
+  return RoutedSlot{*layer, static_cast<std::size_t>(marker - markers.begin())};
 }
 
-ResidentKey residentKey(std::string_view name) {
-  if (name == embedName) return {0, 0, 0, name};
-  if (name == finalNormName) return {3, 0, 0, name};
-  if (const auto layer = layerIndex(name)) return {1, *layer, slotRank(name), name};
+ResidentKey residentKey(const SupportedModel& model, std::string_view name) {
+  if (name == model.embeddingName) return {0, 0, 0, name};
+  if (name == model.finalNormName) return {3, 0, 0, name};
+  if (const auto layer = layerIndex(name)) return {1, *layer, slotRank(model, name), name};
   return {2, 0, 0, name};
 }
 

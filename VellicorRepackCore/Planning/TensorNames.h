@@ -7,6 +7,8 @@
 #include <string_view>
 #include <tuple>
 
+#include "VellicorRepackCore/Source/SupportedModel.h"
+
 namespace vellicor {
 
 // What the name of a source tensor says about it. Everything here looks at names alone.
@@ -23,16 +25,17 @@ struct RoutedSlot {
 /// What resident tensors are sorted by: group, layer, slot, name. Refers to the name it was made from.
 using ResidentKey = std::tuple<int, std::int64_t, int, std::string_view>;
 
-/// Of the vision and audio parts, which no artifact holds.
-bool isExcludedMultimodal(std::string_view name);
+/// Whether the tensor belongs to the vision and audio parts, which no artifact holds.
+bool isExcludedMultimodal(const SupportedModel& model, std::string_view name);
 
-/// Scales or biases, which are found through their weight.
+/// Whether these are scales or biases, which are found through their weight.
 bool isCompanion(std::string_view name);
 
-/// Nothing for a tensor that is no routed expert's, or of a layer beyond the model's.
-std::optional<RoutedSlot> routedSlot(std::string_view name, std::int64_t numLayers);
+/// Nothing for other tensors than those of routed experts, and for a layer beyond the model's.
+std::optional<RoutedSlot> routedSlot(const SupportedModel& model, std::string_view name,
+                                     std::int64_t numLayers);
 
 /// The embedding first, then layer by layer, then the others, the final norm last.
-ResidentKey residentKey(std::string_view name);
+ResidentKey residentKey(const SupportedModel& model, std::string_view name);
 
 }  // namespace vellicor

@@ -6,12 +6,12 @@
 #include <memory>
 #include <stdexcept>
 
-#include <openssl/rand.h>
 #include <unicode/smpdtfmt.h>
 #include <unicode/timezone.h>
 
 #include "VellicorRepackCore/Base/Cancellation.h"
 #include "VellicorRepackCore/Base/Errors.h"
+#include "VellicorRepackCore/Base/Random.h"
 #include "VellicorRepackCore/Remote/RemoteHeaders.h"
 
 namespace vellicor {
@@ -29,9 +29,7 @@ constexpr std::array<const char*, 3> httpDatePatterns = {
 
 std::uint64_t secureRandomWord() {
   std::array<unsigned char, sizeof(std::uint64_t)> bytes{};
-  if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1) {
-    throw std::runtime_error("the secure random generator is unavailable");
-  }
+  fillRandom(bytes);
   std::uint64_t word = 0;
   for (const unsigned char byte : bytes) word = word << 8 | byte;
   return word;

@@ -1,11 +1,12 @@
 #include "VellicorRepackCore/Source/SourceFingerprint.h"
 
+#include "VellicorRepackCore/Source/SupportedModel.h"
+
 namespace vellicor {
 
 const std::map<std::string, std::string>& SourceFingerprint::knownFingerprints() {
   static const std::map<std::string, std::string> fingerprints = {
-      {"mlx-community/gemma-4-26b-a4b-it-4bit",
-       "bf198c9f5ea6462addca1966e5dd669c407537a876e82cf06db9084c5c850b13"},
+      {supportedModel.repoID, supportedModel.indexSHA256},
   };
   return fingerprints;
 }

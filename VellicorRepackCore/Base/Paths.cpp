@@ -1,13 +1,10 @@
-#include "VellicorRepackCore/FileSystem/PathText.h"
+#include "VellicorRepackCore/Base/Paths.h"
 
 #include <algorithm>
-#include <array>
-#include <stdexcept>
 #include <vector>
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
-#include <openssl/rand.h>
 
 #include "VellicorRepackCore/Base/Environment.h"
 
@@ -43,21 +40,6 @@ std::string parentPath(std::string_view path) {
 std::string lastPathComponent(std::string_view path) {
   const std::size_t slash = path.rfind('/');
   return std::string(slash == std::string_view::npos ? path : path.substr(slash + 1));
-}
-
-std::string randomUuid() {
-  std::array<unsigned char, 16> bytes;
-  if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1) {
-    throw std::runtime_error("the secure random source is not available");
-  }
-  bytes[6] = static_cast<unsigned char>((bytes[6] & 0x0f) | 0x40);  // version 4
-  bytes[8] = static_cast<unsigned char>((bytes[8] & 0x3f) | 0x80);  // the RFC's variant
-  std::string text;
-  for (std::size_t i = 0; i < bytes.size(); ++i) {
-    if (i == 4 || i == 6 || i == 8 || i == 10) text += '-';
-    text += fmt::format("{:02X}", bytes[i]);
-  }
-  return text;
 }
 
 }  // namespace vellicor

@@ -16,7 +16,4 @@ std::string joinPath(std::string_view base, std::string_view component);
 std::string parentPath(std::string_view path);
 std::string lastPathComponent(std::string_view path);
 
-/// A random version 4 UUID (RFC 9562) in its 36-character upper-case text form.
-std::string randomUuid();
-
 }  // namespace vellicor
