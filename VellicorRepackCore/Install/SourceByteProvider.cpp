@@ -11,7 +11,6 @@
 #include "VellicorRepackCore/Base/BoundedScratch.h"
 #include "VellicorRepackCore/Base/Cancellation.h"
 #include "VellicorRepackCore/FileSystem/Posix.h"
-#include "VellicorRepackCore/Remote/RemoteRetry.h"
 
 namespace vellicor {
 
@@ -69,26 +68,13 @@ class BatchCopier {
     throwIfCancelled(remote_.stop);
   }
 
-  RemoteRangeTransferResult download(const CoalescedRangeCopy& copy, const RemoteFileInfo& info) {
-    return withRemoteRetries(
-        remote_.retryPolicy, "downloadRangeToTempFile:" + copy.shardID.text(), &batch_.audit,
-        remote_.retryEnvironment, remote_.stop, [&] {
-          batch_.progress(downloaded_);
-          const std::uint64_t last = morlenCheckedAdd(copy.sourceOffset, copy.size, copy.id) - 1;
-          if (last >= info.size) {
-            throw RepackError(RemoteProtocolInvalid{
-                fmt::format("range {}-{} exceeds {}", copy.sourceOffset, last, copy.shardID.text())});
-          }
-          const HttpRequest request = remote_.rangeRequest(copy.shardID, copy.sourceOffset, last);
-          Posix::mkdir(remote_.tempDirectory);
-          return remote_.downloadSession->transfer(
-              request, batch_.temporaryPath,
-              {copy.shardID, copy.sourceOffset, copy.size, info.size, info.xetHash},
-              [&](std::uint64_t received) { batch_.progress(downloaded_ + received); }, remote_.stop);
-        });
+  TemporaryRangeFile download(const CoalescedRangeCopy& copy, const RemoteFileInfo& info) {
+    return remote_.downloadRangeToTempFile(
+        copy.shardID, info, copy.sourceOffset, static_cast<std::int64_t>(copy.size), batch_.temporaryPath,
+        [&](std::uint64_t received) { batch_.progress(downloaded_ + received); }, &batch_.audit);
   }
 
-  void account(const RemoteRangeTransferResult& received) {
+  void account(const TemporaryRangeFile& received) {
     RepackAudit& audit = batch_.audit;
     audit.remoteRangeRequests += 1;
     audit.remoteBytesDownloaded += received.byteCount;

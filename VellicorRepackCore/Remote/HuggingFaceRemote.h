@@ -79,10 +79,9 @@ struct HuggingFaceRemoteSource {
                                              const RemoteProgressCallback& progress,
                                              RepackAudit* audit) const;
 
+ private:
   /// The ranged GET of [offset, last] of a file at this source's revision, with every header it needs.
   HttpRequest rangeRequest(const std::string& filename, std::uint64_t offset, std::uint64_t last) const;
-
- private:
   RemoteFileInfo resolveFileInfoOnce(const std::string& filename) const;
   TemporaryRangeFile downloadRangeToTempFileOnce(const std::string& filename, const RemoteFileInfo& info,
                                                  std::uint64_t offset, std::int64_t length,
