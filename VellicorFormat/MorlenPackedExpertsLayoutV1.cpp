@@ -8,58 +8,10 @@
 #include <fmt/format.h>
 
 #include "VellicorFormat/ByteRanges.h"
-#include "VellicorFormat/CanonicalJson.h"
-#include "VellicorFormat/JsonReading.h"
-#include "VellicorFormat/LayoutReading.h"
 
 namespace vellicor {
 
 namespace {
-
-// Writing: every object's keys in ascending byte order.
-
-void writeSubTensor(CanonicalJson& json, const MorlenSubTensorV1& tensor) {
-  json.beginObject();
-  if (tensor.bits) json.member("bits", *tensor.bits);
-  json.member("dtype", tensor.dtype).member("offset", tensor.offset).key("shape").beginArray();
-  for (const std::uint32_t dimension : tensor.shape) json.value(std::uint64_t{dimension});
-  json.endArray().member("size", tensor.size).endObject();
-}
-
-void writeExpert(CanonicalJson& json, const MorlenExpertV1& expert) {
-  json.beginObject();
-  if (expert.expert) json.member("expert", *expert.expert);
-  json.member("offset", expert.offset);
-  if (expert.physicalRank) json.member("physicalRank", *expert.physicalRank);
-  json.member("size", expert.size).key("tensors").beginObject();
-  for (const auto& [name, tensor] : expert.tensors) writeSubTensor(json.key(name), tensor);
-  json.endObject().endObject();
-}
-
-void writeLayout(CanonicalJson& json, const MorlenPackedExpertsLayoutV1& layout) {
-  json.beginObject()
-      .member("expertStride", layout.expertStride)
-      .member("expertsPerLayer", layout.expertsPerLayer)
-      .key("layers")
-      .beginArray();
-  for (const MorlenLayerV1& layer : layout.layers) {
-    json.beginObject().key("experts").beginArray();
-    for (const MorlenExpertV1& expert : layer.experts) writeExpert(json, expert);
-    json.endArray().member("file", layer.file).member("layer", layer.layer).endObject();
-  }
-  json.endArray().member("numLayers", layout.numLayers).endObject();
-}
-
-/// Somewhat more than the length of the text of a layout, whose bulk is its sub-tensors.
-std::size_t estimatedBytes(const MorlenPackedExpertsLayoutV1& layout) {
-  constexpr std::size_t bytesPerTensor = 256;
-  std::size_t tensors = 1;
-  for (const MorlenLayerV1& layer : layout.layers)
-    for (const MorlenExpertV1& expert : layer.experts) tensors += expert.tensors.size() + 1;
-  return tensors * bytesPerTensor;
-}
-
-// Validating.
 
 /// The checks of one expert's sub-tensors; `id` names the expert in errors.
 void validateTensors(const MorlenExpertV1& expert, std::int64_t id, std::uint64_t expertStride) {
@@ -131,23 +83,6 @@ void validateFile(const MorlenLayerV1& layer, std::set<std::string>& keys) {
 }
 
 }  // namespace
-
-MorlenPackedExpertsLayoutV1 MorlenPackedExpertsLayoutCodec::decode(std::string_view json) {
-  MorlenPackedExpertsLayoutV1 layout =
-      asFormatRecord(MorlenFormatV1::layoutPath, [json] { return readLayout(json); });
-  MorlenV1StructuralValidator::validate(layout);
-  return layout;
-}
-
-std::string MorlenPackedExpertsLayoutCodec::encode(const MorlenPackedExpertsLayoutV1& layout) {
-  MorlenV1StructuralValidator::validate(layout);
-  return asFormatRecord(MorlenFormatV1::layoutPath, [&] {
-    CanonicalJson json(CanonicalJson::Layout::pretty, CanonicalJson::Slashes::plain);
-    json.reserve(estimatedBytes(layout));
-    writeLayout(json, layout);
-    return std::move(json).take();
-  });
-}
 
 void MorlenV1StructuralValidator::validate(const MorlenPackedExpertsLayoutV1& layout) {
   if (layout.numLayers < 1 || layout.expertsPerLayer < 1 || layout.expertStride == 0 ||

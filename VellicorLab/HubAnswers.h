@@ -10,7 +10,8 @@
 #include <utility>
 #include <vector>
 
-#include "VellicorLab/LocalHub.h"
+#include "VellicorLab/HubExchange.h"
+#include "VellicorLab/HubRepository.h"
 
 namespace vellicor {
 

@@ -17,6 +17,7 @@
 #include "VellicorFormat/MorlenPackedExpertsLayoutV1.h"
 #include "VellicorFormat/MorlenResidentIndexV1.h"
 #include "VellicorLab/TemporaryDirectory.h"
+#include "VellicorRepackCore/Base/AsciiText.h"
 #include "VellicorRepackCore/Base/Errors.h"
 #include "VellicorRepackCore/FileSystem/Posix.h"
 #include "VellicorRepackCore/Remote/RemoteHeaders.h"

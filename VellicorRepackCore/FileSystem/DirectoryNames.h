@@ -1,6 +1,6 @@
 #pragma once
 
-// Internal to this folder: reading what is in an open directory.
+// Reads the names in an open directory.
 
 #include <cerrno>
 #include <cstdint>
@@ -10,12 +10,12 @@
 #include <dirent.h>
 #include <fcntl.h>
 
-#include "VellicorRepackCore/FileSystem/Posix.h"
+#include "VellicorRepackCore/FileSystem/FileDescriptor.h"
 #include "VellicorRepackCore/FileSystem/SystemCall.h"
 
 namespace vellicor {
 
-/// Of a directory that no link stands in for.
+/// Opens a directory, and no link to one.
 inline constexpr int directoryFlags = O_RDONLY | O_NOFOLLOW | O_DIRECTORY | O_CLOEXEC;
 
 /// Calls `visit(name)` for each entry but "." and ".." until it answers false. The names are read through a

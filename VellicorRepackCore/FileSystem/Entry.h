@@ -1,12 +1,13 @@
 #pragma once
 
-// Internal to this folder: an entry as the calls that are relative to an open directory want it.
+// An entry as the calls relative to an open directory need it.
 
 #include <string>
 #include <utility>
 
+#include "VellicorRepackCore/Base/Paths.h"
+#include "VellicorRepackCore/FileSystem/FileDescriptor.h"
 #include "VellicorRepackCore/FileSystem/Platform.h"
-#include "VellicorRepackCore/FileSystem/Posix.h"
 #include "VellicorRepackCore/FileSystem/SystemCall.h"
 
 namespace vellicor {

@@ -1,19 +1,14 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
+#include <limits>
 
 #include <sys/stat.h>
 #include <sys/types.h>
 
-/// What differs between Linux and macOS, for this folder alone. Calls answer like system calls: negative with
-/// errno set on failure.
+/// The system calls that differ between Linux and macOS, for this folder alone. They return a negative number
+/// and set errno on failure. PosixLinux.cpp and PosixMacOS.cpp define them; the build takes one of the two.
 namespace vellicor::platform {
-
-struct FreeBlocks {
-  std::uint64_t count;
-  std::uint64_t size;
-};
 
 /// In nanoseconds since 1970.
 struct FileTimes {
@@ -21,7 +16,7 @@ struct FileTimes {
   std::int64_t changed;
 };
 
-/// False where the system does not tell.
+/// False where the system cannot report it.
 struct EntryTraits {
   bool isMountPoint = false;
   /// Whether a flag of the entry forbids to remove it, for the superuser too.
@@ -34,20 +29,16 @@ int openDirectoryWithoutLinks(const char* path);
 int exchangeEntries(int directoryA, const char* a, int directoryB, const char* b);
 /// Makes a file durable on the device itself.
 int syncToDevice(int fd);
-void requestUncachedReads(int fd);
-void dropPages(int fd, off_t offset, off_t length);
-/// Whether all of the range is in the page cache, as far as the system tells.
-bool arePagesCached(int fd, off_t offset, off_t length);
-/// 0 where the system does not tell.
-int usableProcessors();
-/// Starts writing, and promises nothing.
-void writeBack(int fd, off_t offset, off_t length);
 /// Whether a file's blocks are written again where they are, as far as is known of its file system.
 bool overwritesInPlace(int fd);
 FileTimes fileTimes(const struct stat& status);
-/// Of an entry of a directory, without following a link.
+/// Does not follow a link.
 EntryTraits entryTraits(int directory, const char* name);
-/// Throws `FileStatFailed`.
-FreeBlocks freeBlocks(const std::string& path);
+
+/// The product, or the largest number when it does not fit.
+inline std::uint64_t bytesOfBlocks(std::uint64_t count, std::uint64_t blockBytes) {
+  constexpr std::uint64_t most = std::numeric_limits<std::uint64_t>::max();
+  return blockBytes != 0 && count > most / blockBytes ? most : count * blockBytes;
+}
 
 }  // namespace vellicor::platform

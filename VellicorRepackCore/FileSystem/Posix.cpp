@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <limits>
 #include <memory>
-#include <thread>
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -104,10 +103,6 @@ void removeStaleTemporary(const std::string& temporary, const std::string& direc
 }
 
 }  // namespace
-
-void FileDescriptor::reset() noexcept {
-  if (fd_ >= 0) ::close(release());
-}
 
 std::string_view Posix::name(EntryKind kind) {
   switch (kind) {
@@ -303,26 +298,6 @@ void Posix::atomicWrite(std::string_view data, const std::string& path, const st
   fsyncDirectory(directory);
 }
 
-void Posix::bypassPageCache(int fd) noexcept { platform::requestUncachedReads(fd); }
-
-void Posix::dropCachedPages(int fd, std::uint64_t offset, std::uint64_t length) noexcept {
-  platform::dropPages(fd, static_cast<off_t>(offset), static_cast<off_t>(length));
-}
-
-bool Posix::isCached(int fd, std::uint64_t offset, std::uint64_t length) noexcept {
-  return platform::arePagesCached(fd, static_cast<off_t>(offset), static_cast<off_t>(length));
-}
-
-std::size_t Posix::availableProcessors() noexcept {
-  const int usable = platform::usableProcessors();
-  const unsigned count = usable > 0 ? static_cast<unsigned>(usable) : std::thread::hardware_concurrency();
-  return std::max(count, 1U);
-}
-
-void Posix::startWriteBack(int fd, std::uint64_t offset, std::uint64_t length) noexcept {
-  platform::writeBack(fd, static_cast<off_t>(offset), static_cast<off_t>(length));
-}
-
 std::uint64_t Posix::bytesInPlace(int fd, const std::string& path) {
   const struct stat status = fileStatus(fd, path);
   if (status.st_size <= 0 || status.st_blocks <= 0 || !platform::overwritesInPlace(fd)) return 0;
@@ -330,12 +305,6 @@ std::uint64_t Posix::bytesInPlace(int fd, const std::string& path) {
   const auto size = static_cast<std::uint64_t>(status.st_size);
   const auto blocks = static_cast<std::uint64_t>(status.st_blocks);
   return blocks > size / blockBytes ? size : blocks * blockBytes;
-}
-
-std::uint64_t Posix::availableBytes(const std::string& path) {
-  constexpr std::uint64_t most = std::numeric_limits<std::uint64_t>::max();
-  const platform::FreeBlocks blocks = platform::freeBlocks(path);
-  return blocks.size != 0 && blocks.count > most / blocks.size ? most : blocks.count * blocks.size;
 }
 
 }  // namespace vellicor

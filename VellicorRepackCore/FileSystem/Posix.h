@@ -10,37 +10,9 @@
 
 #include "VellicorRepackCore/Base/Errors.h"
 #include "VellicorRepackCore/Base/Paths.h"
+#include "VellicorRepackCore/FileSystem/FileDescriptor.h"
 
 namespace vellicor {
-
-/// Owns one descriptor and closes it. `close` is never retried, and its result never matters: what must be
-/// durable has been synced before.
-class FileDescriptor {
- public:
-  FileDescriptor() = default;
-  explicit FileDescriptor(int fd) : fd_(fd) {}
-  ~FileDescriptor() { reset(); }
-  FileDescriptor(FileDescriptor&& other) noexcept : fd_(other.release()) {}
-  FileDescriptor& operator=(FileDescriptor&& other) noexcept {
-    if (this != &other) {
-      reset();
-      fd_ = other.release();
-    }
-    return *this;
-  }
-
-  int get() const noexcept { return fd_; }
-  explicit operator bool() const noexcept { return fd_ >= 0; }
-  void reset() noexcept;
-  int release() noexcept {
-    const int fd = fd_;
-    fd_ = -1;
-    return fd;
-  }
-
- private:
-  int fd_ = -1;
-};
 
 /// Checked wrappers over the POSIX file calls. Every failing call becomes one `RepackError` with the path and
 /// the errno read right after the call; EINTR is retried silently; transfers run until they are complete.
@@ -133,7 +105,7 @@ struct Posix {
   static void atomicWrite(std::string_view data, const std::string& path, const std::string& directory,
                           FileMode mode, const std::function<void()>& afterRename = nullptr);
 
-  // Platform differences, one small function each.
+  // The page cache, the processors and the disk, as each system has them.
   /// Asks that reads of this descriptor leave no pages in the cache (F_NOCACHE); a no-op where there is no
   /// such request.
   static void bypassPageCache(int fd) noexcept;

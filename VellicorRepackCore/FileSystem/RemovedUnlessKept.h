@@ -5,7 +5,7 @@
 
 #include <unistd.h>
 
-#include "VellicorRepackCore/FileSystem/Posix.h"
+#include "VellicorRepackCore/FileSystem/Entry.h"
 
 namespace vellicor {
 
@@ -13,9 +13,15 @@ namespace vellicor {
 /// remove it is ignored. Replacing a directory on the way to it by a link redirects nothing.
 class RemovedUnlessKept {
  public:
-  /// Throws `fileOpenFailed` for a link on the way.
+  /// Throws `FileOpenFailed` for a link on the way.
   explicit RemovedUnlessKept(std::string path)
-      : parent_(Posix::openParent(path)), directory_(parent_.get()), path_(std::move(path)) {}
+      : parent_(Entry(path,
+                      [&path](std::int32_t code) {
+                        return RepackError(FileOpenFailed{.path = path, .errnoValue = code});
+                      })
+                    .directory),
+        directory_(parent_.get()),
+        path_(std::move(path)) {}
   /// `name` is in `directory`, a descriptor that outlives this object.
   RemovedUnlessKept(int directory, std::string name) : directory_(directory), path_(std::move(name)) {}
   ~RemovedUnlessKept() {

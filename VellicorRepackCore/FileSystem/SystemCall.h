@@ -1,6 +1,6 @@
 #pragma once
 
-// Internal to this folder: how the result of a system call becomes a value or an error.
+// Turns the result of a system call into a value or an error.
 
 #include <cerrno>
 #include <cstdint>

@@ -8,8 +8,8 @@
 #include <fmt/format.h>
 #include <openssl/x509.h>
 
+#include "VellicorRepackCore/Remote/HttpTransport.h"
 #include "VellicorRepackCore/Remote/RemoteHeaders.h"
-#include "VellicorRepackCore/Remote/RemoteRetry.h"
 
 namespace vellicor {
 
@@ -95,7 +95,7 @@ NetworkError CurlFailure::networkError(const RemoteUrl& url) const {
   const CURLcode shown = meaning();
   if (shown == CURLE_OPERATION_TIMEDOUT) return noAnswer(url, peer, idleTimeout);
   if (peer.isProxy && proxyStatus >= 300 && !isLossError(lossError)) {
-    const bool mayPass = RemoteRetryPolicy::isRetryableStatus(proxyStatus);
+    const bool mayPass = isRetryableStatus(proxyStatus);
     return urlError(mayPass ? Code::cannotConnect : Code::other, proxyRefusal, url, peer,
                     fmt::format(" with status {}", proxyStatus));
   }

@@ -11,6 +11,7 @@
 #include <curl/curl.h>
 #include <fmt/format.h>
 
+#include "VellicorRepackCore/Base/AsciiText.h"
 #include "VellicorRepackCore/Base/Environment.h"
 #include "VellicorRepackCore/Base/Errors.h"
 #include "VellicorRepackCore/Remote/RemoteHeaders.h"

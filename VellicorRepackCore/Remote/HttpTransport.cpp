@@ -2,9 +2,13 @@
 
 #include <algorithm>
 
-#include "VellicorRepackCore/Remote/RemoteHeaders.h"
+#include "VellicorRepackCore/Base/AsciiText.h"
 
 namespace vellicor {
+
+bool isRetryableStatus(std::int64_t status) {
+  return status == 408 || status == 429 || status == 500 || status == 502 || status == 503 || status == 504;
+}
 
 void HttpHeaders::set(std::string_view name, std::string_view value) {
   remove(name);

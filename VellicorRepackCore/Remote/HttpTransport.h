@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <span>
 #include <string>
@@ -14,13 +15,16 @@
 
 namespace vellicor {
 
+/// Whether a later attempt may get another answer than this status.
+bool isRetryableStatus(std::int64_t status);
+
 /// Header fields in the order they are sent or were received. Names compare case-insensitively.
 class HttpHeaders {
  public:
   /// Replaces every field of that name by one, or adds it.
   void set(std::string_view name, std::string_view value);
   void remove(std::string_view name);
-  /// Adds a field behind the others, keeping those of the same name.
+  /// Adds a field after the others, keeping those of the same name.
   void add(std::string_view name, std::string_view value);
   void clear() { fields_.clear(); }
 

@@ -7,6 +7,7 @@
 
 #include <fmt/format.h>
 
+#include "VellicorRepackCore/Base/AsciiText.h"
 #include "VellicorRepackCore/Base/Random.h"
 #include "VellicorRepackCore/FileSystem/Posix.h"
 #include "VellicorRepackCore/FileSystem/RemovedUnlessKept.h"

@@ -1,10 +1,9 @@
 #include "VellicorRepackCore/Remote/RemoteHeaders.h"
 
-#include <algorithm>
-#include <charconv>
-
 #include <unicode/uchar.h>
 #include <unicode/utf8.h>
+
+#include "VellicorRepackCore/Base/AsciiText.h"
 
 namespace vellicor {
 namespace {
@@ -45,15 +44,6 @@ std::optional<std::string> normalizedStrongETag(const std::optional<std::string>
   return tag;
 }
 
-std::optional<std::uint64_t> parseUnsignedDecimal(std::string_view text) {
-  if (text.starts_with('+')) text.remove_prefix(1);
-  std::uint64_t number = 0;
-  const char* end = text.data() + text.size();
-  const auto [stop, error] = std::from_chars(text.data(), end, number);
-  if (error != std::errc() || stop != end) return std::nullopt;
-  return number;
-}
-
 std::string_view trimmedWhitespace(std::string_view text) {
   while (const std::size_t length = leadingSpaceBytes(text)) text.remove_prefix(length);
   while (!text.empty()) {
@@ -62,13 +52,6 @@ std::string_view trimmedWhitespace(std::string_view text) {
     text = text.substr(0, last);
   }
   return text;
-}
-
-std::string asciiLowercased(std::string_view text) {
-  std::string lower(text);
-  std::transform(lower.begin(), lower.end(), lower.begin(),
-                 [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
-  return lower;
 }
 
 }  // namespace vellicor

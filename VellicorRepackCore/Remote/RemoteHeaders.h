@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -13,21 +12,14 @@ namespace vellicor {
 std::optional<std::string> remoteHeader(const HttpResponseHead& response, std::string_view name);
 
 /// The text under which a URL may appear in an error or a record: without query and fragment, "<unknown>" for
-/// none,
-/// "<redacted>" for one that cannot be taken apart.
+/// none, "<redacted>" for one that cannot be taken apart.
 std::string redactRemoteURL(const std::optional<RemoteUrl>& url);
 
 /// The comparable form of a strong entity tag (RFC 9110, section 8.8.3): unquoted and lower-case; nothing for
 /// an absent, empty or weak one.
 std::optional<std::string> normalizedStrongETag(const std::optional<std::string>& value);
 
-/// An unsigned 64-bit decimal number, a leading "+" allowed; nothing for any other text.
-std::optional<std::uint64_t> parseUnsignedDecimal(std::string_view text);
-
 /// The text without Unicode white space (line ends included) at either end.
 std::string_view trimmedWhitespace(std::string_view text);
-
-/// ASCII lower case, as header values, hosts and schemes compare.
-std::string asciiLowercased(std::string_view text);
 
 }  // namespace vellicor

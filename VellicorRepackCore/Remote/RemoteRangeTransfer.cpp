@@ -4,6 +4,7 @@
 
 #include <fmt/format.h>
 
+#include "VellicorRepackCore/Base/AsciiText.h"
 #include "VellicorRepackCore/Base/Cancellation.h"
 #include "VellicorRepackCore/Base/Errors.h"
 #include "VellicorRepackCore/FileSystem/RemovedUnlessKept.h"

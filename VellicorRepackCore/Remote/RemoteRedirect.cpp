@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "VellicorRepackCore/Base/AsciiText.h"
 #include "VellicorRepackCore/Base/Errors.h"
 #include "VellicorRepackCore/Remote/RemoteHeaders.h"
 

@@ -9,6 +9,7 @@
 #include <unicode/smpdtfmt.h>
 #include <unicode/timezone.h>
 
+#include "VellicorRepackCore/Base/AsciiText.h"
 #include "VellicorRepackCore/Base/Cancellation.h"
 #include "VellicorRepackCore/Base/Errors.h"
 #include "VellicorRepackCore/Base/Random.h"
@@ -106,10 +107,6 @@ RetryEnvironment RetryEnvironment::production() {
   return {.now = [] { return std::chrono::system_clock::now(); },
           .jitter = secureJitter,
           .sleeper = sleepNanoseconds};
-}
-
-bool RemoteRetryPolicy::isRetryableStatus(std::int64_t status) {
-  return status == 408 || status == 429 || status == 500 || status == 502 || status == 503 || status == 504;
 }
 
 bool RemoteRetryPolicy::isRetryable(const std::exception& error) {

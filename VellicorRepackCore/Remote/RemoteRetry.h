@@ -39,8 +39,6 @@ struct RemoteRetryPolicy {
   /// Time-outs, lost connections, unreachable hosts, HTTP 408, 429, 500, 502, 503, 504 and truncated bodies;
   /// nothing else.
   static bool isRetryable(const std::exception& error);
-  /// Of an HTTP answer: one that a later try may not get.
-  static bool isRetryableStatus(std::int64_t status);
 
   /// The wait before the next attempt: the back-off, or the server's Retry-After when that is longer. Throws
   /// `remoteRetryDelayExceeded`, or `remoteProtocolInvalid` for a Retry-After that cannot be read.
