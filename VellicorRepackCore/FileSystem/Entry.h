@@ -21,7 +21,7 @@ struct Entry {
             checkedCall(std::forward<MakeError>(makeError),
                         [&] { return platform::openDirectoryWithoutLinks(directoryOf(path).c_str()); })),
         name(lastPathComponent(path)) {
-    if (name.empty()) name = ".";
+    if (name.empty()) name.push_back('.');
   }
 
   static std::string directoryOf(const std::string& path) {
