@@ -58,7 +58,7 @@ constexpr nanoseconds shortestQueue = std::chrono::milliseconds(10);
 constexpr int batchPieces = 64;
 constexpr std::int64_t perSecond = 1'000'000'000;
 
-/// What the device puts before each piece: virtio's header, whose own declaration is no C++.
+/// The header that the device puts before each packet (virtio), whose own declaration is not valid C++.
 struct DeviceHeader {
   std::uint8_t flags = 0;
   /// 0 for a packet of its own.
@@ -162,7 +162,7 @@ struct Exchange {
   std::uint64_t payloadBytes = 0;
 };
 
-/// What went over the line, seen at the end where it enters.
+/// The traffic of the line, counted where it enters.
 class Account {
  public:
   void asked(Time now, const Piece& piece) {
@@ -250,7 +250,7 @@ std::string Account::json() const {
   return std::move(json).take() + "\n";
 }
 
-/// What is on its way, in the order in which it arrives.
+/// Packets under way, in the order in which they arrive.
 class PiecesUnderWay {
  public:
   explicit PiecesUnderWay(int device) : device_(device) {}

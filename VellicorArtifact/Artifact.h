@@ -11,7 +11,7 @@
 
 namespace vellicor {
 
-/// What the receipt says about where an artifact came from; nothing else of the artifact confirms it.
+/// Where an artifact came from, by its receipt alone.
 struct ArtifactReceipt {
   std::optional<std::string> sourceRepoID;
   std::optional<std::string> sourceRevision;
@@ -30,7 +30,7 @@ struct Artifact {
   std::vector<MorlenResidentIndexEntryV1> resident{};
   /// A receipt that is missing or damaged is no failure: an artifact is whole without one.
   std::optional<ArtifactReceipt> receipt{};
-  /// Why there is none.
+  /// Why the receipt is missing.
   std::string receiptProblem{};
 
   const MorlenManifestV1& manifest() const { return metadata.manifest; }

@@ -21,8 +21,8 @@ class MorlenDirectoryAccess {
   static constexpr std::size_t defaultMaxEntries = 100000;
   static constexpr std::size_t hashChunkBytes = 65536;
 
-  /// Bypassing it leaves what was cached before where the system tells so, in whole steps of
-  /// `PageCacheTrail`; all else that is read goes again.
+  /// `bypass` drops the pages that this read brought in, and keeps those that were cached before it, where the
+  /// system can report that.
   enum class PageCache { use, bypass };
 
   /// Opens the directory; a final symbolic link to a directory is followed, once.

@@ -12,7 +12,7 @@
 namespace vellicor {
 namespace {
 
-/// The letter behind the backslash for the characters that have a short escape, 0 for all others.
+/// The letter after the backslash for the characters that have a short escape, 0 for all others.
 char shortEscape(char c) {
   switch (c) {
     case '"':

@@ -14,7 +14,7 @@ namespace {
 using Json = nlohmann::json;
 
 /// Refuses, before anything is built, text whose tree would nest too deep or take memory out of proportion.
-/// Text that is no JSON may pass; the parser refuses it.
+/// Malformed text may pass; the parser refuses it.
 void checkProportions(std::string_view text) {
   std::size_t depth = 0;
   std::size_t values = 0;

@@ -20,7 +20,7 @@
 
 namespace vellicor {
 
-/// What a typed read of parsed JSON reports: which key, and what was expected of it.
+/// A member of parsed JSON is missing or has another type than expected; the text names the key.
 class JsonDecodingError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -133,8 +133,8 @@ class JsonObject {
 std::optional<std::int64_t> exactInteger(const nlohmann::json& value);
 std::optional<std::uint64_t> exactUnsigned(const nlohmann::json& value);
 
-/// What `work` returns; whatever it throws becomes a `MorlenFormatError` invalid(field, <its text>), but for
-/// want of memory, which says nothing about the record.
+/// Returns what `work` returns. An exception becomes a `MorlenFormatError` invalid(field, <its text>), except
+/// `std::bad_alloc`, which says nothing about the record.
 template <typename Work>
 auto asFormatRecord(std::string_view field, Work&& work) {
   try {

@@ -18,7 +18,7 @@ namespace {
 using Json = nlohmann::json;
 using Form = Json::value_t;
 
-/// What a value stands in. Each level lies inside the one before it.
+/// The container that a value belongs to. Each level lies inside the one before it.
 enum Level : std::size_t { outside, document, layers, layer, experts, expert, tensors, tensor, shape };
 
 struct Key {

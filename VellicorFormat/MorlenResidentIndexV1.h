@@ -19,10 +19,17 @@ namespace vellicor {
 // Header, 24 bytes: indexSize u64, residentSize u64, entryCount u64. indexSize is a multiple of 16384 and at
 // most 16 MiB. The entry table follows at once, 72 bytes an entry:
 //
-//   0  u32 name offset (absolute)   4  u16 name length (bytes)   6  u8 dtype   7  u8 zero
-//   8  u64 weights offset          16  u64 weights size          24  4 x u32 shape (unused trailing
-//   dimensions 0)
-//  40  u64 scales offset           48  u64 scales size           56  u64 biases offset   64  u64 biases size
+//    0  u32      name offset (absolute)
+//    4  u16      name length (bytes)
+//    6  u8       dtype
+//    7  u8       zero
+//    8  u64      weights offset
+//   16  u64      weights size
+//   24  4 x u32  shape (unused trailing dimensions are 0)
+//   40  u64      scales offset
+//   48  u64      scales size
+//   56  u64      biases offset
+//   64  u64      biases size
 //
 // Names are UTF-8, not terminated, anywhere between the table's end and indexSize. Payload offsets are
 // absolute; absent scales or biases have offset and size 0; no two payload ranges overlap. There is no magic

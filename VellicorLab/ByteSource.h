@@ -33,7 +33,7 @@ std::string sha256Of(const ByteSource& source);
 /// nothing if they are equal.
 std::optional<std::uint64_t> firstDifference(const ByteSource& a, const ByteSource& b);
 
-/// Text, ranges of other sources and zeros, one behind the other.
+/// Text, ranges of other sources and zeros, one after the other.
 class JoinedBytes final : public ByteSource {
  public:
   void add(std::string text);

@@ -15,7 +15,7 @@
 
 namespace vellicor {
 
-/// What the hub is, as far as its answers depend on it.
+/// The properties of the hub that its answers depend on.
 struct HubSite {
   std::shared_ptr<const HubRepository> repository;
   /// The one owner/name that exists; empty for any.

@@ -31,7 +31,7 @@ class HubRepository {
 /// The commit of the supported checkpoint.
 inline constexpr const char* supportedCommit = "0d77464eeb233a2da68ebf9d7dc4edaac7db956d";
 
-/// What a file is known by: made from anything that changes when its bytes do, so that a file of many
+/// The identity of a file: made from anything that changes when its bytes do, so that a file of many
 /// gigabytes need not be read to be named.
 struct HubFileIdentity {
   std::string contentTag;

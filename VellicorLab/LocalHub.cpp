@@ -48,7 +48,7 @@ constexpr std::size_t pieceBytes = 262144;
 constexpr std::uint32_t maximumRequestHeadBytes = 65536;
 constexpr std::chrono::milliseconds acceptRetryDelay{50};
 const std::string endlessLine = "x-endless: " + std::string(1000, 'x');
-// Of application data under TLS 1.2 or later, as its header says; no key makes sense of the rest.
+// A record of application data under TLS 1.2 or later by its header; the rest decrypts to nothing.
 const std::string corruptRecord = std::string("\x17\x03\x03\x00\x40", 5) + std::string(64, 'x');
 
 struct Connection {
@@ -143,7 +143,7 @@ std::string headText(const HubAnswer& answer, const HubFault& fault) {
   return text;
 }
 
-// Bytes of the body as sent: zeros behind its own end, one bit of it flipped.
+// Bytes of the body as sent: zeros after its own end, one bit of it flipped.
 void fillPiece(const HubBody& body, const HubFault& fault, std::uint64_t offset, std::span<std::byte> piece) {
   const std::uint64_t left = offset < body.size ? body.size - offset : 0;
   const std::size_t own = static_cast<std::size_t>(std::min<std::uint64_t>(left, piece.size()));

@@ -66,7 +66,7 @@ JoinedBytes textFile(std::string text) {
   return file;
 }
 
-/// JSON with sorted keys, one member or element per line, and " : " behind a key.
+/// JSON with sorted keys, one member or element per line, and " : " after a key.
 std::string pretty(const json& value, const std::string& indent = "") {
   if (value.is_number_float()) return fmt::format("{}", value.get<double>());
   if (!value.is_structured()) return value.dump();
@@ -89,7 +89,7 @@ bool isResident(const std::string& name) {
          name.find(".experts.switch_glu.") == std::string::npos;
 }
 
-/// What resident tensors are sorted by: the embedding, then the layers, what belongs to none, the last norm.
+/// The sort key of resident tensors: the embedding, then the layers, then the others, the final norm last.
 std::tuple<int, std::int64_t, std::ptrdiff_t, std::string> residentKey(const std::string& name) {
   if (name == "language_model.model.embed_tokens.weight") return {0, 0, 0, name};
   if (name == "language_model.model.norm.weight") return {3, 0, 0, name};
@@ -182,7 +182,7 @@ class Prediction {
     return file;
   }
 
-  /// Writes an entry behind its name and appends the tensor's bytes.
+  /// Writes an entry after its name and appends the tensor's bytes.
   void addResident(const std::string& name, std::uint64_t indexSize, std::string& entries,
                    JoinedBytes& payload) const {
     const std::vector<const StoredTensor*> parts = partsOf(name);
@@ -199,7 +199,7 @@ class Prediction {
     }
   }
 
-  /// What every expert's blob of a layer holds, and the blobs.
+  /// The contents of every expert's blob of a layer, and the blobs.
   struct Layer {
     json parts = json::object();
     std::vector<JoinedBytes> blobs;
@@ -256,7 +256,7 @@ class Prediction {
   }
 
   json quant() const {
-    // Of several layers the last one counts.
+    // The last layer counts.
     const std::string layer = fmt::format("language_model.model.layers.{}.", layers_ - 1);
     return {{"embedding", quantSlot("language_model.model.embed_tokens")},
             {"attention", quantSlot(layer + "self_attn.q_proj")},

@@ -26,7 +26,7 @@ class PredictedArtifact {
   /// Path and content, of an artifact that fits in memory.
   std::map<std::string, std::string> contents() const;
 
-  /// What tells a directory from this artifact, one line for each entry that is missing, unexpected or
+  /// The differences between a directory and this artifact, one line for each entry that is missing, unexpected or
   /// different; empty if the directory is the artifact. Reads every byte and follows no link inside. Throws
   /// what opening and reading throw.
   std::vector<std::string> differences(const std::string& directory) const;

@@ -53,7 +53,7 @@ class SyntheticCheckpoint final : public HubRepository {
     /// Every how many layers a layer has full attention; 0 for never.
     std::int64_t fullAttentionEvery = 2;
   };
-  /// Throws `std::invalid_argument` for a shape that is none.
+  /// Throws `std::invalid_argument` for an impossible shape.
   static std::shared_ptr<SyntheticCheckpoint> custom(const Shape& shape, std::uint64_t seed);
 
   std::string commit() const override { return commit_; }

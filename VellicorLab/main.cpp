@@ -170,7 +170,7 @@ void writeFile(const HubFile& file, const std::string& path) {
   }
 }
 
-/// What a server must say of a file besides its bytes.
+/// The headers that a server must send with a file.
 std::string identityLine(const SyntheticCheckpoint& checkpoint, const std::string& name) {
   const auto file = checkpoint.file(name);
   const std::string xetHash = file->xetHash().value_or("");

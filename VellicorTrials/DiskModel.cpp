@@ -99,7 +99,7 @@ void DiskModel::change(NodeID node, Change change) {
 
 bool DiskModel::apply(const FileCall& call) {
   if (call.result != "ok") return false;
-  // A file without a name leaves nothing behind.
+  // A file without a name leaves no trace.
   const std::optional<Place> place = find(call.path);
   if (!place) return false;
   if (call.name == "open") return applyOpen(call, *place);

@@ -28,7 +28,7 @@ struct Point {
   bool isFailure() const { return !endsProcess() && action != "short"; }
 };
 
-/// What the installer says when this call fails with this code.
+/// The installer's message when this call fails with this code.
 std::string textOf(const FileCall& call, std::int32_t code) {
   const auto length = static_cast<std::int64_t>(call.length);
   const std::string& name = call.name;

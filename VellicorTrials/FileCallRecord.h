@@ -10,7 +10,7 @@
 namespace vellicor {
 
 /// One file call of a program under trial. In the record each is a line of fields with tabs between them, in
-/// the order of these members, and behind the line the bytes that were written, where they are kept.
+/// the order of these members, and after the line the bytes that were written, where they are kept.
 struct FileCall {
   /// From 1, in the order of the calls; 0 marks what is no call.
   std::uint64_t number = 0;
@@ -23,15 +23,15 @@ struct FileCall {
   std::string path{};
   /// The second path of a rename or an exchange.
   std::string otherPath{};
-  /// Of a transfer; the new size of a truncation.
+  /// The length of a transfer, or the new size of a truncation.
   std::int64_t offset = 0;
   std::uint64_t length = 0;
-  /// Of an open.
+  /// The flags of an open.
   int flags = 0;
   std::string data{};
 };
 
-/// What the preloaded library is told to do.
+/// The instructions for the preloaded library.
 struct FileCallPlan {
   enum class Processors { one, all };
 

@@ -1,11 +1,10 @@
 // Preloaded into a program under trial (LD_PRELOAD): numbers its calls on entries below one directory, writes
-// them to a record, and ends the process at one of them or has it fail. Steered by the environment:
+// them to a record, and ends the process at one of them or lets it fail. Controlled by the environment:
 //   VELLICOR_CALLS_ROOT    the directory; calls on anything else are not counted
 //   VELLICOR_CALLS_RECORD  the file that the record is appended to
 //   VELLICOR_CALLS_POINT   the number of the call to act at, from 1
-//   VELLICOR_CALLS_ACTION  "die" before it, "stop" before it until somebody has the process go on, "tear"
-//   (write
-//                          half, then die), "short" (transfer half), or an errno
+//   VELLICOR_CALLS_ACTION  "die" before it, "stop" before it until somebody continues the process,
+//                          "tear" (write half, then die), "short" (transfer half), or an errno
 //   VELLICOR_CALLS_DATA    when set, the record holds the bytes that were written
 // FileCallRecord.h reads the record and describes its lines.
 
@@ -157,7 +156,7 @@ int openAtThrough(const char* symbol, int directory, const char* path, int flags
 }  // namespace
 
 // An optional argument is passed where a fixed one would be, so the functions below name it.
-// Each function stands for the C library's of the name behind it; that name, not a declaration from a header,
+// Each function replaces the C library's function of the name after it; that name, not a declaration from a header,
 // binds the program's calls to it.
 #define STANDS_FOR(symbol) __asm__(symbol)
 

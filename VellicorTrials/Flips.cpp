@@ -49,7 +49,7 @@ void becomeOther(const std::string& path) {
   fs::rename(other, path);
 }
 
-/// What becomes of a file between its last digest and the promotion.
+/// What happens to a file between its last digest and the promotion.
 struct Swap {
   const char* name;
   const char* file;

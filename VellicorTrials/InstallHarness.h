@@ -73,7 +73,7 @@ class InstallHarness {
   std::function<void(LocalHub::Options&)> configure_;
 };
 
-/// Whether a request fetches payload on its last hop: a ranged GET of a shard behind its header.
+/// Whether a request fetches payload on its last hop: a ranged GET of a shard after its header.
 bool isPayload(const SyntheticCheckpoint& checkpoint, const HubRequest& request);
 
 }  // namespace vellicor

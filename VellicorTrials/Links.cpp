@@ -280,7 +280,7 @@ class PlantBench {
  private:
   ProcessResult verify() const {
     return runProcess({programPath("VellicorRepack"), "--verify-install", "--input-morlen", harness_.output},
-                      // What hangs is ended.
+                      // A hanging process is ended.
                       {.beforeStart = [] { ::alarm(60); }});
   }
 

@@ -37,7 +37,7 @@ struct CutState {
   const char* loss;
 };
 
-/// What was reported as done survives the loss of all that was not synced.
+/// Anything reported as done survives the loss of all that was not synced.
 void judgeReportedSuccess(ScenarioBench& bench, const DiskModel& disk, std::mt19937_64& random,
                           TrialReport& report) {
   bench.clear();

@@ -28,13 +28,13 @@ using Command = std::vector<std::string>;
 /// In the new artifact of an exchange, and not in the old one.
 constexpr const char* differingFile = "special_tokens_map.json";
 
-/// What a process may say that another one is ahead of.
+/// Messages that a process may print when another one was faster.
 constexpr std::array<std::string_view, 6> refusals = {
     "another installer holds ", "output directory already exists: ",
     "saved download exists",    "no resumable install state exists for ",
     "must exist together",      "lock path was replaced during acquisition"};
 
-/// What a verification may say whose artifact is exchanged and removed under it.
+/// Messages of a verification whose artifact is exchanged and removed meanwhile.
 constexpr std::array<std::string_view, 3> verifyFailures = {"fstat(", "open(", "rename("};
 
 /// The first of the phrases that the text holds; empty if it holds none.
@@ -45,7 +45,7 @@ std::string_view saidOf(std::span<const std::string_view> phrases, const std::st
   return "";
 }
 
-/// What becomes of the lock file of a running install, and what else wants its partial directory.
+/// What happens to the lock file of a running install, and who else wants its partial directory.
 enum class Lock { removed, replaced };
 enum class Second { resume, discard };
 
@@ -138,7 +138,7 @@ class RaceTrack {
     if (error == "no error") throw std::runtime_error("the install was not interrupted");
   }
 
-  /// Starts every command at one instant, or a few moments behind it: one of them does what it came for.
+  /// Starts every command at one instant, or a few moments after it: one of them does what it came for.
   void race(const std::string& what, const std::vector<Command>& commands) {
     // Any moment is as good: what is wanted is that they meet.
     std::uniform_int_distribution<useconds_t> delays(0, random_() % 2 == 0 ? 1 : 60000);

@@ -70,7 +70,7 @@ void readReport(const std::string& path, TrialReport& report) {
   }
 }
 
-/// What it throws would take the child into its parent's work, hence noexcept.
+/// An exception would lead the child into its parent's code, hence noexcept.
 int runChild(const std::function<void(TrialReport&)>& work, const std::string& path) noexcept {
   if (!enterOwnMounts()) return notPermitted;
   TrialReport report;

@@ -18,7 +18,7 @@ struct TrialOptions {
   std::uint64_t seed = 1;
 };
 
-/// What a trial counted and what went against the promise. Safe from any thread.
+/// The counts of a trial and the broken promises. Safe from any thread.
 class TrialReport {
  public:
   void count(const std::string& figure, std::uint64_t number = 1);

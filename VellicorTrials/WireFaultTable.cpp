@@ -65,12 +65,12 @@ Rule byKind(const WireExpectation& metadataOnTheWay, const WireExpectation& meta
   };
 }
 
-/// What meets a body: metadata has none.
+/// Faults of a body; metadata answers have none.
 Rule inBodies(const WireExpectation& onTheWay, const WireExpectation& bytes) {
   return byKind(leftOut, leftOut, onTheWay, bytes);
 }
 
-/// What only the last answer with bytes is judged by.
+/// Faults that only the last answer, the one with bytes, can show.
 Rule inBytes(const WireExpectation& bytes) { return byKind(harmless, harmless, harmless, bytes); }
 
 /// A redirect that metadata does not follow: it is the answer then, and lacks what metadata needs.

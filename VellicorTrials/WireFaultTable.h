@@ -38,7 +38,7 @@ struct WirePlace {
 
 std::string firstPieceOf(const HubRequest& request);
 
-/// What must become of an attempt that meets a fault.
+/// How an attempt that meets a fault must end.
 enum class WireOutcome { triedAgain, refused, harmless, undetected, leftOut };
 
 struct WireExpectation {
@@ -54,10 +54,10 @@ struct WireExpectation {
   int moreRequests = 0;
 };
 
-/// What a fault may point to.
+/// Places that a fault may point to.
 struct WireSite {
   std::uint16_t port = 0;
-  /// Of the loopback, with nobody behind it.
+  /// A port of the loopback where nobody listens.
   std::uint16_t closedPort = 0;
 };
 
@@ -76,7 +76,7 @@ struct WireFault {
   bool mayBeMetLater = false;
   /// Meets one request only, however many an attempt makes.
   bool isOnce = false;
-  /// What the server asks to be left alone before each retry.
+  /// The wait that the server asks for before each retry.
   std::chrono::seconds pause{0};
 };
 

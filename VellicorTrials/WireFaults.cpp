@@ -115,7 +115,7 @@ struct Cell {
     const bool isKept = attempt == 1 ? !place->isFirst : isOpenedByAttempt || place->isMetadata();
     return isKept ? 1 : 0;
   }
-  /// Attempts that end in an error and have another behind them.
+  /// Attempts that end in an error and are followed by another.
   int retries() const { return isTriedAgain() ? std::min(attempt, attempts - 1) : attempt - 1; }
 
   /// Of the operation at the place, on all its hops.
@@ -423,12 +423,12 @@ std::vector<Cell> chosenCells(const std::vector<WireFault>& faults, const std::v
   report.count("faults", faults.size());
   report.count("places", places.size());
   if (met.size() != places.size()) report.fail("not every place meets a fault");
-  // What takes long goes first, so that nobody waits for it at the end.
+  // Long tasks go first, so that nobody waits for them at the end.
   std::stable_partition(cells.begin(), cells.end(), [](const Cell& cell) { return cell.fault->isSlow; });
   return cells;
 }
 
-/// What has no end must not fill the memory.
+/// An endless answer must not fill the memory.
 void tryEndless(const std::vector<Cell>& cells, TrialReport& report) {
   Bench bench(report);
   bench.tryCancelling(bench.places().front(), Waiting::forHead);

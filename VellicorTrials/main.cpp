@@ -45,7 +45,9 @@ void useMemoryForScratch() {
 }
 
 int runTrials(int argumentCount, char** arguments) {
-  CLI::App app("Breaks installs in every way there is and looks whether the promise holds", "VellicorTrials");
+  CLI::App app(
+      "Injects faults into installs and checks that at any moment the output is absent, resumable or right",
+      "VellicorTrials");
   TrialOptions options;
   std::vector<std::string> names;
   app.add_flag("--full", options.full, "All of it, minutes instead of seconds");

@@ -18,7 +18,7 @@ namespace fs = std::filesystem;
 using namespace ::testing;
 using namespace testing;
 
-/// What stands beside the output, by name.
+/// The entries beside the output, by name.
 std::vector<std::string> namesBeside(const InstallHarness& harness) {
   std::vector<std::string> names;
   for (const auto& entry : fs::directory_iterator(harness.directory.path())) {

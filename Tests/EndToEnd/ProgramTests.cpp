@@ -177,7 +177,7 @@ TEST(Program, SaysPlainlyWhatIsWrongWithTheWay) {
       {"a certificate that is not trusted",
        {{"HF_ENDPOINT", source.hub->baseURL()}},
        "install failed: the certificate of localhost:" + port + " is not trusted: "},
-      {"a CA file that is none",
+      {"a CA file without certificates",
        {{"HF_ENDPOINT", source.hub->baseURL()}, {"SSL_CERT_FILE", directory / "not-a-ca.pem"}},
        "install failed: "},
       {"a token no header can carry",

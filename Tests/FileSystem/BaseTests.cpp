@@ -23,7 +23,7 @@ namespace {
 
 using namespace testing;
 
-/// What neither another test nor the manual page compares to the letter.
+/// Texts that neither another test nor the manual page compares to the letter.
 TEST(RepackError, TextsOfTheRarerErrors) {
   using E = RepackError;
   const std::vector<std::pair<E, std::string>> rows = {

@@ -98,7 +98,7 @@ TEST(JsonReading, HostileTextsEndAsTheCodecsOwnError) {
       {"millions of values", "[" + std::string(1500001, ',') + "]"},
       {"no object", "[]"},
       {"cut short", manifest.substr(0, manifest.size() / 2)},
-      {"something behind", manifest + "x"},
+      {"something after it", manifest + "x"},
       {"ill-formed UTF-8", replaced(manifest, "maker", "mak\xFF")},
       {"number beyond doubles", replaced(manifest, ": 2816", ": 1e999")},
   };

@@ -20,7 +20,7 @@ MorlenPackedExpertsLayoutV1 sampleLayout();
 /// The exact text of Tests/Format/data/<name>, without the line feed at its end.
 std::string goldenText(std::string_view name);
 
-/// `text` with its first `from` replaced; a test failure when there is none.
+/// `text` with its first `from` replaced; a test failure when it is missing.
 std::string replaced(std::string text, std::string_view from, std::string_view to);
 
 /// Applies every row of Tests/Format/data/<rowsName> to the JSON document `text` and expects `decode` to end

@@ -119,7 +119,7 @@ std::vector<Pattern> patternsForAll() {
   };
 }
 
-/// What makes the valid file of a target's corpus large: elements behind a place in it.
+/// Makes the valid file of a target's corpus large: elements after a place in it.
 struct Growth {
   std::string target;
   std::string place;
@@ -155,7 +155,7 @@ std::vector<Growth> growths() {
   };
 }
 
-/// An index region of the largest size, filled with entries of a name that begins `step` bytes behind the
+/// An index region of the largest size, filled with entries of a name that begins `step` bytes after the
 /// name before it.
 std::string region(std::uint64_t entryCount, std::size_t nameBytes, std::size_t step) {
   using Codec = MorlenResidentIndexCodec;

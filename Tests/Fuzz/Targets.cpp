@@ -35,7 +35,7 @@ void require(bool holds, const char* text) {
 
 std::string_view textOf(Bytes bytes) { return {reinterpret_cast<const char*>(bytes.data()), bytes.size()}; }
 
-/// What `decode` returns, or nothing when it refuses with one of the documented exceptions.
+/// The result of `decode`, or nothing when it refuses with one of the documented exceptions.
 template <typename... Documented, typename Decode>
 auto unlessRefused(Decode&& decode) -> std::optional<decltype(decode())> {
   try {

@@ -14,7 +14,7 @@ std::string prefixed(std::uint64_t length, const std::string& rest) {
   return shard + rest;
 }
 
-/// A shard of one tensor, 64 bytes behind a header.
+/// A shard of one tensor, 64 bytes after a header.
 std::string shard(const std::string& tensor) {
   const std::string header = "{\"" + tensor + R"(":{"dtype":"BF16","shape":[32],"data_offsets":[0,64]}})";
   return prefixed(header.size(), header + std::string(64, 'x'));

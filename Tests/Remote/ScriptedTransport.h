@@ -19,7 +19,7 @@ namespace vellicor::testing {
 
 using Headers = std::vector<std::pair<std::string, std::string>>;
 
-/// One hop's answer; status 0 delivers the body without any response, `failure` is thrown behind the body.
+/// One hop's answer; status 0 delivers the body without any response, `failure` is thrown after the body.
 struct Answer {
   int status = 206;
   Headers headers;

@@ -14,7 +14,7 @@
 namespace vellicor::testing {
 
 /// A model of two layers with four experts, small enough to reckon with by hand, for tests to bend in one
-/// place. All tensors lie one behind the other in one shard, behind 1000 bytes of header.
+/// place. All tensors lie one after the other in one shard, after 1000 bytes of header.
 struct TinyModel {
   using Dtype = SourceTensor::Dtype;
 

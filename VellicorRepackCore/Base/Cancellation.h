@@ -7,7 +7,7 @@
 
 namespace vellicor {
 
-/// What a source shares with its tokens and callbacks.
+/// The state that a source shares with its tokens and callbacks.
 struct CancellationState;
 
 /// Asks whether its source was cancelled. Cheap to copy, safe from any thread, and valid after its source is

@@ -331,7 +331,7 @@ class CancellationError : public std::exception {
   const char* what() const noexcept override { return "cancelled"; }
 };
 
-/// What the HTTP client itself reports, apart from any answer of a server. `what()` is one sentence for a
+/// A failure of the HTTP client itself, apart from any answer of a server. `what()` is one sentence for a
 /// person; it names what failed and the redacted URL.
 class NetworkError : public std::exception {
  public:

@@ -107,7 +107,7 @@ namespace {
 /// Addresses in a routing message are padded to multiples of this; one without length takes as much.
 constexpr std::size_t addressAlignment = sizeof(std::uint32_t);
 
-/// What the message says of one address. The lengths are those that the kernel wrote: the bytes of a netmask
+/// Reads one address of the message. The lengths are those that the kernel wrote: the bytes of a netmask
 /// end with the last that is not zero.
 std::string_view takeAddress(std::string_view& addresses) {
   const std::size_t length = addresses.empty() ? 0 : static_cast<unsigned char>(addresses[0]);

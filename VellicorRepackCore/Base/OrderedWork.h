@@ -13,7 +13,7 @@
 
 namespace vellicor {
 
-/// What the operation throws, to be thrown again elsewhere; nothing when it succeeds.
+/// The exception that the operation throws, to be thrown again elsewhere; nothing when it succeeds.
 template <typename Operation>
 std::exception_ptr failureOf(Operation&& operation) {
   try {

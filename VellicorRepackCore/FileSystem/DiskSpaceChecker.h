@@ -5,7 +5,7 @@
 
 namespace vellicor {
 
-/// What an install needs of a file system, beside what it has.
+/// The space that an install needs on a file system, and the space that is free.
 struct DiskSpaceRequirement {
   /// The directory whose file system was measured.
   std::string path;

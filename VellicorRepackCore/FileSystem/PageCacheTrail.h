@@ -4,15 +4,15 @@
 
 namespace vellicor {
 
-/// Clears the page cache behind a reader that goes through a file once, so that a pass over an artifact does
-/// not push out what others have there. Steps are large enough to cost next to nothing, and for the cache to
-/// let go of them. Holds no descriptor of its own.
+/// Drops the cached pages of a file while it is read once from start to end, so that reading an artifact does
+/// not push other programs' pages out of the cache. Works in steps: small ones cost time, and the kernel may
+/// keep pages that a step covers only in part. Does not own the descriptor.
 class PageCacheTrail {
  public:
   static constexpr std::uint64_t stepBytes = 8388608;
 
-  /// Which steps go: the reader's own, which were not wholly cached before it came as far as the system tells
-  /// (of another user's file it does not), or all.
+  /// Which pages to drop: only those that were not cached before this pass (unknown for the files of other
+  /// users), or all.
   enum class Drops { ownPages, allPages };
 
   /// To be made before anything is read through the descriptor, which from then on bypasses the cache where

@@ -60,7 +60,7 @@ void requireRange(std::string_view operation, const std::string& path, std::int6
   }
 }
 
-/// Transfers `count` bytes; `transfer(done, n)` moves at most `n` bytes behind the first `done`, and
+/// Transfers `count` bytes; `transfer(done, n)` moves at most `n` bytes after the first `done`, and
 /// `ShortTransfer` is thrown when it fails or makes no progress.
 template <typename ShortTransfer, typename Transfer>
 void transferAll(const std::string& path, std::int64_t count, Transfer&& transfer) {

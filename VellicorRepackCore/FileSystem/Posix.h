@@ -37,7 +37,7 @@ struct Posix {
   static FileDescriptor openExistingRW(const std::string& path);
   /// Mode 0644; truncates an existing file and follows symbolic links.
   static FileDescriptor openCreateRW(const std::string& path);
-  /// Of a file of the artifact: `FileMode::shared`; truncates an existing file and follows no link.
+  /// For files of the artifact: mode `FileMode::shared`; truncates an existing file and follows no link.
   static FileDescriptor openCreateRWNoFollow(const std::string& path);
   /// Write-only, the file must not exist, never through a link, closed on exec.
   static FileDescriptor openCreateExclusive(const std::string& path, FileMode mode);
@@ -109,8 +109,8 @@ struct Posix {
   /// Asks that reads of this descriptor leave no pages in the cache (F_NOCACHE); a no-op where there is no
   /// such request.
   static void bypassPageCache(int fd) noexcept;
-  /// Where `bypassPageCache` is a no-op: drops the cached pages of [offset, offset + length) behind a reader.
-  /// A piece of the cache that lies only partly in the range stays, so ranges should be of some MiB.
+  /// Where `bypassPageCache` is a no-op: drops the cached pages of [offset, offset + length).
+  /// The kernel may keep pages at the ends of the range, so ranges should have some MiB.
   static void dropCachedPages(int fd, std::uint64_t offset, std::uint64_t length) noexcept;
   /// Whether the range, as far as the file goes, is in the page cache, judged by a sample of its pages;
   /// `offset` is a multiple of the page size. False where the system does not tell.

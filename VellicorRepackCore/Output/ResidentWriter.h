@@ -24,7 +24,7 @@ struct ResidentWriter {
   /// Encodes the index and writes it at offset 0 of `fd`, the file at `plan.path`.
   static void writeIndex(const ResidentFilePlan& plan, int fd, RepackAudit& audit);
 
-  /// Creates the resident file at its full size, sparse behind the index; the caller owns the open
+  /// Creates the resident file at its full size, sparse after the index; the caller owns the open
   /// descriptor. A failed index write leaves the file behind.
   static FileDescriptor createAndWriteIndex(const ResidentFilePlan& plan, RepackAudit& audit);
 };

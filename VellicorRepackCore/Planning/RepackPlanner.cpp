@@ -27,7 +27,7 @@ constexpr std::uint64_t maximumU32 = std::numeric_limits<std::uint32_t>::max();
 constexpr std::string_view weightSuffix = ".weight";
 
 using Registry = std::map<std::string_view, const SourceTensor*>;
-/// The routed weights of one layer, by role; nullptr where there is none.
+/// The routed weights of one layer, by role; nullptr for a missing one.
 using RoutedBundle = std::array<const SourceTensor*, expertRoles.size()>;
 
 DType outputDtype(const SourceTensor& tensor) { return static_cast<DType>(tensor.dtype); }
@@ -154,7 +154,7 @@ std::uint64_t blobBytes(const LayerFilePlan& plan) {
   return morlenCheckedAdd(last.offsetInExpertBlob, last.sizeInExpertBlob, "expert blob");
 }
 
-/// Appends one component of one projection behind what the blob already holds.
+/// Appends one component of one projection to the blob.
 void appendSlice(LayerFilePlan& plan, std::string_view role, std::string_view component,
                  const SourceTensor& stacked, std::vector<std::uint64_t> logicalShape,
                  std::optional<std::int64_t> bits) {

@@ -11,7 +11,7 @@
 
 namespace vellicor {
 
-// What the name of a source tensor says about it. Everything here looks at names alone.
+// Classifies source tensors by their names alone.
 
 /// The projections of a routed expert, in blob order.
 inline constexpr std::array<std::string_view, 3> expertRoles = {"gate", "up", "down"};
@@ -22,7 +22,7 @@ struct RoutedSlot {
   std::size_t role;
 };
 
-/// What resident tensors are sorted by: group, layer, slot, name. Refers to the name it was made from.
+/// The sort key of resident tensors: group, layer, slot, name. Refers to the name it was made from.
 using ResidentKey = std::tuple<int, std::int64_t, int, std::string_view>;
 
 /// Whether the tensor belongs to the vision and audio parts, which no artifact holds.

@@ -55,7 +55,7 @@ bool isOutOfResources(int error) {
   return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
 
-// What a connection that was there can end with; attempts to connect leave others.
+// The errors with which an open connection can end; failed attempts to connect have others.
 bool isLossError(int error) {
   constexpr std::array errors = {ECONNRESET, ECONNABORTED, ETIMEDOUT, EHOSTUNREACH, ENETUNREACH, ENETDOWN};
   return std::ranges::find(errors, error) != errors.end();

@@ -77,14 +77,14 @@ bool hasReached(CURL* easy, CURLINFO event) {
   return curl_easy_getinfo(easy, event, &microseconds) == CURLE_OK && microseconds > 0;
 }
 
-// What a transport's hops share.
+// Shared by all hops of a transport.
 struct HopSettings {
   std::optional<std::string> caFile{};
   std::size_t maximumHeaderBytes = 0;
   unsigned long proxyAuthentication = CURLAUTH_ANY;
 };
 
-// One attempt at one hop: what libcurl's callbacks, which must not throw, need and leave behind.
+// One attempt at one hop: the state of libcurl's callbacks, which must not throw.
 class Hop {
  public:
   /// The watch outlives the hop's connection.
@@ -141,12 +141,13 @@ class Hop {
   CURL* easy_ = nullptr;
   List headers_;
   int socketError_ = 0;
-  // What libcurl keeps as errno from before the newest handshake or proxy's head, as of attempts to connect.
+  // The errno that libcurl kept from before the newest handshake or proxy's head, from attempts to connect
+  // for example.
   long earlierError_ = 0;
-  // Of the newest connection: what speaks on it is the server, no more the proxy.
+  // Whether the server, and no longer the proxy, answers on the newest connection.
   bool isAtServer_ = false;
   int proxyStatus_ = 0;
-  // Of a proxy's answer, since its last line of a head.
+  // Bytes of a proxy's answer since the last line of its head.
   std::size_t readsSinceLine_ = 0;
   Clock::time_point lastSign_ = Clock::now();
   std::size_t headerBytes_ = 0;

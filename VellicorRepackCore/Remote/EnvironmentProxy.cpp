@@ -42,7 +42,7 @@ std::string part(CURLU* url, CURLUPart which) {
   return text;
 }
 
-// Nothing for a text that is no URL of a proxy. One without a scheme is an HTTP proxy's.
+// Nothing for a text that cannot name a proxy. Without a scheme it names an HTTP proxy.
 std::optional<EnvironmentProxy> parsedProxy(const std::string& text) {
   const std::unique_ptr<CURLU, FreeUrl> url(curl_url());
   if (!url) throw std::bad_alloc();

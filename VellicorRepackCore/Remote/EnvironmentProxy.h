@@ -13,7 +13,7 @@ namespace vellicor {
 /// The choice is made here and handed to libcurl, so that messages name the proxy that is used, whatever
 /// libcurl's version.
 struct EnvironmentProxy {
-  /// What libcurl is given; it may hold a user and a password and is never shown.
+  /// The text for libcurl; it may hold a user and a password and is never shown.
   std::string url;
   /// "host:port", for messages.
   std::string authority;

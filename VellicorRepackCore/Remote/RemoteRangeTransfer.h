@@ -13,7 +13,7 @@
 
 namespace vellicor {
 
-/// What the answer to one range request must match.
+/// The answer to one range request must match this.
 struct RemoteRangeExpectation {
   /// Repository-relative, for messages.
   std::string filename;

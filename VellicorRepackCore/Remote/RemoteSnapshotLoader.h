@@ -17,7 +17,7 @@ struct RemoteSnapshot {
   ArchInfo arch;
   /// One per shard, in the order of `metadata.shardFilenames`.
   std::vector<Safetensors::Header> shardHeaders;
-  /// Of the index, config.json and every shard, by file name.
+  /// The index, config.json and every shard, by file name.
   std::map<std::string, RemoteFileInfo> remoteFiles;
   std::string resolvedCommit;
   /// Holds the downloaded index and configuration.

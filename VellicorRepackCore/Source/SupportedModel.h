@@ -22,7 +22,7 @@ struct SupportedModel {
   /// A slot of the manifest's bit widths, and the tensor whose width fills it.
   struct BitWidthSlot {
     const char* slot;
-    /// What the tensor's name ends with; nothing for the slot of the routed experts.
+    /// The end of the tensor's name; empty for the slot of the routed experts.
     std::string_view nameEnd;
     std::int64_t defaultBits;
   };

@@ -65,8 +65,8 @@ bool isIn(std::string_view entry, std::string_view directory) {
   return entry.starts_with(directory) && (entry.size() == directory.size() || entry[directory.size()] == '/');
 }
 
-/// What the directory holds beyond the artifact's files, the directories that hold them, and what a desktop
-/// or a tokenizer adds.
+/// Entries other than the artifact's files, the directories that hold them, and those that a desktop or a
+/// tokenizer adds.
 std::vector<std::string> unexpectedEntries(const MorlenDirectoryAccess& directory,
                                            const MorlenManifestV1& manifest) {
   std::set<std::string> expected = {MorlenFormatV1::manifestPath, MorlenFormatV1::receiptPath};

@@ -21,7 +21,7 @@ struct VerifyInstallResult {
   /// The manifest's entries and the manifest itself.
   std::int64_t fileCount = 0;
   std::uint64_t bytesVerified = 0;
-  /// What the directory holds beyond the artifact, sorted ascending; no failure.
+  /// Entries that do not belong to the artifact, sorted ascending. They are no failure.
   std::vector<std::string> unexpectedEntries;
 };
 

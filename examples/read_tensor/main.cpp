@@ -1,6 +1,6 @@
 // read_tensor ARTIFACT TENSOR ROW: prints one row of a resident tensor, a number to a line.
 //
-// What an engine does with an artifact: check the manifest, map model_weights.bin, decode its index once, and
+// An engine opens an artifact so: check the manifest, map model_weights.bin, decode its index once, and
 // then turn stored integers into weights where it needs them. Nothing in the files is trusted; docs/format.md
 // has the rules.
 
