@@ -7,9 +7,9 @@
 #include <unistd.h>
 
 #include "Tests/Support/Expect.h"
+#include "VellicorLab/InstallHarness.h"
 #include "VellicorRepackCore/Base/Errors.h"
 #include "VellicorRepackCore/Verification/VerifiedInstallTool.h"
-#include "VellicorTrials/InstallHarness.h"
 
 namespace vellicor {
 namespace {

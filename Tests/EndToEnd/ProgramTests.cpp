@@ -14,12 +14,12 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
+#include "Tests/FaultInjection/FileCallRecord.h"
 #include "VellicorLab/ChildProcess.h"
+#include "VellicorLab/InstallHarness.h"
 #include "VellicorRepackCore/FileSystem/InstallLock.h"
 #include "VellicorRepackCore/Install/RemoteInstallCheckpoint.h"
 #include "VellicorRepackCore/Install/SupportedModelSource.h"
-#include "VellicorTrials/FileCallRecord.h"
-#include "VellicorTrials/InstallHarness.h"
 
 namespace vellicor {
 namespace {

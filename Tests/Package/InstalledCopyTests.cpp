@@ -17,9 +17,9 @@
 #include "VellicorFormat/MorlenPackedExpertsLayoutV1.h"
 #include "VellicorFormat/MorlenResidentIndexV1.h"
 #include "VellicorLab/ChildProcess.h"
+#include "VellicorLab/InstallHarness.h"
 #include "VellicorLab/PredictedArtifact.h"
 #include "VellicorLab/SyntheticCheckpoint.h"
-#include "VellicorTrials/InstallHarness.h"
 
 namespace vellicor {
 namespace {

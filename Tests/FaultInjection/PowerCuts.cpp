@@ -4,9 +4,9 @@
 
 #include <fmt/format.h>
 
-#include "VellicorTrials/DiskModel.h"
-#include "VellicorTrials/Scenarios.h"
-#include "VellicorTrials/Trials.h"
+#include "Tests/FaultInjection/DiskModel.h"
+#include "Tests/FaultInjection/Scenarios.h"
+#include "Tests/FaultInjection/Trials.h"
 
 namespace vellicor {
 

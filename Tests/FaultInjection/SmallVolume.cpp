@@ -1,4 +1,4 @@
-#include "VellicorTrials/SmallVolume.h"
+#include "Tests/FaultInjection/SmallVolume.h"
 
 #include <array>
 #include <cstdlib>

@@ -1,4 +1,4 @@
-#include "VellicorTrials/TrialReport.h"
+#include "Tests/FaultInjection/TrialReport.h"
 
 #include <algorithm>
 #include <atomic>

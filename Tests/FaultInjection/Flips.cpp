@@ -7,8 +7,8 @@
 
 #include <fmt/format.h>
 
-#include "VellicorTrials/Scenarios.h"
-#include "VellicorTrials/Trials.h"
+#include "Tests/FaultInjection/Scenarios.h"
+#include "Tests/FaultInjection/Trials.h"
 
 namespace vellicor {
 

@@ -1,4 +1,4 @@
-#include "VellicorTrials/Scenarios.h"
+#include "Tests/FaultInjection/Scenarios.h"
 
 #include <filesystem>
 #include <stdexcept>

@@ -10,10 +10,10 @@
 #include <fmt/format.h>
 #include <sys/resource.h>
 
+#include "Tests/FaultInjection/Recovery.h"
+#include "Tests/FaultInjection/SmallVolume.h"
+#include "Tests/FaultInjection/Trials.h"
 #include "VellicorLab/ChildProcess.h"
-#include "VellicorTrials/Recovery.h"
-#include "VellicorTrials/SmallVolume.h"
-#include "VellicorTrials/Trials.h"
 
 namespace vellicor {
 

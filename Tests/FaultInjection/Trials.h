@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "VellicorTrials/TrialReport.h"
+#include "Tests/FaultInjection/TrialReport.h"
 
 namespace vellicor {
 

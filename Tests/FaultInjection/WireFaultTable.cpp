@@ -1,4 +1,4 @@
-#include "VellicorTrials/WireFaultTable.h"
+#include "Tests/FaultInjection/WireFaultTable.h"
 
 #include <utility>
 

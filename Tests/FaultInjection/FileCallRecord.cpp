@@ -1,4 +1,4 @@
-#include "VellicorTrials/FileCallRecord.h"
+#include "Tests/FaultInjection/FileCallRecord.h"
 
 #include <array>
 #include <csignal>

@@ -1,4 +1,4 @@
-#include "VellicorTrials/Recovery.h"
+#include "Tests/FaultInjection/Recovery.h"
 
 #include <algorithm>
 #include <exception>

@@ -1,4 +1,4 @@
-#include "VellicorTrials/DiskModel.h"
+#include "Tests/FaultInjection/DiskModel.h"
 
 #include <algorithm>
 #include <filesystem>

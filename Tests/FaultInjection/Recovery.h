@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
+#include "Tests/FaultInjection/TrialReport.h"
+#include "VellicorLab/InstallHarness.h"
 #include "VellicorRepackCore/Install/RangeCopyPlanner.h"
-#include "VellicorTrials/InstallHarness.h"
-#include "VellicorTrials/TrialReport.h"
 
 namespace vellicor {
 

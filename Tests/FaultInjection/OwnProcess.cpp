@@ -1,4 +1,4 @@
-#include "VellicorTrials/OwnProcess.h"
+#include "Tests/FaultInjection/OwnProcess.h"
 
 #include <filesystem>
 #include <iterator>

@@ -5,10 +5,10 @@
 
 #include <fmt/format.h>
 
+#include "Tests/FaultInjection/FileCallRecord.h"
+#include "Tests/FaultInjection/Scenarios.h"
+#include "Tests/FaultInjection/Trials.h"
 #include "VellicorRepackCore/Base/Errors.h"
-#include "VellicorTrials/FileCallRecord.h"
-#include "VellicorTrials/Scenarios.h"
-#include "VellicorTrials/Trials.h"
 
 namespace vellicor {
 

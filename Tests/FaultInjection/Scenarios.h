@@ -5,10 +5,10 @@
 #include <string>
 #include <vector>
 
-#include "VellicorTrials/FileCallRecord.h"
-#include "VellicorTrials/InstallHarness.h"
-#include "VellicorTrials/Recovery.h"
-#include "VellicorTrials/TrialReport.h"
+#include "Tests/FaultInjection/FileCallRecord.h"
+#include "Tests/FaultInjection/Recovery.h"
+#include "Tests/FaultInjection/TrialReport.h"
+#include "VellicorLab/InstallHarness.h"
 
 namespace vellicor {
 

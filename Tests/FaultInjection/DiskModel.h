@@ -8,7 +8,7 @@
 #include <variant>
 #include <vector>
 
-#include "VellicorTrials/FileCallRecord.h"
+#include "Tests/FaultInjection/FileCallRecord.h"
 
 namespace vellicor {
 

@@ -12,13 +12,13 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
+#include "Tests/FaultInjection/OwnProcess.h"
+#include "Tests/FaultInjection/Recovery.h"
+#include "Tests/FaultInjection/Trials.h"
+#include "Tests/FaultInjection/WireFaultTable.h"
 #include "VellicorRepackCore/Base/Cancellation.h"
 #include "VellicorRepackCore/Base/JoiningThread.h"
 #include "VellicorRepackCore/Remote/CurlTransport.h"
-#include "VellicorTrials/OwnProcess.h"
-#include "VellicorTrials/Recovery.h"
-#include "VellicorTrials/Trials.h"
-#include "VellicorTrials/WireFaultTable.h"
 
 namespace vellicor {
 

@@ -9,8 +9,8 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include "VellicorTrials/TrialReport.h"
-#include "VellicorTrials/Trials.h"
+#include "Tests/FaultInjection/TrialReport.h"
+#include "Tests/FaultInjection/Trials.h"
 
 namespace vellicor {
 
@@ -47,7 +47,7 @@ void useMemoryForScratch() {
 int runTrials(int argumentCount, char** arguments) {
   CLI::App app(
       "Injects faults into installs and checks that at any moment the output is absent, resumable or right",
-      "VellicorTrials");
+      "FaultInjection");
   TrialOptions options;
   std::vector<std::string> names;
   app.add_flag("--full", options.full, "All of it, minutes instead of seconds");
@@ -85,6 +85,6 @@ std::vector<NamedTrial> allTrials() {
 int main(int argumentCount, char** arguments) try {
   return vellicor::runTrials(argumentCount, arguments);
 } catch (const std::exception& error) {
-  fmt::print(stderr, "VellicorTrials: {}\n", error.what());
+  fmt::print(stderr, "FaultInjection: {}\n", error.what());
   return 1;
 }

@@ -9,9 +9,9 @@
 
 #include <fmt/format.h>
 
+#include "Tests/FaultInjection/Recovery.h"
+#include "Tests/FaultInjection/Trials.h"
 #include "VellicorLab/ChildProcess.h"
-#include "VellicorTrials/Recovery.h"
-#include "VellicorTrials/Trials.h"
 
 namespace vellicor {
 

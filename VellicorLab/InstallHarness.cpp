@@ -1,4 +1,4 @@
-#include "VellicorTrials/InstallHarness.h"
+#include "VellicorLab/InstallHarness.h"
 
 #include <atomic>
 #include <charconv>

@@ -16,10 +16,10 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "Tests/FaultInjection/Recovery.h"
+#include "Tests/FaultInjection/Trials.h"
 #include "VellicorLab/ChildProcess.h"
 #include "VellicorRepackCore/Verification/VerifiedInstallTool.h"
-#include "VellicorTrials/Recovery.h"
-#include "VellicorTrials/Trials.h"
 
 namespace vellicor {
 

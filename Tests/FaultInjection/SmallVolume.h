@@ -3,7 +3,7 @@
 #include <functional>
 #include <string>
 
-#include "VellicorTrials/TrialReport.h"
+#include "Tests/FaultInjection/TrialReport.h"
 
 namespace vellicor {
 
