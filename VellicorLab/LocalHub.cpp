@@ -11,12 +11,15 @@
 
 #include <fmt/format.h>
 
-// Boost recognises coroutines by compiler; every compiler of this project has the standard ones.
+// Boost recognises these by compiler; every compiler of this project has the standard ones.
 #if !defined(BOOST_ASIO_HAS_CO_AWAIT)
 #define BOOST_ASIO_HAS_CO_AWAIT 1
 #endif
 #if !defined(BOOST_ASIO_HAS_STD_COROUTINE)
 #define BOOST_ASIO_HAS_STD_COROUTINE 1
+#endif
+#if !defined(BOOST_ASIO_HAS_STD_INVOKE_RESULT)
+#define BOOST_ASIO_HAS_STD_INVOKE_RESULT 1
 #endif
 #include <boost/asio/awaitable.hpp>
 #include <boost/asio/co_spawn.hpp>

@@ -194,8 +194,11 @@ TEST(Install, WhatChangesBeforeTheEndIsNotPromotedAndCostsNoMore) {
     fs::remove(partial + "tokenizer/tokenizer_config.json");
     fs::create_directory(partial + "tokenizer/tokenizer_config.json");
   };
-  const auto append = [](const std::string& partial) {
-    fs::resize_file(partial + "model_weights.bin", fs::file_size(partial + "model_weights.bin") + 1);
+  const auto resizeBy = [](const std::string& file, int difference) {
+    return [=](const std::string& partial) {
+      const auto size = static_cast<std::intmax_t>(fs::file_size(partial + file));
+      fs::resize_file(partial + file, static_cast<std::uintmax_t>(size + difference));
+    };
   };
   const std::string range = " is corrupt: range-NUMBER changed after it was finished";
   const std::string outside = " is corrupt: bytes outside every range changed; they were put back";
@@ -211,7 +214,8 @@ TEST(Install, WhatChangesBeforeTheEndIsNotPromotedAndCostsNoMore) {
           {"a range of a layer", inTheCopy, flip(layer.c_str(), 0), layer, range, 1},
           {"the index", inTheCopy, flip("model_weights.bin", indexEnd), weights, outside, 0},
           {"what pads a layer", inTheCopy, flip(layer.c_str(), lastOfLayer), layer, outside, 0},
-          {"the size", inTheCopy, append, weights, outside, 0},
+          {"a byte too many", inTheCopy, resizeBy(weights, 1), weights, outside, 0},
+          {"a byte too few", inTheCopy, resizeBy(layer, -1), layer, outside, 0},
           {"a range that was hashed", atTheEnd, flip(layer.c_str(), 0), layer, range, 1},
           {"the index that was hashed", atTheEnd, flip("model_weights.bin", 9), weights, outside, 0},
           {"the layout", atTheEnd, flip("packed_experts/layout.json", 9), "packed_experts/layout.json", small,
@@ -220,6 +224,7 @@ TEST(Install, WhatChangesBeforeTheEndIsNotPromotedAndCostsNoMore) {
            small, 0},
           {"a directory for a file", atTheEnd, makeDirectory, "tokenizer/tokenizer_config.json", small, 0},
           {"a copy of the same bytes", atTheEnd, replaceByCopy, "", "no error", 0},
+          {"what was planned from", inTheCopy, flip(".remote-metadata/config.json", 0), "", "no error", 0},
       };
   for (const auto& [name, when, change, file, text, cost] : rows) {
     SCOPED_TRACE(name);
@@ -384,13 +389,18 @@ class OrdinaryUser {
  public:
   explicit OrdinaryUser(const std::string& directory) : isSuperuser_(::geteuid() == 0) {
     if (!isSuperuser_) return;
-    for (const auto& entry : fs::recursive_directory_iterator(directory)) own(entry.path());
+    for (const auto& entry : fs::recursive_directory_iterator(directory)) {
+      if (entry.path().filename() != notOwned) own(entry.path());
+    }
     own(directory);
     if (::seteuid(nobody) != 0) throw std::runtime_error("seteuid failed");
   }
   ~OrdinaryUser() {
     if (isSuperuser_ && ::seteuid(0) != 0) std::abort();
   }
+  /// An entry of this name stays the superuser's.
+  static constexpr const char* notOwned = "another's";
+
   OrdinaryUser(const OrdinaryUser&) = delete;
   OrdinaryUser& operator=(const OrdinaryUser&) = delete;
 
@@ -416,7 +426,7 @@ TEST(Install, OverwriteRefusesAtTheStartWhatItCouldNotReplace) {
       "unsafe installer path OUT/packed_experts: it keeps the old artifact from being removed; move that "
       "away "
       "first";
-  const std::vector<std::tuple<std::string, Arrange, std::string>> rows = {
+  std::vector<std::tuple<std::string, Arrange, std::string>> rows = {
       {"somebody's files", [](auto& h, auto&) { writeFile(h.output + "/photo.jpg", "a cat"); }, notOne},
       {"a directory for a manifest", [](auto& h, auto&) { writeFile(h.output + "/manifest.json/a", ""); },
        notOne},
@@ -431,6 +441,17 @@ TEST(Install, OverwriteRefusesAtTheStartWhatItCouldNotReplace) {
       {"an empty directory", [](auto& h, auto&) { fs::create_directory(h.output); }, "no error"},
       {"an artifact", artifactWith(fs::perms::owner_all), "no error"},
   };
+  if (::geteuid() == 0) {
+    const auto shareWithAnother = [&](InstallHarness& harness, RemoteStreamingRepackOptions& options) {
+      artifactWith(fs::perms::owner_all)(harness, options);
+      const fs::path shared = fs::path(harness.output) / OrdinaryUser::notOwned;
+      writeFile((shared / OrdinaryUser::notOwned).string(), "");
+      fs::permissions(shared, fs::perms::all | fs::perms::sticky_bit);
+    };
+    rows.emplace_back("another's file where only owners remove", shareWithAnother,
+                      "unsafe installer path OUT/another's/another's: it keeps the old artifact from being "
+                      "removed; move that away first");
+  }
   for (const auto& [name, arrange, expected] : rows) {
     SCOPED_TRACE(name);
     InstallHarness harness(SyntheticCheckpoint::custom(tinyShape(), 1));
@@ -456,6 +477,49 @@ TEST(Install, OverwriteRefusesAtTheStartWhatItCouldNotReplace) {
     std::error_code ignored;
     fs::permissions(harness.output + "/packed_experts", fs::perms::owner_all, ignored);
   }
+}
+
+TEST(Install, AnOldArtifactIsNotTakenForTheNewOne) {
+  for (const bool isSameModel : {false, true}) {
+    SCOPED_TRACE(isSameModel ? "this model's, with a damaged tokenizer" : "another model's");
+    InstallHarness harness;
+    InstallHarness other(SyntheticCheckpoint::custom({}, 2));
+    InstallHarness& old = isSameModel ? harness : other;
+    old.output = harness.output;
+    old.install(old.options());
+    if (isSameModel) flipByte(harness.output + "/tokenizer/tokenizer.json", 0);
+
+    RemoteStreamingRepackOptions options = harness.options();
+    options.overwrite = true;
+    const std::string error = errorOfInstall(options, [](const ModelInstallProgress& event) {
+      if (std::holds_alternative<FinalizingProgress>(event)) throw std::runtime_error("with every range");
+    });
+    ASSERT_EQ(error, "with every range");
+    flipByte(harness.output + ".partial/model_weights.bin", MorlenFormatV1::alignmentBytes);
+    options.resume = true;
+    harness.hub->clearRequests();
+    EXPECT_EQ(harness.installError(options), "no error");
+    EXPECT_EQ(harness.payloadRanges().size(), 1U);
+    EXPECT_THAT(harness.predicted().differences(harness.output), IsEmpty());
+    EXPECT_EQ(namesBeside(harness), finished);
+  }
+}
+
+TEST(Install, OverwriteReplacesNothingThatCameMeanwhile) {
+  InstallHarness harness(SyntheticCheckpoint::custom(tinyShape(), 1));
+  RemoteStreamingRepackOptions options = harness.options();
+  options.overwrite = true;
+  const std::string photo = harness.output + "/photo.jpg";
+  const std::string error = errorOfInstall(options, [&](const ModelInstallProgress& event) {
+    if (std::holds_alternative<FinalizingProgress>(event)) writeFile(photo, "a cat");
+  });
+  EXPECT_EQ(error, "unsafe installer path " + harness.output + ": not an artifact; move it away first");
+  EXPECT_EQ(readFile(photo), "a cat");
+  fs::remove_all(harness.output);
+  harness.hub->clearRequests();
+  options.resume = true;
+  EXPECT_EQ(harness.installError(options), "no error");
+  EXPECT_THAT(harness.payloadRanges(), IsEmpty());
 }
 
 TEST(Install, SidecarsAreRequiredOrSkipped) {

@@ -14,6 +14,7 @@
 #include "Tests/FaultInjection/SmallVolume.h"
 #include "Tests/FaultInjection/Trials.h"
 #include "VellicorLab/ChildProcess.h"
+#include "VellicorRepackCore/Base/Errors.h"
 
 namespace vellicor {
 
@@ -60,6 +61,7 @@ class VolumeBench {
     if (!report_.figures().contains(refusals)) report_.fail("no volume was found too small for the payload");
     for (const std::size_t i : spread(entriesOfInstall, 6, options)) trySmall("size=4m,nr_inodes={}", i);
     tryReadOnly();
+    for (const char* inside : {"", "/inside"}) tryMountPoint(harness_.output + inside);
     for (const std::size_t request : spread(metadataRequests_, 3, options)) tryReadOnlyAt(request);
   }
 
@@ -125,6 +127,27 @@ class VolumeBench {
     harness_.hub->setFaults(nullptr);
     judge(fmt::format("read-only from metadata request {} on", number), error, EROFS,
           [&] { readOnly.reset(); });
+  }
+
+  /// An old artifact that is a volume of its own, or holds one, can neither be exchanged nor removed.
+  void tryMountPoint(const std::string& place) {
+    const SmallVolume volume(volume_, ample);
+    fs::create_directories(place);
+    const SmallVolume mounted(place, ample);
+    writeFile(harness_.output + "/manifest.json", "old");
+    RemoteStreamingRepackOptions options = harness_.options();
+    options.overwrite = true;
+    harness_.hub->clearRequests();
+    const std::string error = harness_.installError(options);
+    const bool isRight =
+        place == harness_.output
+            ? error == RepackError(PromotionUnsupported{.path = place, .errnoValue = EBUSY}).description()
+            : error.starts_with(fmt::format("unsafe installer path {}: ", place));
+    if (!isRight || !harness_.hub->requests().empty()) {
+      report_.fail(fmt::format("volume at {}: {}", place, error));
+    } else {
+      report_.count("volumes: mount points that overwriting refused at the start");
+    }
   }
 
   void judge(const std::string& what, const std::string& error, int code,

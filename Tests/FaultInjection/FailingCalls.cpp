@@ -67,7 +67,7 @@ bool isTextOf(const std::string& line, const std::string& operation, const FileC
   if (!own.empty() && line.ends_with(own + "\n")) return true;
   const bool opens = call.name == "open";
   if (opens && line.find(call.path + "/") != std::string::npos &&
-      line.ends_with(fmt::format(" failed: errno {}\n", code))) {
+      line.ends_with(fmt::format(": errno {}\n", code))) {
     return true;
   }
   const bool isStandard =

@@ -58,7 +58,7 @@ struct Swap {
   bool isInside = false;
 };
 
-constexpr std::array<Swap, 8> swaps = {{
+constexpr std::array<Swap, 9> swaps = {{
     {"a byte changes", "tokenizer/tokenizer.json", flipFirst, true},
     {"a directory in its place", "tokenizer/tokenizer_config.json", becomeDirectory},
     {"another file in its place", "tokenizer/tokenizer_config.json", becomeOther},
@@ -67,6 +67,7 @@ constexpr std::array<Swap, 8> swaps = {{
     {"a copy with another byte in its place", "packed_experts/layer_00.bin", becomeOther},
     {"a directory in its place", "packed_experts/layer_00.bin", becomeDirectory},
     {"touched", "model_weights.bin", touch},
+    {"a byte changes up to the last look", "model_weights.bin", flipFirst},
 }};
 
 /// The file calls of a run that nothing disturbs: when in it what is looked at for the last time.

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <chrono>
 
+#include <sys/stat.h>
+
 #include "VellicorRepackCore/FileSystem/Platform.h"
 #include "VellicorRepackCore/FileSystem/SystemCall.h"
 
@@ -27,10 +29,7 @@ bool hasSettled(const FileStamp& stamp) {
   return latest < now() - (isWhole ? coarseTick : fineTick);
 }
 
-}  // namespace
-
-FileStamp FileStamp::of(int fd, const std::string& path) {
-  const struct stat status = fileStatus(fd, path);
+FileStamp stampOf(const struct stat& status) {
   const platform::FileTimes times = platform::fileTimes(status);
   FileStamp stamp{.device = static_cast<std::uint64_t>(status.st_dev),
                   .inode = static_cast<std::uint64_t>(status.st_ino),
@@ -41,8 +40,18 @@ FileStamp FileStamp::of(int fd, const std::string& path) {
   return stamp;
 }
 
-bool FileStamp::provesUnchanged(const FileStamp& later) const {
-  return isSettled && device == later.device && inode == later.inode && size == later.size &&
+}  // namespace
+
+FileStamp FileStamp::of(int fd, const std::string& path) { return stampOf(fileStatus(fd, path)); }
+
+FileStamp FileStamp::at(const std::string& path) {
+  struct stat status {};
+  checkedCall<FileStatFailed>(path, [&] { return ::lstat(path.c_str(), &status); });
+  return stampOf(status);
+}
+
+bool FileStamp::matches(const FileStamp& later) const {
+  return device == later.device && inode == later.inode && size == later.size &&
          modifiedAt == later.modifiedAt && changedAt == later.changedAt;
 }
 

@@ -19,9 +19,13 @@ struct FileStamp {
 
   /// Throws `fileStatFailed`.
   static FileStamp of(int fd, const std::string& path);
+  /// Of the entry that the path names now, a link itself included. Throws `fileStatFailed`.
+  static FileStamp at(const std::string& path);
 
+  /// Whether the two are of one file that, as far as the times tell, nothing has happened to in between.
+  bool matches(const FileStamp& later) const;
   /// Whether nothing has happened to the file between this stamp and a later one.
-  bool provesUnchanged(const FileStamp& later) const;
+  bool provesUnchanged(const FileStamp& later) const { return isSettled && matches(later); }
 };
 
 }  // namespace vellicor

@@ -1,13 +1,13 @@
 #include "VellicorRepackCore/FileSystem/Removability.h"
 
 #include <cerrno>
-#include <memory>
-#include <vector>
+#include <cstdint>
 
-#include <dirent.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include "VellicorRepackCore/FileSystem/DirectoryNames.h"
 #include "VellicorRepackCore/FileSystem/Platform.h"
 #include "VellicorRepackCore/FileSystem/Posix.h"
 #include "VellicorRepackCore/FileSystem/SystemCall.h"
@@ -15,28 +15,6 @@
 namespace vellicor {
 
 namespace {
-
-struct CloseDirectory {
-  void operator()(DIR* stream) const noexcept { ::closedir(stream); }
-};
-
-/// The names in an open directory. Takes the descriptor.
-std::vector<std::string> namesIn(FileDescriptor directory, const std::string& path) {
-  const std::unique_ptr<DIR, CloseDirectory> stream(::fdopendir(directory.get()));
-  const std::int32_t code = errno;
-  if (stream == nullptr) throw RepackError(FileOpenFailed{.path = path, .errnoValue = code});
-  directory.release();  // The stream's now.
-  std::vector<std::string> names;
-  errno = 0;
-  while (const struct dirent* entry = ::readdir(stream.get())) {
-    const std::string name = entry->d_name;
-    if (name != "." && name != "..") names.push_back(name);
-    errno = 0;
-  }
-  const std::int32_t readError = errno;
-  if (readError != 0) throw RepackError(FileOpenFailed{.path = path, .errnoValue = readError});
-  return names;
-}
 
 /// Whether a directory that only lets owners remove lets this user remove the entry.
 bool ownershipAllows(const struct stat& directory, const struct stat& entry) {
@@ -54,16 +32,17 @@ bool permissionsAllow(int parent, const char* name) {
 std::optional<std::string> obstacleAt(int parent, const std::string& name, const std::string& path);
 
 std::optional<std::string> obstacleBelow(int parent, const std::string& name, const std::string& path) {
-  constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-  const auto open = [&] {
-    return FileDescriptor(
-        checkedCall<FileOpenFailed>(path, [&] { return ::openat(parent, name.c_str(), flags); }));
+  const auto openError = [&](std::int32_t code) {
+    return RepackError(FileOpenFailed{.path = path, .errnoValue = code});
   };
-  const FileDescriptor directory = open();
-  for (const std::string& entry : namesIn(open(), path)) {
-    if (auto obstacle = obstacleAt(directory.get(), entry, joinPath(path, entry))) return obstacle;
-  }
-  return std::nullopt;
+  const FileDescriptor directory(
+      checkedCall(openError, [&] { return ::openat(parent, name.c_str(), directoryFlags); }));
+  std::optional<std::string> obstacle;
+  forEachName(directory.get(), openError, [&](const char* entry) {
+    obstacle = obstacleAt(directory.get(), entry, joinPath(path, entry));
+    return !obstacle;
+  });
+  return obstacle;
 }
 
 std::optional<std::string> obstacleAt(int parent, const std::string& name, const std::string& path) {

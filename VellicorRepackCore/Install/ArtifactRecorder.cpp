@@ -114,15 +114,14 @@ struct HashedOutput {
   PayloadDamage damage;
 };
 
-/// Reads a file from its first byte to its last. `pass`, when given, sees every byte.
-void hashOutput(const std::string& file, const CancellationToken& stop, PayloadProof::Pass* pass,
+/// Reads the file that is open as `fd` from its first byte to its last. `pass`, when given, sees every byte.
+void hashOutput(int fd, const std::string& file, const CancellationToken& stop, PayloadProof::Pass* pass,
                 HashedOutput& output) {
-  const FileDescriptor fd = Posix::openReadNoFollow(file);
   // The manifest will name this file, so its bytes are on the disk before its digest is recorded.
-  Posix::fsync(fd.get(), file);
-  output.stamp = FileStamp::of(fd.get(), file);
+  Posix::fsync(fd, file);
+  output.stamp = FileStamp::of(fd, file);
   output.size = output.stamp.size;
-  PageCacheTrail trail(fd.get(), PageCacheTrail::Drops::allPages);
+  PageCacheTrail trail(fd, PageCacheTrail::Drops::allPages);
   AlignedBuffer buffer(hashChunkBytes);
   output.scratchBytes = hashChunkBytes;
 
@@ -130,7 +129,7 @@ void hashOutput(const std::string& file, const CancellationToken& stop, PayloadP
   for (std::uint64_t done = 0; done < output.size;) {
     throwIfCancelled(stop);
     const std::uint64_t length = std::min<std::uint64_t>(buffer.size(), output.size - done);
-    Posix::preadAll(fd.get(), file, buffer.data(), static_cast<std::int64_t>(length), done);
+    Posix::preadAll(fd, file, buffer.data(), static_cast<std::int64_t>(length), done);
     const std::span<const std::byte> bytes = buffer.bytes().first(static_cast<std::size_t>(length));
     digest.update(bytes);
     if (pass != nullptr) pass->take(bytes);
@@ -141,13 +140,6 @@ void hashOutput(const std::string& file, const CancellationToken& stop, PayloadP
   trail.finishAt(output.size);
   output.sha256 = digest.finalizeHexString();
   if (pass != nullptr) output.damage = pass->finish();
-}
-
-HashedOutput provenOutput(const std::string& file, const PayloadProof& proof, const CancellationToken& stop) {
-  HashedOutput output;
-  PayloadProof::Pass pass = proof.passOver(file);
-  hashOutput(file, stop, &pass, output);
-  return output;
 }
 
 std::vector<std::string> payloadPaths(const RepackPlan& plan) {
@@ -172,6 +164,19 @@ RepackError changedSince(const std::string& file) {
   return RepackError(InstallStateCorrupt{.path = file, .detail = "changed after it was recorded"});
 }
 
+/// The file that the path names, which must be one.
+FileDescriptor openRecorded(const std::string& file) {
+  if (Posix::entryKind(file) != Posix::EntryKind::regular) throw changedSince(file);
+  FileDescriptor fd = Posix::openReadNoFollow(file);
+  if (!Posix::descriptorMatchesPath(fd.get(), file)) throw changedSince(file);
+  return fd;
+}
+
+/// The path must still name the file of the stamp, which nobody has touched since: not while it was read.
+void requireStill(const std::string& file, const FileStamp& stamp) {
+  if (!stamp.matches(FileStamp::at(file))) throw changedSince(file);
+}
+
 }  // namespace
 
 ArtifactRecorder::ArtifactRecorder(std::string partialDirectory, const RepackPlan& plan, RepackAudit& audit,
@@ -194,7 +199,8 @@ RecordedPayload ArtifactRecorder::recordPayload(const PayloadProof& proof) {
                    [&](std::size_t item, const CancellationToken& stop) {
                      const std::string file = path(relativePaths[item]);
                      PayloadProof::Pass pass = proof.passOver(file);
-                     hashOutput(file, stop, &pass, hashed[item]);
+                     const FileDescriptor fd = Posix::openReadNoFollow(file);
+                     hashOutput(fd.get(), file, stop, &pass, hashed[item]);
                    });
   RecordedPayload payload;
   for (std::size_t item = 0; item < relativePaths.size(); ++item) {
@@ -216,9 +222,8 @@ RecordedPayload ArtifactRecorder::recordPayload(const PayloadProof& proof) {
 void ArtifactRecorder::requireReadableLayout(const RepackPlan& plan) {
   const std::size_t bytes = encodedLayout(plan).size();
   if (bytes <= MorlenFormatV1::layoutMaxBytes) return;
-  throw RepackError(
-      ConfigurationInvalid{fmt::format("packed expert layout of {} bytes exceeds the {}-byte cap", bytes,
-                                       MorlenFormatV1::layoutMaxBytes)});
+  throw RepackError(ConfigurationInvalid{fmt::format(
+      "packed expert layout of {} bytes exceeds the {}-byte cap", bytes, MorlenFormatV1::layoutMaxBytes)});
 }
 
 void ArtifactRecorder::writeLayout() {
@@ -236,15 +241,11 @@ void ArtifactRecorder::copyRemoteMetadataSidecars(const RemoteSnapshot& snapshot
                                                   const HuggingFaceRemoteSource& remote) {
   throwIfCancelled(stop_);
   const std::string directory = path(sidecarDirectory);
-  const std::string config = joinPath(snapshot.metadataDirectory, IndexLoader::configFilename);
-  if (Posix::entryKind(config) != Posix::EntryKind::absent) {
-    const std::string relativePath = joinPath(sidecarDirectory, IndexLoader::configFilename);
-    makeDirectory(directory);
-    Posix::removeTree(path(relativePath));
-    Posix::atomicWrite(Posix::readBoundedData(config, RemoteSnapshotLoader::maximumConfigBytes),
-                       path(relativePath), directory, Posix::FileMode::shared);
-    recordOutputFile(relativePath);
-  }
+  const std::string config = joinPath(sidecarDirectory, IndexLoader::configFilename);
+  makeDirectory(directory);
+  clearPlace(config);
+  Posix::atomicWrite(snapshot.config, path(config), directory, Posix::FileMode::shared);
+  recordOutputFile(config);
   for (const Sidecar& sidecar : sidecars) {
     throwIfCancelled(stop_);
     const std::optional<RemoteFileInfo> info = resolveSidecar(remote, sidecar, audit_);
@@ -295,7 +296,7 @@ std::vector<RepackAudit::OutputFile> ArtifactRecorder::writeManifestAndReceipt(
   const std::string receipt = VerifiedInstallReceiptWriter::encode(
       finalDirectory, hashData(manifest), manifest.size(), repoID, snapshot.resolvedCommit,
       VerifiedInstallReceiptWriter::installToolVersion, audit_.outputFiles);
-  MorlenDirectoryAccess(partialDirectory_).atomicWrite(receipt, MorlenFormatV1::receiptPath);
+  Posix::atomicWrite(receipt, path(MorlenFormatV1::receiptPath), partialDirectory_, Posix::FileMode::shared);
   return {recordOf(MorlenFormatV1::manifestPath, manifest), recordOf(MorlenFormatV1::receiptPath, receipt)};
 }
 
@@ -303,15 +304,16 @@ PayloadDamage ArtifactRecorder::proveAgain(const RecordedPayload& payload, const
                                            const std::vector<RepackAudit::OutputFile>& records) const {
   for (const auto& [relativePath, stamp] : payload.stamps) {
     const std::string file = path(relativePath);
-    if (Posix::entryKind(file) != Posix::EntryKind::regular) throw changedSince(file);
-    const FileDescriptor fd = Posix::openReadNoFollow(file);
-    const FileStamp now = FileStamp::of(fd.get(), file);
+    const FileDescriptor fd = openRecorded(file);
+    FileStamp now = FileStamp::of(fd.get(), file);
     if (now.size <= smallFileBytes || !stamp.provesUnchanged(now)) {
-      HashedOutput again = provenOutput(file, proof, stop_);
+      HashedOutput again;
+      PayloadProof::Pass pass = proof.passOver(file);
+      hashOutput(fd.get(), file, stop_, &pass, again);
       if (again.damage) return std::move(again.damage);
+      now = again.stamp;
     }
-    // The path must still name what was looked at.
-    if (!Posix::descriptorMatchesPath(fd.get(), file)) throw changedSince(file);
+    requireStill(file, now);
   }
   for (const RepackAudit::OutputFile& output : audit_.outputFiles) {
     if (!payload.stamps.contains(output.relativePath)) requireUnchanged(output);
@@ -322,13 +324,11 @@ PayloadDamage ArtifactRecorder::proveAgain(const RecordedPayload& payload, const
 
 void ArtifactRecorder::requireUnchanged(const RepackAudit::OutputFile& recorded) const {
   const std::string file = path(recorded.relativePath);
-  if (Posix::entryKind(file) != Posix::EntryKind::regular) throw changedSince(file);
-  const FileDescriptor fd = Posix::openReadNoFollow(file);
+  const FileDescriptor fd = openRecorded(file);
   HashedOutput again;
-  hashOutput(file, stop_, nullptr, again);
-  const bool isSameFile = again.stamp.inode == FileStamp::of(fd.get(), file).inode &&
-                          Posix::descriptorMatchesPath(fd.get(), file);
-  if (!isSameFile || again.size != recorded.size || again.sha256 != recorded.sha256) throw changedSince(file);
+  hashOutput(fd.get(), file, stop_, nullptr, again);
+  if (again.size != recorded.size || again.sha256 != recorded.sha256) throw changedSince(file);
+  requireStill(file, again.stamp);
 }
 
 void ArtifactRecorder::makeDirectory(const std::string& directory) {
@@ -351,8 +351,9 @@ void ArtifactRecorder::announceHashing(const std::string& relativePath) const {
 void ArtifactRecorder::recordOutputFile(const std::string& relativePath) {
   announceHashing(relativePath);
   HashedOutput hashed;
+  const std::string file = path(relativePath);
   const std::exception_ptr failure =
-      failureOf([&] { hashOutput(path(relativePath), stop_, nullptr, hashed); });
+      failureOf([&] { hashOutput(Posix::openReadNoFollow(file).get(), file, stop_, nullptr, hashed); });
   account(hashed, audit_);
   if (failure) std::rethrow_exception(failure);
   audit_.outputFiles.push_back({relativePath, hashed.size, std::move(hashed.sha256)});

@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <cstdint>
 #include <exception>
-#include <filesystem>
 #include <optional>
 #include <string>
 
@@ -42,7 +41,7 @@ class TrialCleanup {
 void requireArtifact(const std::string& directory) {
   const bool hasManifest =
       Posix::entryKind(joinPath(directory, MorlenFormatV1::manifestPath)) == EntryKind::regular;
-  if (hasManifest || std::filesystem::is_empty(directory)) return;
+  if (hasManifest || Posix::listDirectory(directory).empty()) return;
   throw RepackError(InstallPathUnsafe{.path = directory, .detail = "not an artifact; move it away first"});
 }
 
@@ -63,7 +62,7 @@ void tryExchange(const RemoteInstallPaths& paths) {
                                         .detail = fmt::format("unexpected {} entry", Posix::name(kind))});
   }
   const TrialCleanup cleanup(paths);
-  for (const std::string& directory : directories) Posix::mkdirP(directory);
+  for (const std::string& directory : directories) Posix::mkdir(directory);
   try {
     Posix::renameSwap(directories.front(), directories.back());
   } catch (const RepackError& error) {
@@ -113,18 +112,15 @@ void Promotion::exchange(const RemoteInstallPaths& paths) {
   requireArtifact(paths.finalDirectory);
   requireRemovable(paths.finalDirectory);
   Posix::renameSwap(paths.partialDirectory, paths.finalDirectory);
-  const std::exception_ptr failure = failureOf([&] { Posix::fsyncDirectory(paths.parentDirectory); });
-  if (failure) {
-    // What is at the partial path now is no saved download. It stays: it may still be what a power cut brings
-    // back.
-    removeCheckpoint(paths);
-    std::rethrow_exception(failure);
-  }
   removeReplaced(paths);
 }
 
 void Promotion::removeReplaced(const RemoteInstallPaths& paths) {
+  const std::exception_ptr failure = failureOf([&] { Posix::fsyncDirectory(paths.parentDirectory); });
+  // What is at the partial path now is no saved download.
   removeCheckpoint(paths);
+  // It stays where the exchange may not last: a power cut may still bring it back.
+  if (failure) std::rethrow_exception(failure);
   try {
     Posix::removeTree(paths.partialDirectory);
   } catch (const std::exception& error) {

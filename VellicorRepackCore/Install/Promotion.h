@@ -19,12 +19,13 @@ struct Promotion {
   /// the output. Throws `renameFailed`, or `fsyncFailed` when it may not last.
   static void rename(const RemoteInstallPaths& paths);
 
-  /// Exchanges the partial directory with the artifact at the output, durably; then does as `removeReplaced`.
+  /// Exchanges the partial directory with the artifact at the output; then does as `removeReplaced`.
   static void exchange(const RemoteInstallPaths& paths);
 
-  /// After an exchange: removes the checkpoint, durably, then the old artifact, which stands at the partial
-  /// path. An end in between leaves a directory without a checkpoint. Throws `installPathUnsafe` when the old
-  /// artifact cannot be removed.
+  /// After an exchange, also one that another process ended after: makes it durable, removes the checkpoint,
+  /// durably, then the old artifact, which stands at the partial path. An end in between leaves a directory
+  /// without a checkpoint. Throws `fsyncFailed` when the exchange may not last, and leaves the old artifact
+  /// then; `installPathUnsafe` when the old artifact cannot be removed.
   static void removeReplaced(const RemoteInstallPaths& paths);
 };
 

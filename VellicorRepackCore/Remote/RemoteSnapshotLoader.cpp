@@ -86,6 +86,7 @@ RemoteSnapshot RemoteSnapshotLoader::load(const HuggingFaceRemoteSource& remote,
         SourceFingerprintRejected{.path = metadata.indexPath, .sha256 = metadata.indexSha256Hex});
   }
   snapshot.arch = ArchInfo::load(metadata.configPath);
+  snapshot.config = Posix::readBoundedData(metadata.configPath, maximumConfigBytes);
   snapshot.remoteFiles = {{indexName, indexInfo}, {configName, configInfo}};
   snapshot.resolvedCommit = indexInfo.resolvedCommit;
   snapshot.metadataDirectory = metadataDirectory;

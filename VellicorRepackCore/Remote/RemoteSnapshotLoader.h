@@ -22,6 +22,8 @@ struct RemoteSnapshot {
   std::string resolvedCommit;
   /// Holds the downloaded index and configuration.
   std::string metadataDirectory;
+  /// What config.json held when it was read. The file may have changed when the copying ends, hours later.
+  std::string config;
 };
 
 struct RemoteSnapshotLoader {
