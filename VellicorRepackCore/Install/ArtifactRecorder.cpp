@@ -1,7 +1,6 @@
 #include "VellicorRepackCore/Install/ArtifactRecorder.h"
 
 #include <algorithm>
-#include <array>
 #include <exception>
 #include <map>
 #include <set>
@@ -22,6 +21,7 @@
 #include "VellicorRepackCore/FileSystem/Posix.h"
 #include "VellicorRepackCore/Output/MorlenJSON.h"
 #include "VellicorRepackCore/Output/MorlenLayoutValidator.h"
+#include "VellicorRepackCore/Source/SupportedModel.h"
 #include "VellicorRepackCore/Verification/VerifiedInstallReceiptWriter.h"
 
 namespace vellicor {
@@ -29,24 +29,10 @@ namespace vellicor {
 namespace {
 
 constexpr std::size_t hashChunkBytes = 524288;
-constexpr const char* sidecarDirectory = "tokenizer";
-
-struct Sidecar {
-  const char* name;
-  std::uint64_t capBytes;
-  bool isRequired;
-};
-
-constexpr std::uint64_t mebibyte = 1048576;
 /// Files up to this size are cheap enough to be read again.
-constexpr std::uint64_t smallFileBytes = 64 * mebibyte;
-constexpr std::array<Sidecar, 5> sidecars = {{
-    {"tokenizer.json", 64 * mebibyte, true},
-    {"tokenizer_config.json", 4 * mebibyte, true},
-    {"special_tokens_map.json", 1 * mebibyte, false},
-    {"chat_template.jinja", 4 * mebibyte, false},
-    {"chat_template.json", 4 * mebibyte, false},
-}};
+constexpr std::uint64_t smallFileBytes = 67108864;
+
+using Sidecar = SupportedModel::Sidecar;
 
 bool isRemoteNotFound(const RepackError& error) {
   if (const auto* status = error.as<RemoteHTTPStatus>()) return status->status == 404;
@@ -65,45 +51,12 @@ std::optional<RemoteFileInfo> resolveSidecar(const HuggingFaceRemoteSource& remo
   }
 }
 
-/// The first layer with experts decides: every layer of a valid layout has the same dimensions.
-const LayerFilePlan* firstExpertLayer(const RepackPlan& plan) {
-  const auto layer = std::find_if(plan.layers.begin(), plan.layers.end(), [](const LayerFilePlan& candidate) {
-    return candidate.expertsPerLayer > 0;
-  });
-  return layer == plan.layers.end() ? nullptr : &*layer;
-}
-
 std::string encodedLayout(const RepackPlan& plan) {
-  const LayerFilePlan* layer = firstExpertLayer(plan);
+  const LayerFilePlan* layer = plan.firstExpertLayer();
   return MorlenJSON::encodeLayout(plan, layer == nullptr ? 0 : layer->expertStride);
 }
 
-std::int64_t routedExpertBits(const RepackPlan& plan) {
-  const auto layer = std::find_if(plan.layers.begin(), plan.layers.end(), [](const LayerFilePlan& candidate) {
-    return !candidate.subTensors.empty();
-  });
-  return layer == plan.layers.end() ? 4 : layer->subTensors.front().bitsForWeights.value_or(4);
-}
-
-std::map<std::string, std::int64_t> manifestBitWidths(const RepackPlan& plan) {
-  std::map<std::string, std::int64_t> widths = {{"embedding", 4},
-                                                {"attention", 4},
-                                                {"router", 8},
-                                                {"sharedExpert", 8},
-                                                {"routedExpert", routedExpertBits(plan)}};
-  for (const ResidentEntry& entry : plan.resident.entries) {
-    if (!entry.quantSpec) continue;
-    const std::string_view name = entry.name;
-    const std::int64_t bits = entry.quantSpec->bits;
-    if (name == "language_model.model.embed_tokens.weight") widths["embedding"] = bits;
-    if (name.ends_with(".self_attn.q_proj.weight")) widths["attention"] = bits;
-    if (name.ends_with(".router.proj.weight")) widths["router"] = bits;
-    if (name.ends_with(".mlp.gate_proj.weight")) widths["sharedExpert"] = bits;
-  }
-  return widths;
-}
-
-/// What is known of an output so far.
+/// The result of hashing an output, complete or up to a failure.
 struct HashedOutput {
   std::uint64_t size = 0;
   std::string sha256;
@@ -143,10 +96,9 @@ void hashOutput(int fd, const std::string& file, const CancellationToken& stop, 
 }
 
 std::vector<std::string> payloadPaths(const RepackPlan& plan) {
-  std::vector<std::string> relativePaths = {"model_weights.bin"};
+  std::vector<std::string> relativePaths = {MorlenFormatV1::weightsPath};
   for (const LayerFilePlan& layer : plan.layers) {
-    if (layer.expertsPerLayer < 1) continue;
-    relativePaths.push_back("packed_experts/" + lastPathComponent(layer.path));
+    if (layer.hasFile()) relativePaths.push_back(layer.relativePath());
   }
   return relativePaths;
 }
@@ -240,20 +192,20 @@ void ArtifactRecorder::writeLayout() {
 void ArtifactRecorder::copyRemoteMetadataSidecars(const RemoteSnapshot& snapshot,
                                                   const HuggingFaceRemoteSource& remote) {
   throwIfCancelled(stop_);
-  const std::string directory = path(sidecarDirectory);
-  const std::string config = joinPath(sidecarDirectory, IndexLoader::configFilename);
+  const std::string directory = path(MorlenFormatV1::tokenizerDirectory);
+  const std::string config = joinPath(MorlenFormatV1::tokenizerDirectory, IndexLoader::configFilename);
   makeDirectory(directory);
   clearPlace(config);
   Posix::atomicWrite(snapshot.config, path(config), directory, Posix::FileMode::shared);
   recordOutputFile(config);
-  for (const Sidecar& sidecar : sidecars) {
+  for (const Sidecar& sidecar : supportedModel.sidecars) {
     throwIfCancelled(stop_);
     const std::optional<RemoteFileInfo> info = resolveSidecar(remote, sidecar, audit_);
     if (!info) continue;
-    clearPlace(joinPath(sidecarDirectory, sidecar.name));
-    remote.fetchSmallFile(sidecar.name, *info, sidecar.capBytes, joinPath(directory, sidecar.name),
+    clearPlace(joinPath(MorlenFormatV1::tokenizerDirectory, sidecar.name));
+    remote.fetchSmallFile(sidecar.name, *info, sidecar.maximumBytes, joinPath(directory, sidecar.name),
                           Posix::FileMode::shared, &audit_);
-    recordOutputFile(joinPath(sidecarDirectory, sidecar.name));
+    recordOutputFile(joinPath(MorlenFormatV1::tokenizerDirectory, sidecar.name));
   }
   Posix::fsyncDirectory(directory);
 }
@@ -283,11 +235,11 @@ std::vector<RepackAudit::OutputFile> ArtifactRecorder::writeManifestAndReceipt(
   for (const RepackAudit::OutputFile& output : audit_.outputFiles) {
     files.push_back({output.relativePath, {output.size, output.sha256}});
   }
-  const LayerFilePlan* layer = firstExpertLayer(plan_);
+  const LayerFilePlan* layer = plan_.firstExpertLayer();
   const std::string manifest = MorlenJSON::encodeManifest(
       plan_, plan_.matchedModelID.value_or("unknown/snapshot"), snapshot.metadata.indexSha256Hex, files,
       layer == nullptr ? 0 : layer->expertsPerLayer, plan_.arch.numLayers,
-      layer == nullptr ? 0 : layer->expertStride, manifestBitWidths(plan_));
+      layer == nullptr ? 0 : layer->expertStride, MorlenJSON::bitWidths(plan_, supportedModel));
   const std::string temporary = path(std::string(MorlenFormatV1::manifestPath) + ".tmp");
   Posix::atomicWrite(manifest, temporary, partialDirectory_, Posix::FileMode::shared);
   audit_.outputBytesWritten += manifest.size();

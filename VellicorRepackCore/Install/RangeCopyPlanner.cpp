@@ -101,13 +101,10 @@ std::vector<RangeCopy> scalarCopies(const RepackPlan& plan) {
 std::vector<RemoteExpectedOutput> expectedOutputList(const RepackPlan& plan) {
   std::vector<RemoteExpectedOutput> outputs;
   outputs.push_back(
-      {"model_weights.bin",
+      {MorlenFormatV1::weightsPath,
        morlenCheckedAdd(plan.resident.indexSize, plan.resident.residentSize, "resident file size")});
   for (const LayerFilePlan& layer : plan.layers) {
-    if (layer.expertsPerLayer < 1) continue;
-    const auto experts = static_cast<std::uint64_t>(layer.expertsPerLayer);
-    outputs.push_back({"packed_experts/" + lastPathComponent(layer.path),
-                       morlenCheckedMultiply(experts, layer.expertStride, "layer file size")});
+    if (layer.hasFile()) outputs.push_back({layer.relativePath(), layer.fileBytes("layer file size")});
   }
   std::stable_sort(outputs.begin(), outputs.end(), [](const auto& left, const auto& right) {
     return left.relativePath < right.relativePath;

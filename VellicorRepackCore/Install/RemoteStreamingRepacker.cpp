@@ -66,9 +66,7 @@ std::uint64_t totalOutputBytes(const RepackPlan& plan) {
   constexpr const char* field = "output size";
   std::uint64_t total = morlenCheckedAdd(plan.resident.indexSize, plan.resident.residentSize, field);
   for (const LayerFilePlan& layer : plan.layers) {
-    const std::uint64_t bytes =
-        morlenCheckedMultiply(static_cast<std::uint64_t>(layer.expertsPerLayer), layer.expertStride, field);
-    total = morlenCheckedAdd(total, bytes, field);
+    total = morlenCheckedAdd(total, layer.fileBytes(field), field);
   }
   return total;
 }
@@ -261,7 +259,7 @@ class LockedInstall {
 
   /// Creates every output at its final size, sparse, with the resident index in place, all of it durable.
   void createOutputFiles() {
-    const std::string expertsDirectory = joinPath(paths_.partialDirectory, "packed_experts");
+    const std::string expertsDirectory = joinPath(paths_.partialDirectory, MorlenFormatV1::expertsDirectory);
     Posix::mkdir(expertsDirectory);
     {
       const FileDescriptor resident = ResidentWriter::createAndWriteIndex(plan_.resident, audit_);
@@ -269,11 +267,9 @@ class LockedInstall {
     }
     Posix::fsyncDirectory(paths_.partialDirectory);
     for (const LayerFilePlan& layer : plan_.layers) {
-      if (layer.expertsPerLayer < 1) continue;
+      if (!layer.hasFile()) continue;
       const FileDescriptor file = Posix::openCreateRWNoFollow(layer.path);
-      Posix::ftruncate(file.get(), layer.path,
-                       morlenCheckedMultiply(static_cast<std::uint64_t>(layer.expertsPerLayer),
-                                             layer.expertStride, "layer file size"));
+      Posix::ftruncate(file.get(), layer.path, layer.fileBytes("layer file size"));
       Posix::fsync(file.get(), layer.path);
     }
     Posix::fsyncDirectory(expertsDirectory);

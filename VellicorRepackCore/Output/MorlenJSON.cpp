@@ -1,5 +1,6 @@
 #include "VellicorRepackCore/Output/MorlenJSON.h"
 
+#include <algorithm>
 #include <limits>
 #include <utility>
 
@@ -163,6 +164,24 @@ std::string MorlenJSON::encodeManifest(const RepackPlan& plan, const std::string
   manifest.expertStride = expertStride;
   manifest.bitWidthOverridesHonored = plan.bitsOverrideCount;
   return MorlenManifestCodec::encode(manifest);
+}
+
+std::map<std::string, std::int64_t> MorlenJSON::bitWidths(const RepackPlan& plan,
+                                                          const SupportedModel& model) {
+  std::map<std::string, std::int64_t> widths;
+  for (const auto& [slot, nameEnd, defaultBits] : model.bitWidthSlots) {
+    std::int64_t& bits = widths[slot] = defaultBits;
+    if (nameEnd.empty()) {
+      const auto layer = std::ranges::find_if(
+          plan.layers, [](const LayerFilePlan& candidate) { return !candidate.subTensors.empty(); });
+      if (layer != plan.layers.end()) bits = layer->subTensors.front().bitsForWeights.value_or(defaultBits);
+      continue;
+    }
+    for (const ResidentEntry& entry : plan.resident.entries) {
+      if (entry.quantSpec && entry.name.ends_with(nameEnd)) bits = entry.quantSpec->bits;
+    }
+  }
+  return widths;
 }
 
 }  // namespace vellicor

@@ -8,6 +8,7 @@
 
 #include "VellicorFormat/MorlenManifestV1.h"
 #include "VellicorRepackCore/Planning/RepackPlanner.h"
+#include "VellicorRepackCore/Source/SupportedModel.h"
 
 namespace vellicor {
 
@@ -36,6 +37,9 @@ struct MorlenJSON {
                                     const std::vector<NamedFile>& files, std::int64_t expertsPerLayer,
                                     std::int64_t numLayers, std::uint64_t expertStride,
                                     const std::map<std::string, std::int64_t>& bitWidths);
+
+  /// The weight bit width of every quantisation slot, as the plan's tensors have it.
+  static std::map<std::string, std::int64_t> bitWidths(const RepackPlan& plan, const SupportedModel& model);
 };
 
 }  // namespace vellicor

@@ -330,6 +330,17 @@ ResidentFilePlan planResidentFile(std::string path, const std::vector<const Sour
 
 }  // namespace
 
+std::string LayerFilePlan::relativePath() const { return MorlenFormatV1::layerPath(lastPathComponent(path)); }
+
+std::uint64_t LayerFilePlan::fileBytes(std::string_view field) const {
+  return MorlenFormatV1::layerBytes(expertsPerLayer, expertStride, field);
+}
+
+const LayerFilePlan* RepackPlan::firstExpertLayer() const {
+  const auto layer = std::ranges::find_if(layers, &LayerFilePlan::hasFile);
+  return layer == layers.end() ? nullptr : &*layer;
+}
+
 RepackPlan RepackPlanner::plan(const IndexLoader::SourceMetadata& meta, const ArchInfo& arch,
                                const std::vector<Safetensors::Header>& shardHeaders,
                                const std::string& outputDir) try {

@@ -44,6 +44,13 @@ struct LayerFilePlan {
   std::uint64_t expertStride = 0;
   /// In blob order.
   std::vector<PerExpertTensorSlice> subTensors;
+
+  bool hasFile() const { return expertsPerLayer > 0; }
+  /// The file's path inside the artifact.
+  std::string relativePath() const;
+  /// The file's size in bytes. Throws `MorlenFormatError` overflow(field).
+  std::uint64_t fileBytes(std::string_view field) const;
+
   bool operator==(const LayerFilePlan&) const = default;
 };
 
@@ -95,6 +102,10 @@ struct RepackPlan {
   std::optional<std::string> matchedModelID;
   /// Dropped vision and audio tensors, sorted ascending.
   std::vector<std::string> excludedMultimodalTensorNames;
+
+  /// The first layer with a file, or nullptr: every layer of a valid layout has the same dimensions.
+  const LayerFilePlan* firstExpertLayer() const;
+
   bool operator==(const RepackPlan&) const = default;
 };
 
