@@ -6,7 +6,7 @@
 #include <fmt/format.h>
 
 #include "VellicorArtifact/FormatErrors.h"
-#include "VellicorFormat/UnicodeText.h"
+#include "VellicorFormat/Unicode.h"
 #include "VellicorRepackCore/Base/Sha256Stream.h"
 
 namespace vellicor {
@@ -55,8 +55,8 @@ void checkLayout(const MorlenManifestV1& manifest, const MorlenPackedExpertsLayo
 
 ArtifactMetadata ArtifactMetadata::read(const MorlenDirectoryAccess& directory) {
   ArtifactMetadata metadata;
-  const std::string manifest =
-      readRecord(directory, MorlenFormatV1::manifestPath, MorlenFormatV1::manifestMaxBytes, metadata.manifestFile);
+  const std::string manifest = readRecord(directory, MorlenFormatV1::manifestPath,
+                                          MorlenFormatV1::manifestMaxBytes, metadata.manifestFile);
   metadata.manifest = withFormatErrors(std::string(MorlenFormatV1::manifestPath) + " invalid",
                                        [&] { return MorlenManifestCodec::decode(manifest); });
 

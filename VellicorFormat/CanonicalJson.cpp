@@ -7,7 +7,7 @@
 
 #include <fmt/format.h>
 
-#include "VellicorFormat/UnicodeText.h"
+#include "VellicorFormat/Unicode.h"
 
 namespace vellicor {
 namespace {

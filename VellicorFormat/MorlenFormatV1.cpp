@@ -5,7 +5,7 @@
 #include <limits>
 #include <utility>
 
-#include "VellicorFormat/UnicodeText.h"
+#include "VellicorFormat/Unicode.h"
 
 namespace vellicor {
 namespace {

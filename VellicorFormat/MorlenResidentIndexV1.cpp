@@ -12,7 +12,7 @@
 #include <fmt/format.h>
 
 #include "VellicorFormat/ByteRanges.h"
-#include "VellicorFormat/UnicodeText.h"
+#include "VellicorFormat/Unicode.h"
 
 namespace vellicor {
 namespace {

@@ -8,7 +8,7 @@ namespace vellicor {
 
 namespace {
 
-/// What lies where in the files that hold tensors, in any order.
+/// The regions of the files that hold tensors, in any order.
 std::map<std::string, std::vector<Region>> tensorRegions(const Artifact& artifact,
                                                          const std::vector<StoredTensor>& tensors) {
   std::map<std::string, std::vector<Region>> files;
@@ -27,7 +27,7 @@ std::map<std::string, std::vector<Region>> tensorRegions(const Artifact& artifac
   return files;
 }
 
-/// Sorts regions and puts padding between them and behind them.
+/// Sorts regions, and puts padding between and after them.
 std::vector<Region> withPadding(std::vector<Region> regions, std::uint64_t size) {
   std::ranges::sort(regions, {}, &Region::start);
   std::vector<Region> all;
@@ -48,9 +48,9 @@ std::vector<Region> withPadding(std::vector<Region> regions, std::uint64_t size)
 
 ByteMap byteMap(const Artifact& artifact, const std::vector<StoredTensor>& tensors) {
   auto regions = tensorRegions(artifact, tensors);
-  std::map<std::string, std::int64_t> layers;
+  std::map<std::string, const MorlenLayerV1*> layers;
   for (const MorlenLayerV1& layer : artifact.metadata.layout.layers) {
-    layers[MorlenFormatV1::layerPath(layer.file)] = layer.layer;
+    layers[MorlenFormatV1::layerPath(layer.file)] = &layer;
   }
   auto listed = artifact.manifest().files;
   listed[MorlenFormatV1::manifestPath] = artifact.metadata.manifestFile;
@@ -69,7 +69,8 @@ ByteMap byteMap(const Artifact& artifact, const std::vector<StoredTensor>& tenso
     for (const Region& region : entry.regions) map.familyBytes[region.family] += region.bytes();
   }
   std::ranges::sort(map.files, {}, [](const FileMap& file) {
-    return std::tuple(file.path != MorlenFormatV1::weightsPath, file.layer.value_or(-1), file.path);
+    return std::tuple(file.path != MorlenFormatV1::weightsPath, file.layer ? file.layer->layer : -1,
+                      file.path);
   });
   return map;
 }

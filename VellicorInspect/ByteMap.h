@@ -16,7 +16,7 @@ struct Region {
   std::uint64_t start;
   std::uint64_t end;
   Family family;
-  /// What lies there, unless it is no tensor; in the list that the map was made from.
+  /// The tensor that lies there, if any, in the list that the map was made from.
   const StoredTensor* tensor = nullptr;
   std::optional<std::int64_t> expert{};
 
@@ -28,10 +28,11 @@ struct FileMap {
   std::uint64_t size = 0;
   /// Without gap or overlap from the file's first byte to its end.
   std::vector<Region> regions{};
-  std::optional<std::int64_t> layer{};
+  /// The layer of a layer file.
+  const MorlenLayerV1* layer = nullptr;
 };
 
-/// What every byte of an artifact is for.
+/// The purpose of every byte of an artifact.
 struct ByteMap {
   /// The resident file, the small files by path, the layer files by layer.
   std::vector<FileMap> files;
@@ -39,8 +40,8 @@ struct ByteMap {
   std::uint64_t totalBytes = 0;
 };
 
-/// The map of an artifact, its receipt left out. Refers to `tensors`, which are the artifact's. Throws
-/// `MorlenFormatError` when the files are together larger than any size.
+/// The map of an artifact without its receipt. It refers to the artifact and to `tensors`, the artifact's.
+/// Throws `MorlenFormatError` when the sum of the sizes overflows.
 ByteMap byteMap(const Artifact& artifact, const std::vector<StoredTensor>& tensors);
 
 }  // namespace vellicor

@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <utility>
 
+#include "VellicorTerminal/Options.h"
+
 namespace vellicor {
 
 const std::string_view inspectUsage =
@@ -24,10 +26,9 @@ const std::string_view inspectUsage =
 
 namespace {
 
-/// What the arguments said, before it is known whether it makes sense together.
+/// The arguments before it is known whether they make sense together.
 struct Scanned {
-  std::optional<std::string> model, svg, tensor, output;
-  std::optional<std::int64_t> expert;
+  std::optional<std::string> model, svg, tensor, output, expert;
   std::vector<std::string> globs;
   bool tensors = false, layers = false, json = false, force = false, help = false;
 };
@@ -44,47 +45,25 @@ std::int64_t expertNumber(const std::string& text) {
 
 Scanned scan(const std::vector<std::string>& arguments) {
   Scanned scanned;
+  const std::vector<Option> options = {{"--help", &scanned.help},     {"--tensors", &scanned.tensors},
+                                       {"--layers", &scanned.layers}, {"--json", &scanned.json},
+                                       {"--force", &scanned.force},   {"--match", &scanned.globs},
+                                       {"--svg", &scanned.svg},       {"--tensor", &scanned.tensor},
+                                       {"--expert", &scanned.expert}, {"--output", &scanned.output}};
   for (std::size_t i = 1; i < arguments.size(); ++i) {
-    const std::string& argument = arguments[i];
-    const auto value = [&]() -> const std::string& {
-      if (i + 1 == arguments.size()) throw UsageError("missing value for " + argument);
-      return arguments[++i];
-    };
-    if (argument == "--help") {
-      scanned.help = true;
-    } else if (argument == "--tensors") {
-      scanned.tensors = true;
-    } else if (argument == "--layers") {
-      scanned.layers = true;
-    } else if (argument == "--json") {
-      scanned.json = true;
-    } else if (argument == "--force") {
-      scanned.force = true;
-    } else if (argument == "--match") {
-      scanned.globs.push_back(value());
-    } else if (argument == "--svg") {
-      scanned.svg = value();
-    } else if (argument == "--tensor") {
-      scanned.tensor = value();
-    } else if (argument == "--expert") {
-      scanned.expert = expertNumber(value());
-    } else if (argument == "--output") {
-      scanned.output = value();
-    } else if (argument.starts_with("-") || scanned.model) {
-      throw UsageError("unknown argument: " + argument);
-    } else {
-      scanned.model = argument;
-    }
+    if (takeOption(options, arguments, i)) continue;
+    if (arguments[i].starts_with("-") || scanned.model) throw UsageError::unknown(arguments[i]);
+    scanned.model = arguments[i];
   }
   return scanned;
 }
 
 void requireSense(const Scanned& scanned) {
-  if (!scanned.model) throw UsageError("missing required argument: <model.morlen>");
+  if (!scanned.model) throw UsageError::missingRequired("<model.morlen>");
   if (scanned.tensors + scanned.layers + scanned.svg.has_value() + scanned.tensor.has_value() > 1) {
     throw UsageError("--tensors, --layers, --svg and --tensor are mutually exclusive");
   }
-  if (scanned.tensor && !scanned.output) throw UsageError("missing required argument: --output");
+  if (scanned.tensor && !scanned.output) throw UsageError::missingRequired("--output");
   if (!scanned.tensor && (scanned.output || scanned.expert)) {
     throw UsageError("--output and --expert require --tensor");
   }
@@ -99,6 +78,7 @@ void requireSense(const Scanned& scanned) {
 InspectArguments parseInspectArguments(const std::vector<std::string>& arguments) {
   Scanned scanned = scan(arguments);
   if (scanned.help) return {.model = "", .request = HelpRequest{}};
+  const auto expert = scanned.expert ? std::optional(expertNumber(*scanned.expert)) : std::nullopt;
   requireSense(scanned);
   InspectArguments parsed{.model = *scanned.model, .json = scanned.json, .request = SummaryRequest{}};
   const auto existing = scanned.force ? OutputFile::Existing::replace : OutputFile::Existing::refuse;
@@ -106,7 +86,7 @@ InspectArguments parseInspectArguments(const std::vector<std::string>& arguments
   if (scanned.layers) parsed.request = LayersRequest{};
   if (scanned.svg) parsed.request = PictureRequest{*scanned.svg, existing};
   if (scanned.tensor) {
-    parsed.request = ExportRequest{*scanned.tensor, scanned.expert, *scanned.output, existing};
+    parsed.request = ExportRequest{*scanned.tensor, expert, *scanned.output, existing};
   }
   return parsed;
 }

@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -12,14 +11,8 @@
 
 namespace vellicor {
 
-/// The usage text, without a line feed behind its last line.
+/// Without a line feed at its end.
 extern const std::string_view inspectUsage;
-
-/// Arguments that make no sense.
-class UsageError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
 
 struct HelpRequest {};
 struct SummaryRequest {};
@@ -40,7 +33,7 @@ struct ExportRequest {
 
 struct InspectArguments {
   std::string model;
-  /// JSON instead of a table; of a summary and of lists only.
+  /// JSON instead of a table, for a summary and for lists.
   bool json = false;
   std::variant<HelpRequest, SummaryRequest, TensorsRequest, LayersRequest, PictureRequest, ExportRequest>
       request;

@@ -1,10 +1,12 @@
 #include "VellicorInspect/JsonReport.h"
 
 #include <functional>
+#include <iterator>
 #include <utility>
 
+#include <fmt/format.h>
+
 #include "VellicorFormat/CanonicalJson.h"
-#include "VellicorInspect/Text.h"
 
 namespace vellicor {
 
@@ -12,7 +14,24 @@ namespace {
 
 CanonicalJson newDocument() { return {CanonicalJson::Layout::pretty, CanonicalJson::Slashes::plain}; }
 
-std::string finished(CanonicalJson&& json) { return printableJson(std::move(json).take()) + "\n"; }
+/// JSON lets DEL and the C1 control characters pass, which a terminal obeys.
+std::string withEscapedControls(std::string_view json) {
+  std::string out;
+  for (std::size_t at = 0; at < json.size(); ++at) {
+    const auto byte = static_cast<unsigned char>(json[at]);
+    const auto next = at + 1 < json.size() ? static_cast<unsigned char>(json[at + 1]) : 0U;
+    const bool isHighControl = byte == 0xC2 && next >= 0x80 && next < 0xA0;
+    if (byte != 0x7F && !isHighControl) {
+      out += json[at];
+      continue;
+    }
+    fmt::format_to(std::back_inserter(out), "\\u{:04x}", isHighControl ? next : byte);
+    if (isHighControl) ++at;
+  }
+  return out;
+}
+
+std::string finished(CanonicalJson&& json) { return withEscapedControls(std::move(json).take()) + "\n"; }
 
 template <typename T>
 void optionalMember(CanonicalJson& json, std::string_view key, const std::optional<T>& value) {

@@ -7,16 +7,16 @@
 
 namespace vellicor {
 
-// The same answers for programs: JSON in the canonical form, and a line feed. Numbers of bytes are exact,
-// members that do not apply are absent.
+// The same answers for programs: JSON in the canonical form, and a line feed. Numbers of bytes are exact.
+// Members that do not apply are absent.
 
-/// One object: the manifest's members, but with the manifest itself among the files, and "familyBytes",
-/// "receipt" (what there is of it) and "totalBytes".
+/// One object: the manifest's members, with the manifest itself among the files, and "familyBytes", "receipt"
+/// (its known members) and "totalBytes".
 std::string summaryJson(const Inspection& inspection);
 
-/// An array with one object for each tensor. That of a routed tensor has "bytes" and "offset" of its first
-/// expert, "experts" (their number) and "expertStride": expert e lies at offset + e x expertStride. Where
-/// that is not so, "expertIDs" and "offsets" list each expert and its place.
+/// An array with one object for each tensor. A routed tensor has "bytes" and "offset" of its first expert,
+/// "experts" (their number) and "expertStride": expert e lies at offset + e x expertStride. If the experts
+/// lie otherwise, "expertIDs" and "offsets" list each expert and its place instead of the stride.
 std::string tensorsJson(const std::vector<const StoredTensor*>& tensors, std::uint64_t expertStride);
 
 /// An array with one object for each layer.

@@ -2,9 +2,11 @@
 
 #include <fmt/format.h>
 
-#include "VellicorInspect/EndingSignals.h"
 #include "VellicorRepackCore/Base/Errors.h"
+#include "VellicorRepackCore/Base/Paths.h"
 #include "VellicorRepackCore/Base/Random.h"
+#include "VellicorRepackCore/FileSystem/Posix.h"
+#include "VellicorTerminal/Signals.h"
 
 namespace vellicor {
 
@@ -13,6 +15,10 @@ namespace {
 std::string physicalTarget(const std::string& path) {
   const std::string absolute = standardizedPath(path);
   return joinPath(Posix::physicalPath(parentPath(absolute)), lastPathComponent(absolute));
+}
+
+void throwIfSignalled() {
+  if (Signals::hasCome()) throw CancellationError();
 }
 
 }  // namespace
@@ -26,7 +32,7 @@ OutputFile::OutputFile(const std::string& path, Existing existing)
 }
 
 void OutputFile::append(std::span<const std::byte> bytes) {
-  EndingSignals::throwIfNoted();
+  throwIfSignalled();
   Posix::pwriteAll(file_.get(), temporary_.path(), bytes.data(), static_cast<std::int64_t>(bytes.size()),
                    size_);
   size_ += bytes.size();
@@ -35,9 +41,9 @@ void OutputFile::append(std::span<const std::byte> bytes) {
 void OutputFile::finish() {
   Posix::fsync(file_.get(), temporary_.path());
   file_.reset();
-  // Once more for what came while the file was written.
+  // Another program may have written the file meanwhile.
   requireFree();
-  EndingSignals::throwIfNoted();
+  throwIfSignalled();
   Posix::rename(temporary_.path(), path_);
   temporary_.keep();
 }

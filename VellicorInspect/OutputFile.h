@@ -10,17 +10,17 @@
 
 namespace vellicor {
 
-/// A file that a person asked for: written under another name beside its own, so that it is there whole or
-/// not at all.
+/// A file that a person asked for. It is written under another name in the same directory, so that it is
+/// there whole or not at all.
 class OutputFile {
  public:
   enum class Existing { refuse, replace };
 
-  /// Throws `configurationInvalid` when something stands there that may not be replaced; only a regular file
-  /// ever may. Links on the way are followed.
+  /// Throws `configurationInvalid` when the path exists and may not be replaced; only a regular file may.
+  /// Links on the way are followed.
   OutputFile(const std::string& path, Existing existing);
 
-  /// As `finish`, throws `CancellationError` once a signal asked the program to end.
+  /// This and `finish` throw `CancellationError` once a signal has asked the program to end.
   void append(std::span<const std::byte> bytes);
   void append(std::string_view text) { append(std::as_bytes(std::span(text))); }
 

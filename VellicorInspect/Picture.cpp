@@ -1,10 +1,7 @@
 #include "VellicorInspect/Picture.h"
 
 #include <algorithm>
-#include <array>
-#include <bit>
 #include <cstddef>
-#include <cstdlib>
 #include <map>
 #include <span>
 #include <string>
@@ -14,61 +11,41 @@
 
 #include <fmt/format.h>
 
-#include "VellicorInspect/SvgText.h"
-#include "VellicorInspect/Text.h"
+#include "VellicorInspect/SvgWriter.h"
+#include "VellicorTerminal/Escaping.h"
+#include "VellicorTerminal/TerminalText.h"
+#include "VellicorTerminal/Units.h"
 
 namespace vellicor {
 
 namespace {
 
-using Anchor = SvgText::Anchor;
+using Anchor = SvgWriter::Anchor;
 
 // In units of the picture.
 constexpr double pictureWidth = 1200;
 constexpr double margin = 40;
 constexpr double barLeft = 256;
-/// Of the longest file's bar; the size is written behind it.
+/// The longest file's bar; the file's size follows it.
 constexpr double scaleWidth = 810;
 constexpr double innerRight = pictureWidth - margin;
 constexpr double rowPitch = 17;
 constexpr double rowBar = 12;
 constexpr double magnifiedBar = 34;
 constexpr std::size_t legendColumns = 4;
-/// Thinner than this, a region is drawn with its neighbours; thinner than the other, with those of its
-/// family.
+/// A thinner region is drawn together with its neighbours.
 constexpr double thinnest = 0.5;
-/// What is there can be seen, however small it is.
-constexpr double thinnestDrawn = 1;
+/// A thinner region is drawn together with neighbours of its family.
 constexpr double thinInFamily = 3;
+/// Every region can be seen, however small it is.
+constexpr double thinnestDrawn = 1;
 constexpr double characterWidth = 6.2;
-constexpr std::size_t labelCharacters = 32;
-/// Parts of a blob that are thinner have their name only where the pointer rests.
+constexpr std::size_t labelColumns = 32;
+/// Thinner parts of a blob show their name only under the pointer.
 constexpr double narrowestNamed = 2;
 constexpr std::size_t nameSteps = 3;
-/// More files than this are drawn as one; no model has as many, a damaged or hostile artifact may.
+/// No model has more files. A damaged or hostile artifact may: the rest of them is one row.
 constexpr std::size_t maximumRows = 256;
-
-std::string_view colourOf(Family family) {
-  switch (family) {
-    case Family::embedding:
-      return "#3a6fb5";
-    case Family::attention:
-      return "#e08b2d";
-    case Family::router:
-      return "#c23b36";
-    case Family::sharedExpert:
-      return "#2f9d78";
-    case Family::routedExperts:
-      return "#8474bd";
-    case Family::normsAndOther:
-      return "#7d5d3f";
-    case Family::records:
-      return "#86919d";
-    case Family::padding:
-      return "#d9dee4";
-  }
-  std::abort();
-}
 
 /// Regions side by side that are drawn as one.
 struct Stretch {
@@ -84,12 +61,11 @@ struct Stretch {
   std::uint64_t foreignBytes() const { return end - start - bytes.at(family()); }
 };
 
-/// Multiples of a power of two, in the largest unit in which it is a whole number: "1280 MiB" of 256 MiB.
-std::string multipleText(std::uint64_t bytes, std::uint64_t step) {
-  constexpr std::array units = {"B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
-  std::size_t unit = 0;
-  for (; step >= 1024; step /= 1024, bytes /= 1024) ++unit;
-  return bytes == 0 ? "0" : fmt::format("{} {}", bytes, units[unit]);
+/// The largest of 1, 2, 5, 10, 20, 50 and so on that is not above `limit`, which is at least 1.
+std::uint64_t roundStep(std::uint64_t limit) {
+  std::uint64_t power = 1;
+  while (limit / power >= 10) power *= 10;
+  return power * (limit / power >= 5 ? 5 : limit / power >= 2 ? 2 : 1);
 }
 
 class Bar {
@@ -137,9 +113,9 @@ std::string nameOf(const Region& region) {
 std::vector<std::string> titleOf(const Stretch& stretch) {
   std::vector<std::string> title = {nameOf(*stretch.first)};
   if (stretch.first != stretch.last) title[0] += " to " + nameOf(*stretch.last);
-  title.push_back(fmt::format("at {}: {}", stretch.start, exactBytes(stretch.end - stretch.start)));
+  title.push_back(fmt::format("at {}: {}", stretch.start, exactBytesText(stretch.end - stretch.start)));
   for (const auto& [family, bytes] : stretch.bytes) {
-    title.push_back(fmt::format("{} {}", titleOf(family), humanBytes(bytes)));
+    title.push_back(fmt::format("{} {}", titleOf(family), bytesText(bytes)));
   }
   return title;
 }
@@ -168,13 +144,13 @@ class Painter {
 
  private:
   void paintHead() {
-    svg_.text(margin, y_ + 22, "title", elided(printable(manifest_.modelID), 70));
+    svg_.text(margin, y_ + 22, "title", shortened(escaped(manifest_.modelID), 70, Cut::beginning));
     const auto revision = inspection_.artifact.revision();
     const std::string source = revision ? "revision " + *revision
-                                        : "source index " + manifest_.sourceSnapshotHash.value_or("not said");
-    svg_.text(margin, y_ + 44, "small", elided(printable(source), 100));
+                                        : "source index " + manifest_.sourceSnapshotHash.value_or("unknown");
+    svg_.text(margin, y_ + 44, "small", shortened(escaped(source), 100, Cut::beginning));
     svg_.text(innerRight, y_ + 22, "head",
-              fmt::format("{} in {} files", humanBytes(map_.totalBytes), map_.files.size()), Anchor::end);
+              fmt::format("{} in {} files", bytesText(map_.totalBytes), map_.files.size()), Anchor::end);
     svg_.text(innerRight, y_ + 44, "small",
               fmt::format("{} layers of {} experts", layout_.numLayers, layout_.expertsPerLayer),
               Anchor::end);
@@ -184,28 +160,25 @@ class Painter {
   /// One bar of all bytes by family, and the legend.
   void paintShares() {
     double x = margin;
-    for (const Family family : allFamilies) {
-      const auto found = map_.familyBytes.find(family);
-      if (found == map_.familyBytes.end()) continue;
-      const double width = (innerRight - margin) * share(found->second);
-      svg_.box({x, y_, width, 20}, colourOf(family),
-               {fmt::format("{}, {}", titleOf(family), exactBytes(found->second))});
-      x += width;
-    }
-    y_ += 42;
     std::size_t position = 0;
     for (const Family family : allFamilies) {
       const auto found = map_.familyBytes.find(family);
       const std::uint64_t bytes = found == map_.familyBytes.end() ? 0 : found->second;
+      const double width = (innerRight - margin) * share(bytes);
+      if (bytes > 0) {
+        svg_.box({x, y_, width, 20}, colourOf(family),
+                 {fmt::format("{}, {}", titleOf(family), exactBytesText(bytes))});
+      }
+      x += width;
       const double left = margin + 290 * static_cast<double>(position % legendColumns);
-      const double top = position < legendColumns ? y_ : y_ + 22;
+      const double top = y_ + (position < legendColumns ? 42 : 64);
       svg_.box({left, top - 10, 12, 12}, colourOf(family));
       svg_.text(left + 20, top, "label", titleOf(family));
-      svg_.text(left + 198, top, "small", humanBytes(bytes), Anchor::end);
-      svg_.text(left + 250, top, "small", percentage(bytes, map_.totalBytes), Anchor::end);
+      svg_.text(left + 198, top, "small", bytesText(bytes), Anchor::end);
+      svg_.text(left + 250, top, "small", percentText(bytes, map_.totalBytes), Anchor::end);
       ++position;
     }
-    y_ += 62;
+    y_ += 104;
   }
 
   double share(std::uint64_t bytes) const {
@@ -219,9 +192,9 @@ class Painter {
     const std::size_t rows = std::min(map_.files.size(), maximumRows);
     paintScale(longest, rows);
     for (std::size_t row = 0; row < rows; ++row) {
-      const bool isRest = row + 1 == rows && rows < map_.files.size();
-      if (isRest) {
-        paintRest(map_.files.size() - row);
+      const std::size_t left = map_.files.size() - row;
+      if (row + 1 == rows && left > 1) {
+        svg_.text(margin, y_ + 10, "label", fmt::format("and {} more files", left));
       } else {
         paintFile(map_.files[row]);
       }
@@ -229,13 +202,13 @@ class Painter {
     }
   }
 
-  /// Lines behind the bars, at whole multiples of a power of two.
+  /// Lines beneath the bars at round numbers of bytes.
   void paintScale(std::uint64_t longest, std::size_t rows) {
-    const std::uint64_t step = std::bit_floor(std::max<std::uint64_t>(longest / 4, 1));
+    const std::uint64_t step = roundStep(std::max<std::uint64_t>(longest / 4, 1));
     svg_.text(margin, y_, "head", "Files, to scale");
     for (std::uint64_t at = 0; at <= longest; at += step) {
       const double x = barLeft + static_cast<double>(at) * unitsPerByte_;
-      svg_.text(x, y_, "small", multipleText(at, step), Anchor::middle);
+      svg_.text(x, y_, "small", at == 0 ? "0" : bytesText(at), Anchor::middle);
       svg_.line(x, y_ + 6, x, y_ + 12 + rowPitch * static_cast<double>(rows));
       if (longest - at < step) break;
     }
@@ -244,31 +217,28 @@ class Painter {
 
   void paintFile(const FileMap& file) {
     const SvgBox box{barLeft, y_, static_cast<double>(file.size) * unitsPerByte_, rowBar};
-    svg_.text(margin, y_ + 10, "label", elided(printable(file.path), labelCharacters));
+    svg_.text(margin, y_ + 10, "label", shortened(escaped(file.path), labelColumns, Cut::beginning));
     const Bar bar(0, unitsPerByte_, box);
     for (const Stretch& stretch : bar.stretches(file.regions)) {
       SvgBox drawn = bar.box(stretch.start, stretch.end);
       drawn.width = std::max(drawn.width, thinnestDrawn);
       svg_.box(drawn, colourOf(stretch.family()), titleOf(stretch));
     }
-    svg_.text(box.right() + 8, y_ + 10, "small", humanBytes(file.size));
+    svg_.text(box.right() + 8, y_ + 10, "small", bytesText(file.size));
     if (file.layer) magnifiedFile_ = {&file, box};
   }
 
-  void paintRest(std::size_t count) {
-    svg_.text(margin, y_ + 10, "label", fmt::format("and {} more files", count));
-  }
-
-  /// The last layer file that was drawn, cell by cell, and its first blob, sub-tensor by sub-tensor.
+  /// The last layer file expert by expert, and its first blob sub-tensor by sub-tensor.
   void paintMagnified() {
     const auto [file, part] = magnifiedFile_;
     if (file == nullptr) return;
     y_ += 34;
     const SvgBox box{barLeft, y_, innerRight - barLeft, magnifiedBar};
     svg_.wedge({part.x, part.y, part.width, part.height + 2}, box);
-    svg_.text(margin, y_ + 14, "head", elided(printable(lastPart(file->path, '/')), labelCharacters));
+    svg_.text(margin, y_ + 14, "head",
+              shortened(escaped(lastPart(file->path, '/')), labelColumns, Cut::beginning));
     svg_.text(margin, y_ + 29, "small",
-              fmt::format("{} experts, {} each", layout_.expertsPerLayer, humanBytes(layout_.expertStride)));
+              fmt::format("{} experts, {} each", layout_.expertsPerLayer, bytesText(layout_.expertStride)));
     const SvgBox cell = paintCells(*file, box);
     y_ += magnifiedBar + 34;
     paintBlob(*file, cell);
@@ -279,37 +249,29 @@ class Painter {
     const double width = box.width / static_cast<double>(layout_.expertsPerLayer);
     const bool showsCells = width >= 3;
     if (!showsCells) svg_.box(box, colourOf(Family::routedExperts));
-    for (const MorlenExpertV1& expert : layerOf(file).experts) {
+    for (const MorlenExpertV1& expert : file.layer->experts) {
       if (!showsCells) break;
       const std::uint64_t slot = expert.offset / layout_.expertStride;
-      const std::int64_t id = idOf(expert, layerOf(file));
-      svg_.box(
-          {box.x + static_cast<double>(slot) * width, box.y, width - 1, box.height},
-          colourOf(Family::routedExperts),
-          {fmt::format("expert {}", id), fmt::format("at {}: {}", expert.offset, exactBytes(expert.size))});
+      const std::int64_t id = idOf(expert, *file.layer);
+      svg_.box({box.x + static_cast<double>(slot) * width, box.y, width - 1, box.height},
+               colourOf(Family::routedExperts),
+               {fmt::format("expert {}", id),
+                fmt::format("at {}: {}", expert.offset, exactBytesText(expert.size))});
     }
     return {box.x, box.y, std::max(width - 1, thinnestDrawn), box.height};
   }
 
-  const MorlenLayerV1& layerOf(const FileMap& file) const {
-    return *std::ranges::find(layout_.layers, *file.layer, &MorlenLayerV1::layer);
-  }
-
+  /// The router's index of an expert.
   static std::int64_t idOf(const MorlenExpertV1& expert, const MorlenLayerV1& layer) {
     return expert.expert.value_or(&expert - layer.experts.data());
-  }
-
-  /// The router's index of the expert in the first slot.
-  std::int64_t idAtStart(const FileMap& file) const {
-    const MorlenLayerV1& layer = layerOf(file);
-    return idOf(*std::ranges::find(layer.experts, 0U, &MorlenExpertV1::offset), layer);
   }
 
   void paintBlob(const FileMap& file, const SvgBox& cell) {
     const SvgBox box{barLeft, y_, innerRight - barLeft, magnifiedBar};
     svg_.wedge(cell, box);
-    svg_.text(margin, y_ + 14, "head", fmt::format("expert {}", idAtStart(file)));
-    svg_.text(margin, y_ + 29, "small", exactBytes(layout_.expertStride));
+    const auto first = std::ranges::find(file.layer->experts, 0U, &MorlenExpertV1::offset);
+    svg_.text(margin, y_ + 14, "head", fmt::format("expert {}", idOf(*first, *file.layer)));
+    svg_.text(margin, y_ + 29, "small", exactBytesText(layout_.expertStride));
     const auto end = std::ranges::find_if(
         file.regions, [&](const Region& region) { return region.start >= layout_.expertStride; });
     const Bar bar(0, box.width / static_cast<double>(layout_.expertStride), box);
@@ -322,20 +284,21 @@ class Painter {
     y_ += magnifiedBar + 14 * static_cast<double>(nameSteps);
   }
 
-  /// A sub-tensor with its name inside, or below where it does not fit; neighbours' names below go in steps.
+  /// A sub-tensor with its name inside, or below if it does not fit. Names below stand in steps.
   void paintPart(const Stretch& stretch, const SvgBox& box, std::size_t& step) {
     const StoredTensor* tensor = stretch.first->tensor;
     const Family family = stretch.family();
     const bool isFull = tensor == nullptr || tensor->bits;
     svg_.box(box, colourOf(family), titleOf(stretch), isFull ? 1 : 0.6);
     const std::string name =
-        elided(printable(tensor == nullptr ? titleOf(family) : lastPart(tensor->name, '.')), labelCharacters);
-    const double width = characterWidth * static_cast<double>(characterCount(name));
+        shortened(escaped(tensor == nullptr ? titleOf(family) : lastPart(tensor->name, '.')), labelColumns,
+                  Cut::beginning);
+    const double width = characterWidth * static_cast<double>(displayColumns(name));
     const double middle = box.x + box.width / 2;
     if (width + 12 < box.width) {
       const std::string_view style = family == Family::padding ? "small" : "inside";
       svg_.text(middle, box.y + 15, style, name, Anchor::middle);
-      svg_.text(middle, box.y + 28, style, humanBytes(stretch.end - stretch.start), Anchor::middle);
+      svg_.text(middle, box.y + 28, style, bytesText(stretch.end - stretch.start), Anchor::middle);
       step = 0;
     } else if (box.width > narrowestNamed) {
       const double top = box.bottom() + 5 + 14 * static_cast<double>(step);
@@ -351,7 +314,7 @@ class Painter {
   const ByteMap& map_;
   const MorlenManifestV1& manifest_;
   const MorlenPackedExpertsLayoutV1& layout_;
-  SvgText svg_;
+  SvgWriter svg_;
   double y_ = margin - 12;
   double unitsPerByte_ = 0;
   std::pair<const FileMap*, SvgBox> magnifiedFile_{};

@@ -7,8 +7,8 @@
 namespace vellicor {
 
 /// An SVG picture, 1200 units wide, of where an artifact's bytes are: the shares of the families, every file
-/// to scale, and one layer file and one of its experts magnified. Stands alone, and is the same text for the
-/// same artifact. What would be thinner than half a unit is drawn with its neighbours.
+/// to scale, and one layer file and one of its experts magnified. It needs no other file, and the same
+/// artifact gives the same text. Regions thinner than half a unit are drawn together with their neighbours.
 std::string picture(const Inspection& inspection);
 
 }  // namespace vellicor

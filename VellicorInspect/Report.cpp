@@ -9,7 +9,9 @@
 #include <fmt/ranges.h>
 #include <fnmatch.h>
 
-#include "VellicorInspect/Text.h"
+#include "VellicorInspect/Table.h"
+#include "VellicorTerminal/Escaping.h"
+#include "VellicorTerminal/Units.h"
 
 namespace vellicor {
 
@@ -19,11 +21,11 @@ constexpr auto left = Table::Align::left;
 constexpr auto right = Table::Align::right;
 
 std::string line(std::string_view label, std::string_view text) {
-  return fmt::format("{:<14}{}\n", label, printable(text));
+  return fmt::format("{:<14}{}\n", label, escaped(text));
 }
 
 std::string sourceLines(const Artifact& artifact) {
-  const auto text = [](const std::optional<std::string>& value) { return value.value_or("not said"); };
+  const auto text = [](const std::optional<std::string>& value) { return value.value_or("unknown"); };
   std::string lines = line("model", artifact.manifest().modelID);
   lines += line("source index", text(artifact.manifest().sourceSnapshotHash));
   if (!artifact.receipt) return lines + line("receipt", artifact.receiptProblem);
@@ -42,7 +44,7 @@ std::string architectureLines(const MorlenManifestV1& manifest) {
   lines += line("layers", fmt::format("{}, {} of them with full attention, the others with a window of {}",
                                       arch.numLayers, full, arch.slidingWindow));
   lines += line("experts", fmt::format("{} a layer, {} chosen for a token, {} each", arch.numExperts,
-                                       arch.topKExperts, humanBytes(manifest.expertStride)));
+                                       arch.topKExperts, bytesText(manifest.expertStride)));
   lines += line("dimensions",
                 fmt::format("hidden {}, shared expert {}, routed expert {}, vocabulary {}", arch.hiddenSize,
                             arch.ffnIntermediate, arch.moeIntermediateSize, arch.vocabSize));
@@ -50,7 +52,7 @@ std::string architectureLines(const MorlenManifestV1& manifest) {
 }
 
 std::string quantisationTable(const MorlenManifestV1& manifest) {
-  if (!manifest.quant) return line("quantisation", "not said");
+  if (!manifest.quant) return line("quantisation", "unknown");
   const MorlenManifestQuantV1& quant = *manifest.quant;
   Table table({left, right, right, left, left, left}, std::nullopt);
   table.add({"quantisation", "bits", "group", "scheme", "scales", "biases"});
@@ -62,8 +64,8 @@ std::string quantisationTable(const MorlenManifestV1& manifest) {
       {Family::routedExperts, &quant.routedExpert}};
   for (const auto& [family, slot] : slots) {
     table.add({fmt::format("  {}", titleOf(family)), std::to_string(slot->weightBits),
-               std::to_string(slot->groupSize), printable(slot->scheme), printable(slot->scaleType),
-               printable(slot->biasType)});
+               std::to_string(slot->groupSize), escaped(slot->scheme), escaped(slot->scaleType),
+               escaped(slot->biasType)});
   }
   return table.text();
 }
@@ -72,8 +74,8 @@ std::string sizesTable(const ByteMap& map) {
   Table table({left, right, right, right}, std::nullopt);
   table.add({"bytes", "", "", "share"});
   const auto add = [&](std::string_view title, std::uint64_t bytes) {
-    table.add({fmt::format("  {}", title), humanBytes(bytes), std::to_string(bytes),
-               percentage(bytes, map.totalBytes)});
+    table.add({fmt::format("  {}", title), bytesText(bytes), std::to_string(bytes),
+               percentText(bytes, map.totalBytes)});
   };
   for (const Family family : allFamilies) {
     const auto found = map.familyBytes.find(family);
@@ -147,8 +149,8 @@ std::string tensorsText(const std::vector<const StoredTensor*>& tensors, std::op
   table.add({"tensor", "dtype", "shape", "bits", "file", "offset", "bytes"});
   for (const StoredTensor* tensor : tensors) {
     const bool isRouted = !tensor->experts.empty();
-    table.add({printable(tensor->name), tensor->dtype, shapeText(tensor->shape),
-               tensor->bits ? std::to_string(*tensor->bits) : "-", printable(tensor->file),
+    table.add({escaped(tensor->name), tensor->dtype, shapeText(tensor->shape),
+               tensor->bits ? std::to_string(*tensor->bits) : "-", escaped(tensor->file),
                std::to_string(tensor->offset),
                isRouted ? fmt::format("{} x {}", tensor->experts.size(), tensor->bytes)
                         : std::to_string(tensor->bytes)});
@@ -161,11 +163,10 @@ std::string layersText(const Inspection& inspection, std::optional<std::size_t> 
   Table table({left, right, left, right, right, right, right, right}, width);
   table.add({"file", "layer", "attention", "experts", "stride", "bits", "bytes", "resident"});
   for (const LayerSummary& summary : layerSummaries(inspection)) {
-    table.add({printable(MorlenFormatV1::layerPath(summary.layer->file)),
-               std::to_string(summary.layer->layer), summary.hasFullAttention ? "full" : "sliding",
-               std::to_string(layout.expertsPerLayer), std::to_string(layout.expertStride),
-               bitsText(summary.expertBits), std::to_string(summary.expertBytes),
-               std::to_string(summary.residentBytes)});
+    table.add({escaped(MorlenFormatV1::layerPath(summary.layer->file)), std::to_string(summary.layer->layer),
+               summary.hasFullAttention ? "full" : "sliding", std::to_string(layout.expertsPerLayer),
+               std::to_string(layout.expertStride), bitsText(summary.expertBits),
+               std::to_string(summary.expertBytes), std::to_string(summary.residentBytes)});
   }
   return table.text();
 }

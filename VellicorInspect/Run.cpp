@@ -12,20 +12,21 @@
 #include "VellicorInspect/Picture.h"
 #include "VellicorInspect/Report.h"
 #include "VellicorInspect/TensorExport.h"
-#include "VellicorInspect/Text.h"
-#include "VellicorTerminal/SafeText.h"
+#include "VellicorTerminal/Escaping.h"
+#include "VellicorTerminal/Options.h"
+#include "VellicorTerminal/Units.h"
 
 namespace vellicor {
 
 namespace {
 
-InspectOutcome failure(int status, std::string_view text, std::string_view more = "") {
-  return {.status = status,
-          .output = "",
-          .errors = fmt::format("VellicorInspect: {}\n{}", printable(text), more)};
+constexpr std::string_view speaker = "VellicorInspect";
+
+InspectOutcome failure(std::string_view text) {
+  return {.status = 1, .output = "", .errors = errorLine(fmt::format("{}: {}", speaker, text))};
 }
 
-/// Answers one request with what goes to standard output.
+/// Answers one request with the text for standard output.
 struct Answer {
   const InspectArguments& arguments;
   std::optional<std::size_t> width;
@@ -63,8 +64,8 @@ struct Answer {
     OutputFile file(request.file, request.existing);
     copyTensor(inspection.artifact, bytes, file);
     file.finish();
-    return fmt::format("{}: {}, {}, {}\n", printable(bytes.tensor->name), bytes.tensor->dtype,
-                       shapeText(bytes.shape), exactBytes(bytes.totalBytes));
+    return fmt::format("{}: {}, {}, {}\n", escaped(bytes.tensor->name), bytes.tensor->dtype,
+                       shapeText(bytes.shape), exactBytesText(bytes.totalBytes));
   }
 };
 
@@ -74,11 +75,11 @@ InspectOutcome inspect(const std::vector<std::string>& arguments, std::optional<
   const InspectArguments parsed = parseInspectArguments(arguments);
   return {.status = 0, .output = std::visit(Answer{parsed, width}, parsed.request), .errors = ""};
 } catch (const UsageError& error) {
-  return failure(2, error.what(), fmt::format("\n{}\n", inspectUsage));
+  return {.status = 2, .output = "", .errors = usageErrorText(speaker, error.what(), inspectUsage)};
 } catch (const RepackError& error) {
-  return failure(1, error.description());
+  return failure(error.description());
 } catch (const std::exception& error) {
-  return failure(1, reasonOf(error));
+  return failure(reasonOf(error));
 }
 
 }  // namespace vellicor

@@ -142,38 +142,41 @@ void addLayer(const MorlenLayerV1& layer, std::vector<StoredTensor>& tensors) {
   }
 }
 
-struct FamilyNames {
+struct FamilyFacts {
   std::string_view key;
   std::string_view title;
+  std::string_view colour;
 };
 
-FamilyNames namesOf(Family family) {
+FamilyFacts factsOf(Family family) {
   switch (family) {
     case Family::embedding:
-      return {"embedding", "embedding"};
+      return {"embedding", "embedding", "#3a6fb5"};
     case Family::attention:
-      return {"attention", "attention"};
+      return {"attention", "attention", "#e08b2d"};
     case Family::router:
-      return {"router", "router"};
+      return {"router", "router", "#c23b36"};
     case Family::sharedExpert:
-      return {"sharedExpert", "shared expert"};
+      return {"sharedExpert", "shared expert", "#2f9d78"};
     case Family::routedExperts:
-      return {"routedExperts", "routed experts"};
+      return {"routedExperts", "routed experts", "#8474bd"};
     case Family::normsAndOther:
-      return {"normsAndOther", "norms and other"};
+      return {"normsAndOther", "norms and other", "#7d5d3f"};
     case Family::records:
-      return {"records", "index and records"};
+      return {"records", "index and records", "#86919d"};
     case Family::padding:
-      return {"padding", "padding"};
+      return {"padding", "padding", "#d9dee4"};
   }
   std::abort();
 }
 
 }  // namespace
 
-std::string_view keyOf(Family family) { return namesOf(family).key; }
+std::string_view keyOf(Family family) { return factsOf(family).key; }
 
-std::string_view titleOf(Family family) { return namesOf(family).title; }
+std::string_view titleOf(Family family) { return factsOf(family).title; }
+
+std::string_view colourOf(Family family) { return factsOf(family).colour; }
 
 bool StoredTensor::isInOrder(std::uint64_t expertStride) const {
   for (std::size_t i = 0; i < experts.size(); ++i) {

@@ -11,7 +11,7 @@
 
 namespace vellicor {
 
-/// What bytes of an artifact are for.
+/// The purpose of a region of bytes in an artifact.
 enum class Family {
   embedding,
   attention,
@@ -26,11 +26,12 @@ inline constexpr std::array allFamilies = {Family::embedding,    Family::attenti
                                            Family::sharedExpert, Family::routedExperts, Family::normsAndOther,
                                            Family::records,      Family::padding};
 
-/// "routedExperts", for JSON, and "routed experts", for people.
+/// "routedExperts", for JSON, "routed experts", for people, and its colour in a picture.
 std::string_view keyOf(Family family);
 std::string_view titleOf(Family family);
+std::string_view colourOf(Family family);
 
-/// Where one expert's share of a tensor lies.
+/// The place of one expert's share of a tensor.
 struct ExpertPlace {
   /// The router's index.
   std::int64_t expert;
@@ -41,18 +42,18 @@ struct ExpertPlace {
 /// One run of elements in one file, or one such run for each of several experts of a layer: a weight, or the
 /// scales or biases of one.
 struct StoredTensor {
-  /// Of scales and biases in the resident file the weight's name and ".scales" or ".biases"; of experts
+  /// Scales and biases in the resident file have the weight's name and ".scales" or ".biases"; experts have
   /// "layers.<layer>.experts.<sub-tensor>".
   std::string name;
   Family family;
   /// "U32", "BF16", "FP16" or "FP32".
   std::string dtype;
-  /// Logical: of packed weights, what is packed. Experts come first. Empty when the sizes do not tell.
+  /// The logical shape: packed weights count unpacked. Experts come first. Empty when the sizes do not tell.
   std::vector<std::uint64_t> shape;
-  /// Width of a packed value; of packed weights only, and only when the sizes tell.
+  /// The width of a packed value, for packed weights whose sizes tell it.
   std::optional<std::uint64_t> bits;
   std::string file;
-  /// Of the only run, or of one expert's; `offset` is that of the first expert.
+  /// The place of the only run, or of the first expert's run.
   std::uint64_t offset = 0;
   std::uint64_t bytes = 0;
   std::optional<std::int64_t> layer{};
@@ -65,8 +66,8 @@ struct StoredTensor {
 };
 
 /// Every tensor of an artifact: the resident ones in the index's order, each weight before its scales and
-/// biases, then layer by layer what its experts hold, in the order of the blob. Experts that hold the same at
-/// the same place in their blobs share one entry; so a name occurs twice only when a layer's experts differ.
+/// biases, then the experts' sub-tensors by layer and in the order of the blob. Experts with equal
+/// sub-tensors share one entry, so a name occurs twice only when a layer's experts differ.
 std::vector<StoredTensor> storedTensors(const Artifact& artifact);
 
 }  // namespace vellicor

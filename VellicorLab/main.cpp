@@ -22,11 +22,11 @@
 #include "VellicorLab/PredictedArtifact.h"
 #include "VellicorLab/SyntheticCheckpoint.h"
 #include "VellicorLab/TemporaryDirectory.h"
-#include "VellicorRepack/Console.h"
 #include "VellicorRepack/Run.h"
 #include "VellicorRepackCore/Base/Environment.h"
 #include "VellicorRepackCore/Install/SupportedModelSource.h"
-#include "VellicorTerminal/SafeText.h"
+#include "VellicorTerminal/Escaping.h"
+#include "VellicorTerminal/Signals.h"
 #include "VellicorTerminal/StandardStreams.h"
 
 namespace vellicor {
@@ -121,7 +121,7 @@ int serve(const HubFlags& flags) {
     };
   }
   const LocalHub hub(std::move(options));
-  writeToConsole(ConsoleStream::standardOutput, readyLine(hub));
+  writeAll(STDOUT_FILENO, readyLine(hub));
   signals.waitForThemOrEndOfInput();
   return ExitStatus::success;
 }
@@ -190,7 +190,7 @@ int write(const WriteFlags& flags) {
   Posix::mkdirP(flags.output);
   for (const std::string& name : checkpoint->fileNames()) {
     writeFile(*checkpoint->file(name), joinPath(flags.output, name));
-    writeToConsole(ConsoleStream::standardOutput, identityLine(*checkpoint, name));
+    writeAll(STDOUT_FILENO, identityLine(*checkpoint, name));
   }
   return ExitStatus::success;
 }
@@ -199,13 +199,12 @@ int check(const CheckFlags& flags) {
   const PredictedArtifact artifact(*checkpointOf(flags.checkpoint));
   const std::vector<std::string> differences = artifact.differences(flags.artifact);
   for (const std::string& difference : differences) {
-    writeToConsole(ConsoleStream::standardError, difference + "\n");
+    writeAll(STDERR_FILENO, difference + "\n");
   }
   if (!differences.empty()) return ExitStatus::failure;
-  writeToConsole(
-      ConsoleStream::standardOutput,
-      fmt::format("{} is what the checkpoint and the format say, byte for byte ({} files, {} bytes)\n",
-                  flags.artifact, artifact.files().size(), artifact.byteCount()));
+  writeAll(STDOUT_FILENO,
+           fmt::format("{} is what the checkpoint and the format say, byte for byte ({} files, {} bytes)\n",
+                       flags.artifact, artifact.files().size(), artifact.byteCount()));
   return ExitStatus::success;
 }
 
@@ -239,7 +238,7 @@ int main(int argumentCount, char** arguments) try {
   vellicor::openStandardStreams();
   return vellicor::runLab(argumentCount, arguments);
 } catch (const std::exception& error) {
-  vellicor::writeToConsole(vellicor::ConsoleStream::standardError,
-                           vellicor::errorLine(fmt::format("VellicorLab: {}", vellicor::reasonOf(error))));
+  vellicor::writeAll(STDERR_FILENO,
+                     vellicor::errorLine(fmt::format("VellicorLab: {}", vellicor::reasonOf(error))));
   return vellicor::ExitStatus::failure;
 }

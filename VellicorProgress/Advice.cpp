@@ -6,10 +6,12 @@
 #include <charconv>
 #include <cstdint>
 #include <span>
+#include <variant>
 
 #include <fmt/format.h>
 
-#include "VellicorProgress/DisplayText.h"
+#include "VellicorTerminal/Escaping.h"
+#include "VellicorTerminal/Units.h"
 
 namespace vellicor {
 
@@ -20,17 +22,12 @@ constexpr std::array failureMarks = {installFailed, std::string_view("discard fa
                                      std::string_view("verification failed: ")};
 
 std::string again(const FailureSituation& situation) {
-  if (situation.isResume) return "run the same command again";
-  switch (situation.reached) {
-    case Viewer::Reached::nothing:
-      return "run the same command again";
-    // Nothing is saved yet, but what has been begun is in the way.
-    case Viewer::Reached::started:
-      return "remove what was begun with --discard-partial and run the same command again";
-    case Viewer::Reached::copying:
-      return "run the same command again with --resume";
-  }
-  return "";
+  const std::string again = "run the same command again";
+  if (situation.isResume || situation.reached == Viewer::Reached::nothing) return again;
+  // Before the copying nothing is saved, but the partial directory is in the way.
+  return situation.reached == Viewer::Reached::copying
+             ? again + " with --resume"
+             : "remove the partial download with --discard-partial and " + again;
 }
 
 std::optional<std::uint64_t> numberAt(std::string_view text) {
@@ -40,12 +37,41 @@ std::optional<std::uint64_t> numberAt(std::string_view text) {
   return number;
 }
 
-// The number behind the last `mark`: what stands before it may hold anything.
-std::optional<std::uint64_t> numberBehind(std::string_view text, std::string_view mark) {
+// The number after the last `mark`. The text before it is not trusted.
+std::optional<std::uint64_t> numberAfter(std::string_view text, std::string_view mark) {
   const std::size_t at = text.rfind(mark);
   return at == std::string_view::npos ? std::nullopt : numberAt(text.substr(at + mark.size()));
 }
 
+// "{}" is what `again` says.
+using AdviceText = std::string_view;
+constexpr AdviceText afterNetworkError = "check the network, then {}";
+constexpr AdviceText afterProxyError = "fix or unset the proxy (see https_proxy and no_proxy), then {}";
+constexpr AdviceText afterTlsError = "fix or unset SSL_CERT_FILE and check the clock, then {}";
+constexpr AdviceText afterProxyCertificate =
+    "add the certificates of the proxy's authority to SSL_CERT_FILE, then {}";
+constexpr AdviceText afterLongDelay = "wait as long as the hub asks, then {}";
+constexpr AdviceText afterMemoryShortage = "free some memory, then {}";
+constexpr AdviceText afterCancellation = "{}";
+constexpr AdviceText damagedFiles =
+    "another program or a failing disk changed the files: fix the cause, then {}";
+constexpr AdviceText whileBusy =
+    "another installer is working on this output: wait until it ends, or stop it";
+constexpr AdviceText nothingSaved = "there is nothing to continue: run the same command without --resume";
+constexpr AdviceText savedDownload =
+    "continue the saved download with --resume, or remove it with --discard-partial";
+constexpr AdviceText uselessSave =
+    "remove the saved download with --discard-partial, then install again without --resume";
+constexpr AdviceText halfState =
+    "remove the rest with --discard-partial, then install again without --resume, unless --overwrite "
+    "has put the new artifact in place already";
+constexpr AdviceText oldArtifactStays =
+    "the install is done: remove the rest of the old artifact with --discard-partial";
+constexpr AdviceText outputExists = "replace the output with --overwrite, or name another --output";
+constexpr AdviceText wrongToken = "copy the token into HF_TOKEN again, without white space or line end";
+constexpr AdviceText wrongEndpoint = "set HF_ENDPOINT to an https URL, or unset it for the usual hub";
+
+// These depend on the rest of the error's text.
 using Advice = std::optional<std::string>;
 
 Advice afterHttpStatus(std::string_view text, const FailureSituation& situation) {
@@ -55,81 +81,35 @@ Advice afterHttpStatus(std::string_view text, const FailureSituation& situation)
   }
   const bool passes = status == 408 || status == 429 || (status >= 500 && status <= 599);
   if (!passes) return std::nullopt;
-  return "the hub is busy or has a fault of its own: wait a while, then " + again(situation);
+  return "the hub is busy or out of order: wait a while, then " + again(situation);
 }
 
 Advice afterShortDisk(std::string_view text, const FailureSituation& situation) {
-  const auto required = numberBehind(text, ": required ");
-  const auto available = numberBehind(text, ", available ");
+  const auto required = numberAfter(text, ": required ");
+  const auto available = numberAfter(text, ", available ");
   if (!required || !available || *required <= *available) return std::nullopt;
   const std::uint64_t missing = *required - *available;
-  const std::string path = displayText(text.substr(0, text.rfind(": required ")), Glyphs::unicode);
-  return fmt::format("free at least {} bytes ({}) on the disk of {}, then {}", missing,
-                     bytesText(static_cast<double>(missing)), path, again(situation));
+  const std::string path = escaped(text.substr(0, text.rfind(": required ")));
+  return fmt::format("free at least {} bytes ({}) on the disk of {}, then {}", missing, bytesText(missing),
+                     path, again(situation));
 }
 
 Advice afterSystemError(std::string_view text, const FailureSituation& situation) {
-  const auto error = numberBehind(text, "errno ");
+  const auto error = numberAfter(text, "errno ");
   if (!error) return std::nullopt;
   const bool isFull = *error == ENOSPC || *error == EDQUOT;
   if (isFull) return "the disk or its quota is full: free space, then " + again(situation);
-  if (*error == EFBIG) return "files may not grow that large here: raise the limit, then " + again(situation);
+  if (*error == EFBIG) return "the limit on file sizes is too low: raise it, then " + again(situation);
   return std::nullopt;
 }
 
-Advice afterNetworkError(std::string_view, const FailureSituation& situation) {
-  return "check the network, then " + again(situation);
-}
-
-Advice afterProxyError(std::string_view, const FailureSituation& situation) {
-  return "correct or leave out the proxy (see https_proxy and no_proxy), then " + again(situation);
-}
-
 Advice afterProxyRefusal(std::string_view text, const FailureSituation& situation) {
-  if (numberBehind(text, " with status ") != 407) return afterProxyError(text, situation);
-  return "put a user and a password that the proxy takes into https_proxy, then " + again(situation);
-}
-
-Advice afterTlsError(std::string_view, const FailureSituation& situation) {
-  return "correct or unset SSL_CERT_FILE and check the clock, then " + again(situation);
-}
-
-Advice afterProxyCertificate(std::string_view, const FailureSituation& situation) {
-  return "let SSL_CERT_FILE name the certificates of the proxy's authority too, then " + again(situation);
-}
-
-Advice afterLongDelay(std::string_view, const FailureSituation& situation) {
-  return "wait for as long as the hub asks, then " + again(situation);
-}
-
-Advice whileBusy(std::string_view, const FailureSituation&) {
-  return "another installer is working on this output: wait for its end, or stop it";
-}
-
-Advice afterWantOfMemory(std::string_view, const FailureSituation& situation) {
-  return "free some memory, then " + again(situation);
-}
-
-Advice afterCancellation(std::string_view, const FailureSituation& situation) { return again(situation); }
-
-Advice nothingSaved(std::string_view, const FailureSituation&) {
-  return "there is nothing to continue: run the same command without --resume";
-}
-
-Advice savedDownload(std::string_view, const FailureSituation&) {
-  return "continue the saved download with --resume, or remove it with --discard-partial";
-}
-
-Advice uselessSave(std::string_view, const FailureSituation&) {
-  return "remove the saved download with --discard-partial, then install again without --resume";
-}
-
-Advice outputExists(std::string_view, const FailureSituation&) {
-  return "replace the output with --overwrite, or name another --output";
+  if (numberAfter(text, " with status ") != 407) return fmt::format(afterProxyError, again(situation));
+  return "put a user name and password for the proxy into https_proxy, then " + again(situation);
 }
 
 Advice noExchange(std::string_view text, const FailureSituation& situation) {
-  if (numberBehind(text, "errno ") == EBUSY) {
+  if (numberAfter(text, "errno ") == EBUSY) {
     return "the output is a mount point and cannot be replaced: name a directory inside it";
   }
   const bool isSaved = situation.isResume || situation.reached == Viewer::Reached::copying;
@@ -139,34 +119,11 @@ Advice noExchange(std::string_view text, const FailureSituation& situation) {
       isSaved ? "with --resume and " : "");
 }
 
-Advice damagedFiles(std::string_view, const FailureSituation& situation) {
-  return "another program or a failing disk changed the files: see to that, then " + again(situation);
-}
-
-Advice halfState(std::string_view, const FailureSituation&) {
-  return "remove what is left with --discard-partial, then install again without --resume, unless "
-         "--overwrite "
-         "has put the new artifact in place already";
-}
-
-Advice oldArtifactStays(std::string_view, const FailureSituation&) {
-  return "the install is done: remove what is left of the old artifact with --discard-partial";
-}
-
-// Found before anything is begun.
-Advice wrongToken(std::string_view, const FailureSituation&) {
-  return "copy the token into HF_TOKEN once more, without white space or line end";
-}
-
-Advice wrongEndpoint(std::string_view, const FailureSituation&) {
-  return "set HF_ENDPOINT to an https URL, or unset it for the usual hub";
-}
-
-/// A text applies when it begins so and holds the other piece behind that.
+/// A row applies to a text that begins with `begins` and holds `holds` after it.
 struct AdviceRow {
   std::string_view begins;
   std::string_view holds;
-  Advice (*advice)(std::string_view rest, const FailureSituation& situation);
+  std::variant<AdviceText, Advice (*)(std::string_view rest, const FailureSituation& situation)> advice;
 };
 
 // The first row that applies counts.
@@ -216,18 +173,22 @@ constexpr std::array installRows = {
     AdviceRow{"configuration invalid: output directory already exists: ", "", outputExists},
     AdviceRow{"configuration invalid: HF_ENDPOINT ", "", wrongEndpoint},
     AdviceRow{"configuration invalid: the access token contains characters ", "", wrongToken},
-    AdviceRow{"not enough memory", "", afterWantOfMemory},
+    AdviceRow{"not enough memory", "", afterMemoryShortage},
     AdviceRow{"cancelled", "", afterCancellation},
 };
 
-// A discard and a verification share one cause with an install.
+// A discard and a verification have one cause in common with an install.
 constexpr std::array otherRows = {AdviceRow{"another installer holds ", "", whileBusy}};
 
 Advice fromTable(std::span<const AdviceRow> rows, std::string_view text, const FailureSituation& situation) {
   for (const AdviceRow& row : rows) {
     if (!text.starts_with(row.begins)) continue;
     const std::string_view rest = text.substr(row.begins.size());
-    if (rest.find(row.holds) != std::string_view::npos) return row.advice(rest, situation);
+    if (rest.find(row.holds) == std::string_view::npos) continue;
+    if (const auto* advice = std::get_if<AdviceText>(&row.advice)) {
+      return fmt::format(fmt::runtime(*advice), again(situation));
+    }
+    return std::get<1>(row.advice)(rest, situation);
   }
   return std::nullopt;
 }

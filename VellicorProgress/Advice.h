@@ -9,19 +9,19 @@
 
 namespace vellicor {
 
-/// What else is known when a command has failed.
+/// The situation in which a command has failed.
 struct FailureSituation {
   Viewer::Reached reached = Viewer::Reached::nothing;
-  /// Whether the command was told to resume: then there is a saved download, however early it failed.
+  /// The command was told to resume, so there is a saved download however early it failed.
   bool isResume = false;
 };
 
-/// The next step that a person can take after the installer's error line, or nothing when none is known.
+/// The next step for a person after the installer's error line, if one is known.
 std::optional<std::string> adviceFor(std::string_view errorLine, const FailureSituation& situation);
-/// The same for an install that a signal ended.
+/// The same for an install that a signal has ended.
 std::optional<std::string> adviceAfterSignal(const FailureSituation& situation);
 
-/// Remembers the last line of standard error in which the installer says that it failed.
+/// Remembers the last line of standard error that reports a failure of the installer.
 class ErrorLineKeeper {
  public:
   static constexpr std::size_t maximumLineBytes = 65536;

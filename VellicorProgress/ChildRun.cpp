@@ -1,11 +1,9 @@
 #include "VellicorProgress/ChildRun.h"
 
-#include <array>
 #include <cerrno>
 #include <csignal>
 #include <system_error>
 
-#include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -24,31 +22,7 @@ void closeIfOpen(int& fd) {
   fd = -1;
 }
 
-/// What becomes of the descriptors in the command.
-class FileActions {
- public:
-  FileActions() { ::posix_spawn_file_actions_init(&actions_); }
-  ~FileActions() { ::posix_spawn_file_actions_destroy(&actions_); }
-  FileActions(const FileActions&) = delete;
-  FileActions& operator=(const FileActions&) = delete;
-
-  void redirect(int from, int to) { ::posix_spawn_file_actions_adddup2(&actions_, from, to); }
-  const posix_spawn_file_actions_t* get() const { return &actions_; }
-
- private:
-  posix_spawn_file_actions_t actions_{};
-};
-
 }  // namespace
-
-Pipe openPipe() {
-  std::array<int, 2> ends{};
-  if (::pipe(ends.data()) != 0) throw std::system_error(errno, std::generic_category(), "pipe");
-  for (const int end : ends) ::fcntl(end, F_SETFD, FD_CLOEXEC);
-  return {ends[0], ends[1]};
-}
-
-void setNonBlocking(int fd) { ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK); }
 
 CannotRun::CannotRun(int error)
     : std::runtime_error(std::generic_category().message(error)),
@@ -80,10 +54,13 @@ int ChildRun::spawn(const std::vector<std::string>& command) {
   for (std::string& word : words) arguments.push_back(word.data());
   arguments.push_back(nullptr);
 
-  FileActions actions;
-  actions.redirect(output_.write, STDOUT_FILENO);
-  if (errors_.write >= 0) actions.redirect(errors_.write, STDERR_FILENO);
-  return ::posix_spawnp(&pid_, arguments[0], actions.get(), nullptr, arguments.data(), environ);
+  posix_spawn_file_actions_t actions{};
+  ::posix_spawn_file_actions_init(&actions);
+  ::posix_spawn_file_actions_adddup2(&actions, output_.write, STDOUT_FILENO);
+  if (errors_.write >= 0) ::posix_spawn_file_actions_adddup2(&actions, errors_.write, STDERR_FILENO);
+  const int error = ::posix_spawnp(&pid_, arguments[0], &actions, nullptr, arguments.data(), environ);
+  ::posix_spawn_file_actions_destroy(&actions);
+  return error;
 }
 
 void ChildRun::signal(int number) const {

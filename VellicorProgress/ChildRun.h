@@ -7,30 +7,23 @@
 
 #include <sys/types.h>
 
+#include "VellicorTerminal/Signals.h"
+
 namespace vellicor {
 
-/// Two descriptors, closed on exec. Plain numbers: who opens it closes it.
-struct Pipe {
-  int read = -1;
-  int write = -1;
-};
-/// Throws `std::system_error`.
-Pipe openPipe();
-void setNonBlocking(int fd);
-
-/// A command could not be started; `what()` is the reason in the system's words.
+/// A command could not be started. `what()` is the system's reason.
 class CannotRun : public std::runtime_error {
  public:
   explicit CannotRun(int error);
-  /// As shells have it: 127 when there is no such command, 126 when there is one that cannot be run.
+  /// As in shells: 127 when there is no such command, 126 when it cannot be run.
   int exitStatus() const { return exitStatus_; }
 
  private:
   int exitStatus_;
 };
 
-/// A command with its standard output, and where wanted its standard error, in pipes that are read here
-/// without blocking. Its standard input is this process's own.
+/// A command whose standard output, and on request standard error, is a pipe that is read without blocking.
+/// It has this process's standard input.
 class ChildRun {
  public:
   enum class Errors { inherited, piped };

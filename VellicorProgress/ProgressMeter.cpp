@@ -1,9 +1,7 @@
 #include "VellicorProgress/ProgressMeter.h"
 
 #include <algorithm>
-#include <array>
 #include <cmath>
-#include <cstddef>
 #include <variant>
 
 namespace vellicor {
@@ -12,12 +10,6 @@ namespace {
 
 using std::chrono::duration;
 using std::chrono::seconds;
-
-// In the order of the event's cases.
-constexpr std::array phases = {InstallPhase::planning,  InstallPhase::checkingDisk, InstallPhase::reserving,
-                               InstallPhase::copying,   InstallPhase::hashing,      InstallPhase::metadata,
-                               InstallPhase::finalizing};
-static_assert(phases.size() == std::variant_size_v<ModelInstallProgress>);
 
 constexpr std::chrono::milliseconds sampleDistance{50};
 constexpr seconds shortestRateTime{1};
@@ -36,24 +28,14 @@ unsigned PhaseState::percent() const { return percentOf(doneBytes, totalBytes); 
 unsigned PhaseState::reusedPercent() const { return percentOf(reusedBytes, totalBytes); }
 
 std::optional<PhaseState> ProgressMeter::apply(const ModelInstallProgress& event, ProgressTime now) {
-  const InstallPhase phase = phases.at(event.index());
+  const InstallPhase phase = phaseOf(event);
   std::optional<PhaseState> ended;
   if (!state_ || state_->phase != phase) {
     ended = endPhase(now);
     state_.emplace().phase = phase;
     start_ = now;
   }
-  if (const auto* planning = std::get_if<PlanningProgress>(&event)) {
-    state_->totalBytes = planning->downloadBytes;
-    state_->outputBytes = planning->outputBytes;
-  } else if (const auto* reserving = std::get_if<ReservingOutputProgress>(&event)) {
-    state_->outputBytes = reserving->bytes;
-  } else if (const auto* hashing = std::get_if<HashingOutputProgress>(&event)) {
-    state_->file = hashing->relativePath;
-    state_->files += 1;
-  } else if (const auto* copying = std::get_if<CopyingPayloadProgress>(&event)) {
-    copy(*copying, now);
-  }
+  std::visit([&](const auto& known) { take(known, now); }, event);
   return ended;
 }
 
@@ -67,24 +49,38 @@ std::optional<PhaseState> ProgressMeter::endPhase(ProgressTime now) {
 }
 
 std::optional<PhaseState> ProgressMeter::current(ProgressTime now) const {
-  std::optional<PhaseState> shown = state_;
-  if (!shown) return shown;
-  shown->elapsed = now - start_;
-  // Behind the last byte nothing can stall any more.
-  if (shown->phase != InstallPhase::copying || shown->doneBytes >= shown->totalBytes) return shown;
-  shown->rate = rate(now);
-  if (!shown->rate || *shown->rate <= 0) return shown;
-  const double left = std::ceil(static_cast<double>(shown->totalBytes - shown->doneBytes) / *shown->rate);
-  shown->left = seconds(static_cast<std::int64_t>(std::min(left, longestTimeLeft)));
+  if (!state_) return std::nullopt;
+  PhaseState shown = *state_;
+  shown.elapsed = now - start_;
+  // After the last byte nothing can stall any more.
+  if (shown.phase != InstallPhase::copying || shown.doneBytes >= shown.totalBytes) return shown;
+  shown.rate = rate(now);
+  if (!shown.rate || *shown.rate <= 0) return shown;
+  const double left = std::ceil(static_cast<double>(shown.totalBytes - shown.doneBytes) / *shown.rate);
+  shown.left = seconds(static_cast<std::int64_t>(std::min(left, longestTimeLeft)));
   return shown;
 }
 
-void ProgressMeter::copy(const CopyingPayloadProgress& event, ProgressTime now) {
+void ProgressMeter::take(const PlanningProgress& event, ProgressTime) {
+  state_->totalBytes = event.downloadBytes;
+  state_->outputBytes = event.outputBytes;
+}
+
+void ProgressMeter::take(const ReservingOutputProgress& event, ProgressTime) {
+  state_->outputBytes = event.bytes;
+}
+
+void ProgressMeter::take(const HashingOutputProgress& event, ProgressTime) {
+  state_->file = event.relativePath;
+  state_->files += 1;
+}
+
+void ProgressMeter::take(const CopyingPayloadProgress& event, ProgressTime now) {
   state_->totalBytes = event.total;
   state_->reusedBytes = std::min(event.reusedBytes, event.total);
   const std::uint64_t fetched = std::min(event.downloadedThisRun, event.total - state_->reusedBytes);
   state_->doneBytes = state_->reusedBytes + fetched;
-  // A range that is tried again takes its bytes back; they were received nevertheless.
+  // A retried range takes its bytes back, although they were received.
   if (!samples_.empty() && fetched > downloaded_) received_ += fetched - downloaded_;
   downloaded_ = fetched;
 
@@ -97,9 +93,8 @@ void ProgressMeter::copy(const CopyingPayloadProgress& event, ProgressTime now) 
 }
 
 std::optional<double> ProgressMeter::rate(ProgressTime now) const {
-  // The last sample not within the window; while there is none, the first of the phase.
-  auto base = std::upper_bound(samples_.begin(), samples_.end(), now - rateWindow,
-                               [](ProgressTime time, const Sample& sample) { return time < sample.time; });
+  // The newest sample older than the window, or the first of the phase.
+  auto base = std::ranges::upper_bound(samples_, now - rateWindow, {}, &Sample::time);
   if (base != samples_.begin()) --base;
   if (base == samples_.end() || now - base->time < shortestRateTime) return std::nullopt;
   return static_cast<double>(received_ - base->received) / duration<double>(now - base->time).count();

@@ -19,12 +19,14 @@
 
 #include "VellicorProgress/Advice.h"
 #include "VellicorProgress/ChildRun.h"
-#include "VellicorProgress/Signals.h"
 #include "VellicorProgress/Terminal.h"
 #include "VellicorProgress/Viewer.h"
 #include "VellicorRepackCore/Base/NetworkRoute.h"
-#include "VellicorTerminal/SafeText.h"
+#include "VellicorTerminal/Escaping.h"
+#include "VellicorTerminal/Options.h"
+#include "VellicorTerminal/Signals.h"
 #include "VellicorTerminal/StandardStreams.h"
+#include "VellicorTerminal/TerminalText.h"
 
 namespace vellicor {
 
@@ -44,12 +46,12 @@ constexpr std::string_view usage =
     "for each phase, elsewhere one plain line every ten seconds. All other output\n"
     "passes through unchanged. With a command, the exit status is the command's, and\n"
     "after a failure the next step is named on standard error if that is a terminal.\n"
-    "NO_COLOR turns colours off.\n";
+    "NO_COLOR turns colours off.";
 
 ProgressTime now() { return std::chrono::steady_clock::now(); }
 
-/// Standard output or error, written to completely. What cannot be written is dropped, and the reason of the
-/// first failure kept; a reader that has gone ends this process as it would any other.
+/// Standard output or error. Text that cannot be written is dropped, and the reason of the first failure is
+/// kept. When the reader has gone, this process ends by SIGPIPE as any other would.
 class Stream {
  public:
   explicit Stream(int fd) : fd_(fd) {}
@@ -68,16 +70,16 @@ class Stream {
 };
 
 void complain(std::string_view text) {
-  Stream(STDERR_FILENO).write(fmt::format("VellicorProgress: {}\n", text));
+  Stream(STDERR_FILENO).write(errorLine(fmt::format("VellicorProgress: {}", text)));
 }
 
 /// One run over a command's streams or standard input, until they have ended.
 class Session {
  public:
   /// Reads standard input.
-  Session() : viewer_(facts_.mode(), facts_.look(), hasDefaultRoute), input_(STDIN_FILENO) {}
+  Session() : viewer_(terminal_.mode, terminal_.look, hasDefaultRoute), input_(STDIN_FILENO) {}
   explicit Session(const std::vector<std::string>& command)
-      : viewer_(facts_.mode(), facts_.look(), hasDefaultRoute),
+      : viewer_(terminal_.mode, terminal_.look, hasDefaultRoute),
         child_(std::make_unique<ChildRun>(
             command, ::isatty(STDERR_FILENO) == 1 ? ChildRun::Errors::piped : ChildRun::Errors::inherited)),
         input_(child_->output()),
@@ -98,7 +100,7 @@ class Session {
 
  private:
   static constexpr std::size_t pieceBytes = 65536;
-  /// So that a flood of output does not hold back the rest.
+  /// Per turn, so that a flood of output does not hold back the rest.
   static constexpr int mostPieces = 16;
 
   bool hasEnded() {
@@ -122,34 +124,33 @@ class Session {
     return static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, 60000));
   }
 
+  // Other processes may share standard input, so it stays blocking: one read when there is input.
   void readInput() {
-    // Standard input may be shared with others, so it is not made non-blocking: one read, when there is some.
-    for (int i = 0; isInputReady_ && input_ >= 0 && i < (child_ ? mostPieces : 1); ++i) {
-      const ssize_t count = ::read(input_, piece_.data(), piece_.size());
-      if (count < 0) {
-        if (errno != EINTR && errno != EAGAIN) input_ = -1;
-        return;
-      }
-      if (count == 0) input_ = -1;
-      if (count > 0) output_.write(viewer_.takeOutput(taken(count), now()));
-    }
+    readPieces(input_, isInputReady_, child_ ? mostPieces : 1,
+               [&](std::string_view bytes) { output_.write(viewer_.takeOutput(bytes, now())); });
   }
 
   void readErrors() {
-    for (int i = 0; isErrorsReady_ && errors_ >= 0 && i < mostPieces; ++i) {
-      const ssize_t count = ::read(errors_, piece_.data(), piece_.size());
-      if (count < 0) return;
-      if (count == 0) {
-        errors_ = -1;
-        return;
-      }
-      if (facts_.isTerminal) output_.write(viewer_.beforeErrors(taken(count), now()));
-      errorOutput_.write(taken(count));
-      errorLines_.feed(taken(count));
-    }
+    readPieces(errors_, isErrorsReady_, mostPieces, [&](std::string_view bytes) {
+      if (terminal_.isTerminal) output_.write(viewer_.beforeErrors(bytes, now()));
+      errorOutput_.write(bytes);
+      errorLines_.feed(bytes);
+    });
   }
 
-  std::string_view taken(ssize_t count) const { return {piece_.data(), static_cast<std::size_t>(count)}; }
+  /// Hands on what can be read. `fd` becomes -1 at the end of the stream.
+  template <typename Take>
+  void readPieces(int& fd, bool isReady, int most, Take&& take) {
+    for (int i = 0; isReady && fd >= 0 && i < most; ++i) {
+      const ssize_t count = ::read(fd, piece_.data(), piece_.size());
+      if (count < 0 && (errno == EINTR || errno == EAGAIN)) return;
+      if (count <= 0) {
+        fd = -1;
+      } else {
+        take(std::string_view(piece_.data(), static_cast<std::size_t>(count)));
+      }
+    }
+  }
 
   void answer(int signal) {
     switch (signal) {
@@ -177,28 +178,28 @@ class Session {
       output_.write(viewer_.finish(PhaseEnd::stopped, now()));
       Signals::endBy(signal);
     }
-    // The keyboard's SIGINT has reached the command as well, and what it does about it decides.
+    // The keyboard's SIGINT has reached the command too, and its reaction decides.
     if (signal != SIGINT) child_->signal(signal);
-    // Others that the command has left behind may still hold its output open.
+    // Processes that the command has started may still hold its output open.
     isToStop_ = true;
   }
 
   void resize() {
-    facts_ = TerminalFacts::ofStandardOutput();
-    output_.write(viewer_.resize(facts_.look().columns, now()));
+    terminal_ = Terminal::ofStandardOutput();
+    output_.write(viewer_.resize(terminal_.look.columns, now()));
   }
 
   void wake() {
-    // A SIGSTOP left the line on the screen, and now another may have the terminal.
+    // A SIGSTOP left the line on the screen, and another process may have the terminal now.
     output_.write(viewer_.hide());
     resize();
     isShown_ = false;
     followForeground();
   }
 
-  // A shell may take the terminal back at any moment and give it again later.
+  // A shell may take the terminal back at any moment and return it later.
   void followForeground() {
-    const bool mayShow = !facts_.isTerminal || isInForeground(STDOUT_FILENO);
+    const bool mayShow = !terminal_.isTerminal || isInForeground(STDOUT_FILENO);
     if (mayShow == isShown_) return;
     isShown_ = mayShow;
     output_.write(mayShow ? viewer_.show(now()) : viewer_.hide());
@@ -226,15 +227,15 @@ class Session {
                                                   ? adviceAfterSignal(situation)
                                                   : adviceFor(errorLines_.lastErrorLine(), situation);
     if (!advice) return;
-    const std::size_t columns = facts_.isTerminal ? facts_.look().columns : usualColumns;
+    const std::size_t columns = terminal_.isTerminal ? terminal_.look.columns : usualColumns;
     errorOutput_.write(foldWords("next step: " + *advice, columns - 1) + "\n");
   }
 
-  TerminalFacts facts_ = TerminalFacts::ofStandardOutput();
+  Terminal terminal_ = Terminal::ofStandardOutput();
   Viewer viewer_;
-  Signals signals_;
+  Signals signals_{{SIGCHLD, SIGWINCH, SIGTSTP, SIGCONT, SIGINT, SIGTERM, SIGHUP, SIGQUIT}};
   std::unique_ptr<ChildRun> child_;
-  /// -1 once they have ended.
+  /// -1 after their end.
   int input_ = -1;
   int errors_ = -1;
   bool isResume_ = false;
@@ -249,8 +250,7 @@ class Session {
 };
 
 int refuse(std::string_view why) {
-  complain(why);
-  Stream(STDERR_FILENO).write(fmt::format("\n{}", usage));
+  Stream(STDERR_FILENO).write(usageErrorText("VellicorProgress", why, usage));
   return misuse;
 }
 
@@ -271,12 +271,12 @@ int runProgressViewer(const std::vector<std::string>& arguments) try {
   }
   const std::string& first = arguments[1];
   if (first == "--") {
-    if (arguments.size() == 2) return refuse("no command behind --");
+    if (arguments.size() == 2) return refuse("there is no command after --");
     return runCommand({arguments.begin() + 2, arguments.end()});
   }
-  if (arguments.size() > 2) return refuse("a command stands behind --");
+  if (arguments.size() > 2) return refuse("a command must follow --");
   if (first == "--help") {
-    output.write(usage);
+    output.write(fmt::format("{}\n", usage));
     return success;
   }
   if (first == "--version") {

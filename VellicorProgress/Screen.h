@@ -2,30 +2,43 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 
-#include "VellicorProgress/DisplayText.h"
 #include "VellicorProgress/ProgressMeter.h"
+#include "VellicorTerminal/Escaping.h"
 
 namespace vellicor {
 
-/// How text is to be drawn.
+/// The constant facts of a phase.
+struct PhaseTraits {
+  std::string_view label;
+  /// Shown while there are no figures.
+  std::string_view doing;
+  /// The phase has no duration: its one event ends it.
+  bool isMomentary = false;
+  bool waitsForHub = false;
+  /// From here on an install that fails leaves a saved download.
+  bool isSaved = false;
+};
+PhaseTraits traitsOf(InstallPhase phase);
+
+/// How text is drawn.
 struct Look {
   enum class Colours { none, ansi };
 
-  /// Of the terminal; a line takes at least one less, because writing the last one wraps on some terminals.
+  /// Of the terminal. A line stays one column shorter, because some terminals wrap after the last one.
   std::size_t columns = 80;
   Colours colours = Colours::none;
   Glyphs glyphs = Glyphs::ascii;
 };
 
-/// How a phase came to its end.
 enum class PhaseEnd { finished, stopped };
 
-/// The line of a phase under way. Where it is too narrow for all of them, the parts of a copy go in this
-/// order: reused share, rate, bytes, bar, time left; the phase and the percentage stay, a short bar returns
-/// where it has room. Other phases lose the time, then the count, then a piece of the name.
+/// The line of a phase under way. In a narrow window a copy loses its parts in this order: reused share,
+/// rate, bytes, bar, time left. Phase and percentage stay, and a short bar returns where it fits. Other
+/// phases lose the time, then the count, then a piece of the name.
 std::string liveLine(const PhaseState& state, const Look& look);
-/// The line that stays of a phase, cut at the width.
+/// The line that a phase leaves, cut at the width.
 std::string endedLine(const PhaseState& state, PhaseEnd end, const Look& look);
 
 /// The same for a log: no bar, no width, no colour.

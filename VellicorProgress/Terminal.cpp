@@ -3,66 +3,51 @@
 #include <algorithm>
 #include <cctype>
 #include <charconv>
+#include <cstdint>
+#include <optional>
+#include <string>
 
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include "VellicorRepackCore/Base/Environment.h"
+#include "VellicorTerminal/StandardStreams.h"
 
 namespace vellicor {
 
 namespace {
 
-std::optional<std::size_t> windowColumns(int terminal) {
-  winsize size{};
-  if (::ioctl(terminal, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return std::nullopt;
-  return size.ws_col;
-}
-
-std::optional<std::string> firstSetOf(std::initializer_list<const char*> names) {
-  for (const char* name : names) {
-    std::optional<std::string> value = nonEmptyEnvironmentVariable(name);
-    if (value) return value;
-  }
-  return std::nullopt;
-}
-
-std::optional<std::size_t> columnsNamed(const std::optional<std::string>& variable) {
-  if (!variable) return std::nullopt;
+std::optional<std::size_t> columnsVariable() {
+  const std::string value = nonEmptyEnvironmentVariable("COLUMNS").value_or("");
   std::uint16_t columns = 0;
-  const char* end = variable->data() + variable->size();
-  const auto [read, error] = std::from_chars(variable->data(), end, columns);
+  const char* end = value.data() + value.size();
+  const auto [read, error] = std::from_chars(value.data(), end, columns);
   if (error != std::errc() || read != end || columns == 0) return std::nullopt;
   return columns;
 }
 
-bool isUtf8Locale(std::string locale) {
-  std::ranges::transform(locale, locale.begin(),
+bool isUtf8Locale() {
+  std::optional<std::string> locale;
+  for (const char* name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
+    if (!locale) locale = nonEmptyEnvironmentVariable(name);
+  }
+  std::string text = locale.value_or("");
+  std::ranges::transform(text, text.begin(),
                          [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
-  return locale.find("utf-8") != std::string::npos || locale.find("utf8") != std::string::npos;
+  return text.find("utf-8") != std::string::npos || text.find("utf8") != std::string::npos;
 }
 
 }  // namespace
 
-TerminalFacts TerminalFacts::ofStandardOutput() {
-  return {.isTerminal = ::isatty(STDOUT_FILENO) == 1,
-          .columns = windowColumns(STDOUT_FILENO),
-          .type = nonEmptyEnvironmentVariable("TERM"),
-          .noColour = nonEmptyEnvironmentVariable("NO_COLOR"),
-          .columnsVariable = nonEmptyEnvironmentVariable("COLUMNS"),
-          .locale = firstSetOf({"LC_ALL", "LC_CTYPE", "LANG"})};
-}
-
-Viewer::Mode TerminalFacts::mode() const {
-  return isTerminal && type && type != "dumb" ? Viewer::Mode::live : Viewer::Mode::plain;
-}
-
-Look TerminalFacts::look() const {
-  const bool isColoured = mode() == Viewer::Mode::live && !noColour;
-  const std::optional<std::size_t> width = columns ? columns : columnsNamed(columnsVariable);
-  return {.columns = width.value_or(usualColumns),
-          .colours = isColoured ? Look::Colours::ansi : Look::Colours::none,
-          .glyphs = isUtf8Locale(locale.value_or("")) ? Glyphs::unicode : Glyphs::ascii};
+Terminal Terminal::ofStandardOutput() {
+  const bool isTerminal = ::isatty(STDOUT_FILENO) == 1;
+  const bool isLive = isTerminal && nonEmptyEnvironmentVariable("TERM").value_or("dumb") != "dumb";
+  const bool isColoured = isLive && !nonEmptyEnvironmentVariable("NO_COLOR");
+  const auto columns = windowColumns(STDOUT_FILENO);
+  return {.isTerminal = isTerminal,
+          .mode = isLive ? Viewer::Mode::live : Viewer::Mode::plain,
+          .look = {.columns = columns ? *columns : columnsVariable().value_or(usualColumns),
+                   .colours = isColoured ? Look::Colours::ansi : Look::Colours::none,
+                   .glyphs = isUtf8Locale() ? Glyphs::unicode : Glyphs::ascii}};
 }
 
 bool isInForeground(int terminal) {

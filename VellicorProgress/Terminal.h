@@ -1,8 +1,6 @@
 #pragma once
 
 #include <cstddef>
-#include <optional>
-#include <string>
 
 #include "VellicorProgress/Screen.h"
 #include "VellicorProgress/Viewer.h"
@@ -11,29 +9,21 @@ namespace vellicor {
 
 inline constexpr std::size_t usualColumns = 80;
 
-/// What decides how standard output is written to.
-struct TerminalFacts {
+/// How to write to standard output.
+struct Terminal {
   bool isTerminal = false;
-  /// Of the window; nothing when it has none.
-  std::optional<std::size_t> columns{};
-  /// The environment: TERM, NO_COLOR, COLUMNS and the first of LC_ALL, LC_CTYPE, LANG that is set; an empty
-  /// variable counts as none.
-  std::optional<std::string> type{};
-  std::optional<std::string> noColour{};
-  std::optional<std::string> columnsVariable{};
-  std::optional<std::string> locale{};
+  /// Live on every terminal that is not dumb.
+  Viewer::Mode mode = Viewer::Mode::plain;
+  /// Colours in live mode without NO_COLOR, Unicode glyphs in a UTF-8 locale, and the width of the window,
+  /// else COLUMNS, else 80.
+  Look look;
 
-  /// Of the process's own standard output and environment.
-  static TerminalFacts ofStandardOutput();
-
-  /// Live on a terminal that is not a dumb one.
-  Viewer::Mode mode() const;
-  /// Colour where live and without NO_COLOR; glyphs beyond ASCII where the locale is a UTF-8 one; the
-  /// window's width, then COLUMNS, then 80.
-  Look look() const;
+  /// Looks at the process's own standard output and environment. An empty variable counts as not set.
+  static Terminal ofStandardOutput();
 };
 
-/// Whether this process may draw: its terminal has it in the foreground, or is not its controlling one.
+/// Whether this process may draw: it is in the foreground of the terminal, or the terminal does not control
+/// it.
 bool isInForeground(int terminal);
 
 }  // namespace vellicor

@@ -13,31 +13,10 @@ constexpr std::string_view eraseBelow = "\r\033[J";
 constexpr std::string_view eraseRest = "\033[K\r";
 constexpr std::string_view failedInstall = "install failed: ";
 
-// What their events tell is over the moment they tell it.
-bool isMomentary(InstallPhase phase) {
-  return phase == InstallPhase::planning || phase == InstallPhase::checkingDisk;
-}
-
-Viewer::Reached reachedBy(InstallPhase phase) {
-  switch (phase) {
-    case InstallPhase::metadata:
-    case InstallPhase::planning:
-    case InstallPhase::checkingDisk:
-    case InstallPhase::reserving:
-      return Viewer::Reached::started;
-    case InstallPhase::copying:
-    case InstallPhase::hashing:
-    case InstallPhase::finalizing:
-      return Viewer::Reached::copying;
-  }
-  return Viewer::Reached::nothing;
-}
-
 }  // namespace
 
 std::string Viewer::takeOutput(std::string_view bytes, ProgressTime now) {
-  std::string text;
-  reader_.feed(bytes, receiver(text, now));
+  std::string text = take(reader_.feed(bytes), now);
   text += drawIfDue(now);
   return text;
 }
@@ -62,8 +41,8 @@ std::string Viewer::tick(ProgressTime now) {
 std::optional<ProgressTime> Viewer::nextTick() const {
   if (!mayDraw()) return std::nullopt;
   if (mode_ == Mode::plain) return last_ + plainInterval;
-  const bool isBehind = hasNews_ || !isDrawn_;
-  return last_ + (isBehind ? std::chrono::nanoseconds(shortestRedraw) : longestRedraw);
+  const bool isOutdated = hasNews_ || !isDrawn_;
+  return last_ + (isOutdated ? std::chrono::nanoseconds(shortestRedraw) : longestRedraw);
 }
 
 std::string Viewer::resize(std::size_t columns, ProgressTime now) {
@@ -86,16 +65,19 @@ std::string Viewer::show(ProgressTime now) {
 }
 
 std::string Viewer::finish(PhaseEnd end, ProgressTime now) {
-  std::string text;
-  reader_.finish(receiver(text, now));
+  std::string text = take(reader_.finish(), now);
   text += erase();
   text += endPhase(end, now);
   return text;
 }
 
-ProgressLineReader::Receiver Viewer::receiver(std::string& text, ProgressTime now) {
-  return {.event = [this, &text, now](const auto& event) { text += takeEvent(event, now); },
-          .other = [this, &text, now](std::string_view bytes) { text += passOn(bytes, now); }};
+std::string Viewer::take(const std::vector<ProgressLineReader::Piece>& pieces, ProgressTime now) {
+  std::string text;
+  for (const auto& piece : pieces) {
+    const auto* event = std::get_if<ModelInstallProgress>(&piece);
+    text += event != nullptr ? takeEvent(*event, now) : passOn(std::get<std::string>(piece), now);
+  }
+  return text;
 }
 
 std::string Viewer::takeEvent(const ModelInstallProgress& event, ProgressTime now) {
@@ -103,10 +85,11 @@ std::string Viewer::takeEvent(const ModelInstallProgress& event, ProgressTime no
   const InstallPhase phase = meter_.current(now)->phase;
   const bool isNew = phase_ != phase;
   phase_ = phase;
-  reached_ = std::max(reached_, reachedBy(phase));
+  const PhaseTraits traits = traitsOf(phase);
+  reached_ = std::max(reached_, traits.isSaved ? Reached::copying : Reached::started);
   hasNews_ = true;
   lastEvent_ = now;
-  if (isMomentary(phase)) {
+  if (traits.isMomentary) {
     text += endPhase(PhaseEnd::finished, now);
   } else if (isNew && mode_ == Mode::plain) {
     text += plainStatus(now);
@@ -116,7 +99,7 @@ std::string Viewer::takeEvent(const ModelInstallProgress& event, ProgressTime no
 
 std::string Viewer::passOn(std::string_view bytes, ProgressTime now) {
   std::string text = erase();
-  // Behind the last phase comes the report of what was done.
+  // The last phase is followed by the installer's report.
   if (phase_ == InstallPhase::finalizing) text += endPhase(PhaseEnd::finished, now);
   text += bytes;
   isMidLine_ = bytes.back() != '\n';
@@ -168,10 +151,10 @@ std::string Viewer::erase() {
   return text += showCursor;
 }
 
-// Of the phase that there must be.
+// Called only while there is a phase.
 PhaseState Viewer::state(ProgressTime now) const {
   PhaseState shown = *meter_.current(now);
-  const bool waitsForHub = phase_ == InstallPhase::metadata || phase_ == InstallPhase::copying;
+  const bool waitsForHub = traitsOf(shown.phase).waitsForHub;
   shown.isOffline = waitsForHub && now - lastEvent_ >= networkPatience && hasNetwork_ && !hasNetwork_();
   return shown;
 }

@@ -6,58 +6,58 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
-#include "VellicorProgress/ProgressLine.h"
+#include "VellicorProgress/ProgressLineReader.h"
 #include "VellicorProgress/ProgressMeter.h"
 #include "VellicorProgress/Screen.h"
 
 namespace vellicor {
 
-/// Decides what is written when. Pure: bytes and moments go in, and each call returns what is to be written
-/// to standard output at once.
+/// Decides which text is written at which moment. Pure: bytes and moments go in, and each call returns the
+/// text to write to standard output at once.
 ///
-/// Live, the line of the current phase is the last one of the screen, drawn with the cursor back at its
-/// start: whatever somebody else writes begins in the first column, and a terminal that reflows a narrower
-/// window keeps the cursor on the line's first row. The cursor is hidden exactly while a line is drawn. A
-/// line that the command has not finished is never drawn over: the live line waits for its end, and a line
-/// that stays begins on a row of its own.
+/// In live mode the line of the current phase is the last one of the screen, and the cursor goes back to its
+/// start: text of other writers begins in the first column, and a terminal that reflows a narrower window
+/// keeps the cursor on the line's first row. The cursor is hidden while a line is drawn. The live line never
+/// covers an unfinished line of the command: it waits for its end, and an ended phase begins a new row.
 ///
-/// An install waits where there is no network. Then the line says so, in a log once.
+/// An install without a network waits for one. The live line then says so, and a log says so once.
 class Viewer {
  public:
   enum class Mode { live, plain };
-  /// What an install has left beside its output, as far as its events tell.
+  /// What the events say an install has left beside its output.
   enum class Reached { nothing, started, copying };
 
   static constexpr std::chrono::milliseconds shortestRedraw{100};
   static constexpr std::chrono::seconds longestRedraw{1};
   static constexpr std::chrono::seconds plainInterval{10};
-  /// Without an event for so long while the hub is waited for, the network is looked at.
+  /// After so long without an event, a phase that waits for the hub checks the network.
   static constexpr std::chrono::seconds networkPatience{3};
 
-  /// `hasNetwork` may be empty: there always is one.
+  /// An empty `hasNetwork` means that there always is a network.
   Viewer(Mode mode, Look look, std::function<bool()> hasNetwork = {})
       : mode_(mode), look_(look), hasNetwork_(std::move(hasNetwork)) {}
 
   std::string takeOutput(std::string_view bytes, ProgressTime now);
-  /// What must be written before these bytes of standard error, when both show on the same terminal. The
-  /// line of a failed install ends the phase, so that it and the advice stand together.
+  /// The text to write before these bytes of standard error, if both show on the same terminal. The error
+  /// line of a failed install ends the phase, so that it stands together with the advice.
   std::string beforeErrors(std::string_view bytes, ProgressTime now);
   std::string tick(ProgressTime now);
-  /// When `tick` has something to do, if nothing else happens before.
+  /// When `tick` has something to do next.
   std::optional<ProgressTime> nextTick() const;
 
   std::string resize(std::size_t columns, ProgressTime now);
-  /// Takes the live line away, for as long as the terminal is somebody else's.
+  /// Removes the live line while the terminal belongs to another process.
   std::string hide();
   std::string show(ProgressTime now);
-  /// The stream has ended; a phase under way ended with it.
+  /// The stream has ended, and the current phase with it.
   std::string finish(PhaseEnd end, ProgressTime now);
 
   Reached reached() const { return reached_; }
 
  private:
-  ProgressLineReader::Receiver receiver(std::string& text, ProgressTime now);
+  std::string take(const std::vector<ProgressLineReader::Piece>& pieces, ProgressTime now);
   std::string takeEvent(const ModelInstallProgress& event, ProgressTime now);
   std::string passOn(std::string_view bytes, ProgressTime now);
   std::string endPhase(PhaseEnd end, ProgressTime now);
@@ -77,10 +77,10 @@ class Viewer {
   ProgressMeter meter_;
   std::optional<InstallPhase> phase_;
   Reached reached_ = Reached::nothing;
-  /// When something was last drawn, or in plain mode the last line written.
+  /// When the line was last drawn, or in plain mode written.
   ProgressTime last_;
   ProgressTime lastEvent_;
-  /// Plain: the log says so already.
+  /// The log has said so already.
   bool hasSaidOffline_ = false;
   bool isDrawn_ = false;
   bool hasNews_ = false;

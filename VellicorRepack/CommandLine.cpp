@@ -1,6 +1,9 @@
 #include "VellicorRepack/CommandLine.h"
 
 #include <cstddef>
+#include <optional>
+
+#include "VellicorTerminal/Options.h"
 
 namespace vellicor {
 
@@ -16,72 +19,53 @@ const std::string_view usageText =
     "only if Hugging Face requests authentication. A cancelled or interrupted\n"
     "download can be continued with --resume or removed with --discard-partial.";
 
-ParseError ParseError::unknown(const std::string& argument) {
-  return {Kind::unknown, "unknown argument: " + argument};
-}
-
-ParseError ParseError::missingValue(const std::string& option) {
-  return {Kind::missingValue, "missing value for " + option};
-}
-
-ParseError ParseError::missingRequired(const std::string& option) {
-  return {Kind::missingRequired, "missing required argument: " + option};
-}
-
-ParseError ParseError::invalidMode(std::string message) { return {Kind::invalidMode, std::move(message)}; }
-
-ParseError ParseError::help() { return {Kind::help, "help"}; }
-
 namespace {
+
+/// The arguments, before the mode rules.
+struct Arguments {
+  std::optional<std::string> output;
+  std::optional<std::string> inputMorlen;
+  bool overwrite = false;
+  bool resume = false;
+  bool discardPartial = false;
+  bool verifyInstall = false;
+  bool help = false;
+};
 
 Arguments scan(const std::vector<std::string>& arguments) {
   Arguments scanned;
-  for (std::size_t i = 1; i < arguments.size(); ++i) {
-    const std::string& argument = arguments[i];
-    const auto value = [&]() -> const std::string& {
-      if (i + 1 == arguments.size()) throw ParseError::missingValue(argument);
-      return arguments[++i];
-    };
-    if (argument == "--help") {
-      throw ParseError::help();
-    } else if (argument == "--overwrite") {
-      scanned.overwrite = true;
-    } else if (argument == "--resume") {
-      scanned.resume = true;
-    } else if (argument == "--discard-partial") {
-      scanned.discardPartial = true;
-    } else if (argument == "--verify-install") {
-      scanned.verifyInstall = true;
-    } else if (argument == "--output") {
-      scanned.output = value();
-    } else if (argument == "--input-morlen") {
-      scanned.inputMorlen = value();
-    } else {
-      throw ParseError::unknown(argument);
-    }
+  const std::vector<Option> options = {{"--help", &scanned.help},
+                                       {"--overwrite", &scanned.overwrite},
+                                       {"--resume", &scanned.resume},
+                                       {"--discard-partial", &scanned.discardPartial},
+                                       {"--verify-install", &scanned.verifyInstall},
+                                       {"--output", &scanned.output},
+                                       {"--input-morlen", &scanned.inputMorlen}};
+  for (std::size_t i = 1; i < arguments.size() && !scanned.help; ++i) {
+    if (!takeOption(options, arguments, i)) throw UsageError::unknown(arguments[i]);
   }
   return scanned;
 }
 
 Mode discardMode(const Arguments& arguments) {
-  if (!arguments.output) throw ParseError::missingRequired("--output");
+  if (!arguments.output) throw UsageError::missingRequired("--output");
   if (arguments.verifyInstall || arguments.overwrite || arguments.inputMorlen) {
-    throw ParseError::invalidMode("--discard-partial only accepts --output");
+    throw UsageError("--discard-partial only accepts --output");
   }
   return DiscardMode{*arguments.output};
 }
 
 Mode verifyMode(const Arguments& arguments) {
-  if (!arguments.inputMorlen) throw ParseError::missingRequired("--input-morlen");
+  if (!arguments.inputMorlen) throw UsageError::missingRequired("--input-morlen");
   if (arguments.resume || arguments.overwrite || arguments.output) {
-    throw ParseError::invalidMode("verification accepts only --input-morlen");
+    throw UsageError("verification accepts only --input-morlen");
   }
   return VerifyMode{*arguments.inputMorlen};
 }
 
 Mode installMode(const Arguments& arguments) {
-  if (!arguments.output) throw ParseError::missingRequired("--output");
-  if (arguments.inputMorlen) throw ParseError::invalidMode("--input-morlen requires --verify-install");
+  if (!arguments.output) throw UsageError::missingRequired("--output");
+  if (arguments.inputMorlen) throw UsageError("--input-morlen requires --verify-install");
   return InstallMode{*arguments.output, arguments.overwrite, arguments.resume};
 }
 
@@ -89,8 +73,9 @@ Mode installMode(const Arguments& arguments) {
 
 Mode parseCommandLine(const std::vector<std::string>& arguments) {
   const Arguments scanned = scan(arguments);
+  if (scanned.help) return HelpMode{};
   if (scanned.resume && scanned.discardPartial) {
-    throw ParseError::invalidMode("--resume and --discard-partial are mutually exclusive");
+    throw UsageError("--resume and --discard-partial are mutually exclusive");
   }
   if (scanned.discardPartial) return discardMode(scanned);
   if (scanned.verifyInstall) return verifyMode(scanned);

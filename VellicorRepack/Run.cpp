@@ -1,28 +1,38 @@
 #include "VellicorRepack/Run.h"
 
-#include <csignal>
 #include <exception>
-#include <optional>
+#include <stdexcept>
 #include <variant>
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include "VellicorRepack/CommandLine.h"
-#include "VellicorRepack/Console.h"
-#include "VellicorRepack/ProgressLines.h"
 #include "VellicorRepackCore/Base/Environment.h"
 #include "VellicorRepackCore/Base/Errors.h"
 #include "VellicorRepackCore/Install/RemoteStreamingRepacker.h"
 #include "VellicorRepackCore/Install/SupportedModelSource.h"
+#include "VellicorRepackCore/Reporting/ModelInstallProgressLine.h"
 #include "VellicorRepackCore/Reporting/RepackAudit.h"
 #include "VellicorRepackCore/Verification/VerifiedInstallTool.h"
-#include "VellicorTerminal/SafeText.h"
+#include "VellicorTerminal/Escaping.h"
+#include "VellicorTerminal/Options.h"
+#include "VellicorTerminal/StandardStreams.h"
 
 namespace vellicor {
 
 namespace {
 
-void print(const std::string& text) { writeToConsole(ConsoleStream::standardOutput, text); }
+// A text that cannot be written is dropped: nothing on disk depends on it.
+void print(std::string_view text) { writeAll(STDOUT_FILENO, text); }
+void printError(std::string_view text) { writeAll(STDERR_FILENO, text); }
+
+/// An event that no line can hold is dropped as well.
+void emit(const ModelInstallProgress& progress) try {
+  print(progressLine(progress));
+} catch (const std::invalid_argument&) {
+  return;
+}
 
 /// The whole text of an error, which may hold a NUL.
 std::string_view textOf(const std::exception& error) {
@@ -32,27 +42,20 @@ std::string_view textOf(const std::exception& error) {
 
 int reportFailure(std::string_view operation, const std::exception& error) noexcept {
   try {
-    writeToConsole(ConsoleStream::standardError,
-                   errorLine(fmt::format("{} failed: {}", operation, textOf(error))));
+    printError(errorLine(fmt::format("{} failed: {}", operation, textOf(error))));
   } catch (const std::exception&) {
-    for (const std::string_view piece : {operation, std::string_view(" failed: not enough memory\n")}) {
-      writeToConsole(ConsoleStream::standardError, piece);
-    }
+    printError(operation);
+    printError(" failed: not enough memory\n");
   }
   return ExitStatus::failure;
 }
 
-int reportParseError(const ParseError& error) {
-  if (error.kind() == ParseError::Kind::help) {
+struct ModeRunner {
+  int operator()(const HelpMode&) const {
     print(fmt::format("{}\n", usageText));
     return ExitStatus::success;
   }
-  writeToConsole(ConsoleStream::standardError,
-                 errorLine(fmt::format("error: {}", error.what())) + fmt::format("\n{}\n", usageText));
-  return ExitStatus::usage;
-}
 
-struct ModeRunner {
   int operator()(const InstallMode& mode) const try {
     return runInstall(SupportedModelSource::installOptions(absoluteOutputPath(mode.output), mode.overwrite,
                                                            environmentVariable("HF_TOKEN"), mode.resume),
@@ -81,19 +84,11 @@ struct ModeRunner {
 
 }  // namespace
 
-void ignoreWriteSignals() {
-  std::signal(SIGPIPE, SIG_IGN);
-  std::signal(SIGXFSZ, SIG_IGN);
-}
-
-int run(const std::vector<std::string>& arguments) {
-  std::optional<Mode> mode;
-  try {
-    mode = parseCommandLine(arguments);
-  } catch (const ParseError& error) {
-    return reportParseError(error);
-  }
-  return std::visit(ModeRunner{}, *mode);
+int run(const std::vector<std::string>& arguments) try {
+  return std::visit(ModeRunner{}, parseCommandLine(arguments));
+} catch (const UsageError& error) {
+  printError(usageErrorText("error", error.what(), usageText));
+  return ExitStatus::usage;
 }
 
 std::string absoluteOutputPath(const std::string& output) {

@@ -16,10 +16,6 @@ struct ExitStatus {
   static constexpr int usage = 2;
 };
 
-/// Makes a write that nobody takes (an install outlives whoever reads its progress) or that goes beyond the
-/// limit on file sizes fail like any other, instead of ending the process.
-void ignoreWriteSignals();
-
 /// The whole program: parses the arguments, runs the chosen mode, prints its report or its one error line,
 /// and returns the exit status. Never throws.
 int run(const std::vector<std::string>& arguments);

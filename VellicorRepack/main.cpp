@@ -2,6 +2,7 @@
 #include <vector>
 
 #include "VellicorRepack/Run.h"
+#include "VellicorTerminal/Signals.h"
 #include "VellicorTerminal/StandardStreams.h"
 
 int main(int argc, char** argv) {

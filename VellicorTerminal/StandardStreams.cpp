@@ -5,13 +5,14 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace vellicor {
 
 namespace {
 
-/// Until the descriptor takes bytes, or has an error that the next write reports. Returns 0 or an error
+/// Waits until the descriptor takes bytes, or has an error that the next write reports. Returns 0 or an error
 /// number.
 int waitUntilWritable(int fd) noexcept {
   pollfd waited{.fd = fd, .events = POLLOUT, .revents = 0};
@@ -29,7 +30,7 @@ void openStandardStreams() noexcept {
   for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (::fcntl(stream, F_GETFD) >= 0) continue;
     const int opened = ::open("/dev/null", stream == STDIN_FILENO ? O_RDONLY : O_WRONLY);
-    // Where there is no /dev/null, what cannot be written to takes the number as well.
+    // Without /dev/null a directory takes the number: nothing can be written to it.
     if (opened < 0) static_cast<void>(::open("/", O_RDONLY | O_DIRECTORY));
   }
 }
@@ -47,6 +48,12 @@ int writeAll(int fd, std::string_view text) noexcept {
     if (error != 0) return error;
   }
   return 0;
+}
+
+std::optional<std::size_t> windowColumns(int fd) noexcept {
+  winsize size{};
+  if (::ioctl(fd, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return std::nullopt;
+  return size.ws_col;
 }
 
 }  // namespace vellicor

@@ -28,7 +28,7 @@ _VellicorInspect() {
     return
   fi
 
-  # What is offered goes together with everything before it.
+  # Offer only options that go together with the ones before.
   local views=('--json' '--tensors --match --json' '--layers --json' '--svg --force' '--tensor --expert --output --force')
   ((${#given[@]} == 0)) && [[ ! $model ]] && views+=('--help')
   local offered=''

@@ -14,7 +14,7 @@ complete -c VellicorInspect -l svg -r -F -d 'Write a picture of where the bytes 
     -n 'not __fish_contains_opt help tensors match layers json tensor expert output'
 complete -c VellicorInspect -l tensor -x -d 'Write the bytes of a tensor' \
     -n 'not __fish_contains_opt help tensors match layers json svg'
-complete -c VellicorInspect -l expert -x -d 'Of a routed tensor, only this one' \
+complete -c VellicorInspect -l expert -x -d 'Only this expert of a routed tensor' \
     -n 'not __fish_contains_opt help tensors match layers json svg'
 complete -c VellicorInspect -l output -r -F -d 'The file to write the tensor to' \
     -n 'not __fish_contains_opt help tensors match layers json svg'

@@ -19,7 +19,7 @@ _VellicorRepack() {
     return
   fi
 
-  # What is offered goes together with everything before it.
+  # Offer only options that go together with the ones before.
   local modes=(
     '--output --overwrite --resume'
     '--discard-partial --output'

@@ -2,7 +2,7 @@
 
 #include "Tests/Support/Expect.h"
 #include "VellicorFormat/MorlenFormatV1.h"
-#include "VellicorFormat/UnicodeText.h"
+#include "VellicorFormat/Unicode.h"
 
 namespace vellicor {
 namespace {
@@ -57,7 +57,7 @@ TEST(MorlenFormatV1, FilesystemKeyIgnoresCaseAndComposition) {
   EXPECT_EQ(key("I\xCE\xA3"), "i\xCF\x82");
 }
 
-TEST(UnicodeText, WellFormednessAndRepair) {
+TEST(Unicode, WellFormednessAndRepair) {
   const std::pair<std::string, std::string> rows[] = {
       {"a\xC2\x80\xE0\xA0\x80\xF0\x90\x80\x80", "a\xC2\x80\xE0\xA0\x80\xF0\x90\x80\x80"},
       {"\xED\x9F\xBF\xEE\x80\x80\xF4\x8F\xBF\xBF", "\xED\x9F\xBF\xEE\x80\x80\xF4\x8F\xBF\xBF"},
@@ -75,7 +75,7 @@ TEST(UnicodeText, WellFormednessAndRepair) {
   }
 }
 
-TEST(UnicodeText, MarksOutOfOrderComposeAsInOrderHoweverMany) {
+TEST(Unicode, MarksOutOfOrderComposeAsInOrderHoweverMany) {
   EXPECT_EQ(canonicalComposition("a\xCC\x81\xCC\xA3/\xE1\xBB\x87"), "\xE1\xBA\xA1\xCC\x81/\xE1\xBB\x87");
   std::string marks = "a";
   for (int i = 0; i < 500000; ++i)

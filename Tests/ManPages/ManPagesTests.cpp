@@ -1,126 +1,30 @@
 #include <algorithm>
-#include <array>
-#include <concepts>
-#include <cstddef>
-#include <iterator>
+#include <filesystem>
 #include <map>
 #include <regex>
 #include <set>
+#include <sstream>
 #include <string>
-#include <variant>
+#include <string_view>
 #include <vector>
 
 #include <fmt/format.h>
-#include <fmt/ranges.h>
 #include <gmock/gmock.h>
 
-#include "Tests/ManPages/ManPage.h"
-#include "VellicorFormat/MorlenFormatV1.h"
 #include "VellicorLab/ChildProcess.h"
-#include "VellicorRepack/Run.h"
-#include "VellicorRepackCore/Base/Errors.h"
 
 namespace vellicor {
 namespace {
 
 using namespace ::testing;
-using namespace testing;
+namespace fs = std::filesystem;
 
-using Texts = std::set<std::string>;
+using Texts = std::set<std::string, std::less<>>;
 
-/// A number that reads as "<name>" in what `rendered` returns.
-struct Number {
-  static constexpr std::array names = {"errno",     "expected",  "wrote",     "got",       "size", "end",
-                                       "fileSize",  "actual",    "status",    "limit",     "cap",  "required",
-                                       "available", "attempted", "requested", "capSeconds"};
-  static constexpr int first = 700'000;
+const std::vector<std::string> programs = {"VellicorRepack", "VellicorProgress", "VellicorInspect"};
+const std::string field = "<>";
 
-  std::string_view name;
-
-  template <std::integral T>
-  operator T() const {
-    const std::ptrdiff_t at = std::ranges::find(names, name) - names.begin();
-    EXPECT_LT(at, std::ssize(names)) << name;
-    return static_cast<T>(first + at);
-  }
-};
-
-Number operator""_n(const char* name, std::size_t length) { return {{name, length}}; }
-
-std::string rendered(std::string text) {
-  for (std::size_t i = 0; i < Number::names.size(); ++i) {
-    const std::string number = std::to_string(Number::first + static_cast<int>(i));
-    text = std::regex_replace(text, std::regex(number), fmt::format("<{}>", Number::names[i]));
-  }
-  return text;
-}
-
-/// The texts of the samples. Every case of the error must be among them.
-template <typename Error>
-Texts texts(const std::vector<Error>& samples) {
-  Texts texts;
-  std::set<std::size_t> cases;
-  for (const Error& sample : samples) {
-    texts.insert(rendered(sample.description()));
-    cases.insert(sample.payload().index());
-  }
-  EXPECT_EQ(cases.size(), std::variant_size_v<typename Error::Payload>) << "a case has no sample";
-  return texts;
-}
-
-Texts repackErrorTexts() {
-  using E = RepackError;
-  return texts<E>({
-      RepackError(FileOpenFailed{.path = "<path>", .errnoValue = "errno"_n}),
-      RepackError(FileStatFailed{.path = "<path>", .errnoValue = "errno"_n}),
-      RepackError(FtruncateFailed{.path = "<path>", .errnoValue = "errno"_n}),
-      RepackError(PwriteShort{
-          .path = "<path>", .expected = "expected"_n, .wrote = "wrote"_n, .errnoValue = "errno"_n}),
-      RepackError(
-          PreadShort{.path = "<path>", .expected = "expected"_n, .got = "got"_n, .errnoValue = "errno"_n}),
-      RepackError(RenameFailed{.from = "<from>", .to = "<to>", .errnoValue = "errno"_n}),
-      RepackError(FsyncFailed{.path = "<path>", .errnoValue = "errno"_n}),
-      RepackError(InstallBusy{"<path>"}),
-      RepackError(InstallPathUnsafe{.path = "<path>", .detail = "<detail>"}),
-      RepackError(InstallStateMissing{"<path>"}),
-      RepackError(InstallStateCorrupt{.path = "<path>", .detail = "<detail>"}),
-      RepackError(InstallStateIncompatible{"saved download exists; resume or discard it"}),
-      RepackError(PromotionUnsupported{.path = "<path>", .errnoValue = "errno"_n}),
-      RepackError(SafetensorsHeaderTooLarge{.path = "<path>", .size = "size"_n}),
-      RepackError(SafetensorsHeaderInvalid{.path = "<path>", .detail = "<detail>"}),
-      RepackError(SafetensorsUnknownDtype{.path = "<path>", .dtype = "<dtype>"}),
-      RepackError(SafetensorsTensorOutOfRange{
-          .path = "<path>", .name = "<name>", .end = "end"_n, .fileSize = "fileSize"_n}),
-      RepackError(IndexJsonInvalid{.path = "<path>", .detail = "<detail>"}),
-      RepackError(ConfigJsonInvalid{.path = "<path>", .detail = "<detail>"}),
-      RepackError(
-          QuantOverrideCountMismatch{.expected = "expected"_n, .actual = "actual"_n, .sample = {"<name>"}}),
-      RepackError(MissingTensor{"<name>"}),
-      RepackError(UnknownTensorPrefix{"<name>"}),
-      RepackError(MissingScalesCompanion{"<name>"}),
-      RepackError(MissingBiasesCompanion{"<name>"}),
-      RepackError(ShapeMismatch{.name = "<name>", .detail = "<detail>"}),
-      RepackError(DtypeMismatch{.name = "<name>", .detail = "<detail>"}),
-      RepackError(SourceFingerprintRejected{.path = "<path>", .sha256 = "<sha256>"}),
-      RepackError(RemoteProtocolInvalid{"<detail>"}),
-      RepackError(RemoteHTTPStatus{.url = "<url>", .status = "status"_n}),
-      RepackError(RemoteHTTPResponse{.url = "<url>", .status = "status"_n, .retryAfter = "<retryAfter>"}),
-      RepackError(RemoteBodyTruncated{.path = "<path>", .expected = "expected"_n, .actual = "actual"_n}),
-      RepackError(RemoteBodyExceeded{.path = "<path>", .limit = "limit"_n, .attempted = "attempted"_n}),
-      RepackError(RemoteRedirectRejected{.url = "<url>", .detail = "<detail>"}),
-      RepackError(RemoteRetryDelayExceeded{.value = "<value>", .capSeconds = "capSeconds"_n}),
-      RepackError(RemoteFileTooLarge{.path = "<path>", .size = "size"_n, .cap = "cap"_n}),
-      RepackError(
-          DiskSpaceInsufficient{.path = "<path>", .required = "required"_n, .available = "available"_n}),
-      RepackError(ScratchExceeded{.requested = "requested"_n, .limit = "limit"_n}),
-      RepackError(ConfigurationInvalid{"<detail>"}),
-  });
-}
-
-Texts formatErrorTexts() {
-  using E = MorlenFormatError;
-  return texts<E>({E::invalid("<field>", "<reason>"), E::overflow("<field>"), E::truncated("<field>")});
-}
+std::string projectFile(const std::string& path) { return readFile(PROJECT_SOURCE "/" + path); }
 
 Texts matches(const std::string& text, const std::string& pattern) {
   Texts found;
@@ -131,104 +35,140 @@ Texts matches(const std::string& text, const std::string& pattern) {
   return found;
 }
 
-Texts asSet(const std::vector<std::string>& texts) { return {texts.begin(), texts.end()}; }
-
-constexpr std::array programs = {"VellicorRepack", "VellicorProgress", "VellicorInspect"};
-const std::vector<std::string> folders = {"VellicorFormat",   "VellicorRepackCore", "VellicorRepack",
-                                          "VellicorProgress", "VellicorInspect",    "VellicorTerminal"};
-
-ManPage pageOf(const std::string& program) { return ManPage(program + ".1"); }
-
-/// The program's own usage text as forms of its command, each on one line.
-Texts usageForms(const std::string& program) {
-  const ProcessResult help = runProcess({PROGRAMS "/" + program, "--help"});
-  EXPECT_EQ(help.status, ExitStatus::success) << help.errors;
-  const std::string unfolded = std::regex_replace(help.output, std::regex("\n {4,}"), " ");
-  return matches(unfolded, "\n  (?:<command> \\| )?(" + program + "[^\n]*)");
-}
-
-Texts usageOptions(const std::string& program) {
-  const Texts forms = usageForms(program);
-  return matches(fmt::format("{}", fmt::join(forms, "\n")), "(--[a-z-]+(?: <[^>]*>)?)");
-}
-
-TEST(ManPages, SpellTheCommandLineLikeTheUsageText) {
-  for (const std::string program : programs) {
-    SCOPED_TRACE(program);
-    EXPECT_EQ(asSet(pageOf(program).synopsis()), usageForms(program));
-    EXPECT_EQ(asSet(pageOf(program).heads("OPTIONS")), usageOptions(program));
-  }
-  EXPECT_THAT(pageOf("VellicorRepack").heads("EXIT STATUS"),
-              ElementsAre(std::to_string(ExitStatus::success), std::to_string(ExitStatus::failure),
-                          std::to_string(ExitStatus::usage)));
-}
-
-TEST(ManPages, ExplainEveryErrorAndNoneThatIsNot) {
-  Texts errors = repackErrorTexts();
-  errors.merge(formatErrorTexts());
-  EXPECT_THAT(pageOf("VellicorRepack").heads("DIAGNOSTICS"), IsSupersetOf(errors));
-
-  const SourceTexts sources(folders);
-  for (const std::string program : programs) {
-    const std::vector<std::string> heads = pageOf(program).heads("DIAGNOSTICS");
-    EXPECT_THAT(heads, Not(IsEmpty())) << program;
-    for (const std::string& head : heads) {
-      const std::string line = fmt::format("{}: {}", program, head);
-      EXPECT_TRUE(errors.contains(head) || sources.compose(head) || sources.compose(line)) << line;
+/// The text of a line of macros and words, with `field` in place of every argument.
+std::string plainText(const std::string& line) {
+  std::istringstream words(std::regex_replace(std::regex_replace(line, std::regex(R"(\\\(aq)"), "'"),
+                                              std::regex(R"(\\&|\\(?=-))"), ""));
+  std::string text, style;
+  bool joins = true;
+  for (std::string word; words >> word;) {
+    if (word == "Ns") {
+      joins = true;
+    } else if (Texts{"Ar", "Sy", "Ev"}.contains(word)) {
+      style = word;
+    } else {
+      text += (joins ? "" : " ") + (style == "Ar" ? field : word);
+      joins = false;
     }
   }
-  EXPECT_FALSE(sources.compose("configuration invalid: no such text <detail>")) << "everything passes";
+  return text;
+}
+
+/// The heads of the list items in a section of a program's page.
+Texts heads(const std::string& program, const std::string& section) {
+  const std::string page = projectFile("docs/man/" + program + ".1");
+  const std::size_t begin = page.find("\n.Sh " + section + "\n");
+  if (begin == std::string::npos) return {};
+  Texts found;
+  for (const std::string& line :
+       matches(page.substr(begin, page.find("\n.Sh ", begin + 1) - begin), "\n\\.It ([^\n]*)")) {
+    found.insert(plainText(line));
+  }
+  return found;
+}
+
+/// Calls `visit` with the path and the content of each of the product's sources.
+template <typename Visit>
+void forEachSource(Visit&& visit) {
+  for (const auto& entry : fs::recursive_directory_iterator(PROJECT_SOURCE)) {
+    const std::string path = entry.path().lexically_relative(PROJECT_SOURCE);
+    const bool isProduct = path.starts_with("Vellicor") && !path.starts_with("VellicorLab") &&
+                           !path.starts_with("VellicorTrials");
+    const bool isSource = entry.path().extension() == ".cpp" || entry.path().extension() == ".h";
+    if (isProduct && isSource) visit(path, projectFile(path));
+  }
+}
+
+Texts literals(const std::string& source) {
+  // A comment is matched so that its quotes begin nothing, a character so that '"' does not.
+  Texts found = matches(source, R"re(//[^\n]*|#include[^\n]*|'\\?[^\n]'|"((?:[^"\\\n]|\\.)*)")re");
+  found.erase("");
+  return found;
+}
+
+std::string trimmed(std::string_view text) {
+  const std::size_t first = std::min(text.find_first_not_of(' '), text.size());
+  return std::string(text.substr(first, text.find_last_not_of(' ') + 1 - first));
+}
+
+/// The pieces of a text between its fields, without outer spaces.
+Texts pieces(const std::string& text, const std::string& fieldPattern) {
+  Texts found;
+  const std::regex mark(fieldPattern);
+  for (std::sregex_token_iterator at(text.begin(), text.end(), mark, -1), end; at != end; ++at) {
+    found.insert(trimmed(at->str()));
+  }
+  return found;
+}
+
+/// Whether the text is put together from whole pieces, which meet at spaces and colons.
+bool isComposed(const std::string& text, const Texts& from) {
+  if (text.empty() || from.contains(text)) return true;
+  for (std::size_t end = text.size() - 1; end > 0; --end) {
+    const bool isSeam = text[end] == ' ' || text[end] == ':';
+    if (isSeam && from.contains(trimmed(text.substr(0, end))) && isComposed(trimmed(text.substr(end)), from))
+      return true;
+  }
+  return false;
+}
+
+TEST(ManPages, AndCompletionsHaveTheOptionsOfTheUsageText) {
+  for (const std::string& program : programs) {
+    const ProcessResult help = runProcess({PROGRAMS "/" + program, "--help"});
+    EXPECT_EQ(help.status, 0) << help.errors;
+    const Texts options = matches(help.output.substr(0, help.output.find("\n\n")), "--([a-z][a-z-]*)");
+    EXPECT_FALSE(options.empty());
+    EXPECT_EQ(matches(projectFile("docs/man/" + program + ".1"), "\\.It Fl -([a-z-]+)"), options);
+    EXPECT_EQ(matches(projectFile("completions/" + program + ".bash"), "--([a-z][a-z-]*)"), options);
+    EXPECT_EQ(matches(projectFile("completions/_" + program), "--([a-z-]+)[\\[:]"), options);
+    EXPECT_EQ(matches(projectFile("completions/" + program + ".fish"), " -l ([a-z-]+)"), options);
+  }
+}
+
+TEST(ManPages, ExplainEveryErrorAndNoOther) {
+  Texts written, errors;
+  forEachSource([&](const std::string& path, const std::string& content) {
+    for (const std::string& literal : literals(content)) {
+      written.merge(pieces(literal, R"(\{[^{}]*\})"));
+      const bool isError = path.starts_with("VellicorRepackCore/Base/Errors") &&
+                           std::regex_search(literal, std::regex(R"(\w.*\{\})"));
+      if (isError) {
+        const std::string text = std::regex_replace(literal, std::regex(R"(\{\})"), field);
+        errors.insert(std::regex_replace(text, std::regex("( ?<>)+$"), ""));
+      }
+    }
+  });
+  EXPECT_GE(errors.size(), 36U);
+  Texts explained;
+  for (const std::string& program : programs) {
+    const Texts texts = heads(program, "DIAGNOSTICS");
+    EXPECT_FALSE(texts.empty()) << program;
+    for (const std::string& text : texts) {
+      for (const std::string& piece : pieces(text, field)) {
+        const bool isSaid = isComposed(piece, written) || isComposed(program + ": " + piece, written);
+        EXPECT_TRUE(isSaid) << program << ": " << piece;
+      }
+    }
+    if (program == "VellicorRepack") explained = texts;
+  }
+  for (const std::string& error : errors) {
+    EXPECT_TRUE(std::ranges::any_of(explained, [&](const auto& text) { return text.starts_with(error); }))
+        << error;
+  }
 }
 
 TEST(ManPages, NameEveryEnvironmentVariableThatIsRead) {
-  struct Reader {
-    std::string file;
-    std::string program;
-    Texts variables;
-  };
-  const std::vector<Reader> readers = {
-      {"VellicorRepack/Run.cpp", "VellicorRepack", {"HF_TOKEN"}},
-      {"VellicorRepackCore/Install/SupportedModelSource.cpp",
-       "VellicorRepack",
-       {"HF_ENDPOINT", "SSL_CERT_FILE"}},
-      {"VellicorRepackCore/Remote/EnvironmentProxy.cpp",
-       "VellicorRepack",
-       {"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY", "no_proxy", "NO_PROXY"}},
-      {"VellicorProgress/Terminal.cpp",
-       "VellicorProgress",
-       {"COLUMNS", "LANG", "LC_ALL", "LC_CTYPE", "NO_COLOR", "TERM"}},
-  };
   std::map<std::string, Texts> variables;
-  Texts files = {"VellicorRepackCore/Base/Environment.cpp", "VellicorRepackCore/Base/Environment.h"};
-  for (const Reader& reader : readers) {
-    files.insert(reader.file);
-    const std::string pattern = "\"([A-Z_]{4,}|[a-z]+_proxy)\"";
-    EXPECT_EQ(matches(projectFile(reader.file), pattern), reader.variables) << reader.file;
-    variables[reader.program].insert(reader.variables.begin(), reader.variables.end());
-  }
-  const SourceTexts sources(folders);
-  EXPECT_EQ(sources.filesWith("nvironmentVariable("), files);
-  EXPECT_EQ(sources.filesWith("getenv("), Texts{"VellicorRepackCore/Base/Environment.cpp"});
-
-  for (const std::string program : programs) {
-    const std::vector<std::string> heads = pageOf(program).heads("ENVIRONMENT");
-    EXPECT_EQ(matches(fmt::format("{}", fmt::join(heads, " ")), "(\\w+)"), variables[program]) << program;
-  }
-}
-
-TEST(Completions, OfferTheOptionsOfTheUsageText) {
-  const std::vector<std::pair<std::string, std::string>> shells = {
-      {"completions/{}.bash", "--([a-z][a-z-]*)"},
-      {"completions/_{}", "--([a-z-]+)[\\[:]"},
-      {"completions/{}.fish", " -l ([a-z-]+)"},
-  };
-  for (const std::string program : programs) {
-    const Texts forms = usageForms(program);
-    const Texts options = matches(fmt::format("{}", fmt::join(forms, "\n")), "--([a-z-]+)");
-    for (const auto& [file, pattern] : shells) {
-      const std::string path = fmt::format(fmt::runtime(file), program);
-      EXPECT_EQ(matches(projectFile(path), pattern), options) << path;
-    }
+  forEachSource([&](const std::string& path, const std::string& content) {
+    if (content.find("nvironmentVariable(") == std::string::npos) return;
+    const std::string folder = path.substr(0, path.find('/'));
+    variables[folder == "VellicorRepackCore" ? "VellicorRepack" : folder].merge(
+        matches(content, "\"([A-Z_]{4,}|[a-z]+_proxy)\""));
+  });
+  for (const std::string& program : programs) {
+    Texts named;
+    for (const std::string& head : heads(program, "ENVIRONMENT")) named.merge(matches(head, "(\\w+)"));
+    EXPECT_EQ(named, variables[program]) << program;
   }
 }
 

@@ -4,7 +4,7 @@
 
 #include <fmt/format.h>
 
-#include "VellicorFormat/UnicodeText.h"
+#include "VellicorFormat/Unicode.h"
 #include "VellicorRepackCore/FileSystem/Posix.h"
 
 namespace vellicor {

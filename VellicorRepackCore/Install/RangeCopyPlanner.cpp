@@ -9,7 +9,7 @@
 
 #include <fmt/format.h>
 
-#include "VellicorFormat/UnicodeText.h"
+#include "VellicorFormat/Unicode.h"
 #include "VellicorRepackCore/Base/Errors.h"
 #include "VellicorRepackCore/Base/Sha256Stream.h"
 #include "VellicorRepackCore/FileSystem/Posix.h"

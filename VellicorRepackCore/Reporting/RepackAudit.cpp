@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "VellicorFormat/CanonicalJson.h"
-#include "VellicorFormat/UnicodeText.h"
+#include "VellicorFormat/Unicode.h"
 
 namespace vellicor {
 

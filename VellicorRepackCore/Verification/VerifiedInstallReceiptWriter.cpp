@@ -8,7 +8,7 @@
 
 #include "VellicorFormat/CanonicalJson.h"
 #include "VellicorFormat/MorlenManifestV1.h"
-#include "VellicorFormat/UnicodeText.h"
+#include "VellicorFormat/Unicode.h"
 #include "VellicorRepackCore/FileSystem/Posix.h"
 
 namespace vellicor {

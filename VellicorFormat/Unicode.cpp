@@ -1,4 +1,4 @@
-#include "VellicorFormat/UnicodeText.h"
+#include "VellicorFormat/Unicode.h"
 
 #include <algorithm>
 #include <cstddef>
