@@ -1,12 +1,15 @@
 #include "VellicorLab/InstallHarness.h"
 
 #include <atomic>
+#include <cerrno>
 #include <charconv>
 #include <cstdint>
 #include <filesystem>
 
 #include <fmt/format.h>
 
+#include "VellicorRepackCore/Base/Errors.h"
+#include "VellicorRepackCore/FileSystem/Posix.h"
 #include "VellicorRepackCore/Install/SupportedModelSource.h"
 
 namespace vellicor {
@@ -21,6 +24,21 @@ std::map<std::string, std::string> readTree(const std::string& directory) {
     files[fs::relative(entry.path(), directory).generic_string()] = readFile(entry.path().string());
   }
   return files;
+}
+
+bool canExchangeNames() {
+  const TemporaryDirectory directory;
+  const std::string first = directory / "first", second = directory / "second";
+  fs::create_directory(first);
+  fs::create_directory(second);
+  try {
+    Posix::renameSwap(first, second);
+    return true;
+  } catch (const RepackError& error) {
+    const auto* unsupported = error.as<PromotionUnsupported>();
+    if (unsupported == nullptr || unsupported->errnoValue != EINVAL) throw;
+    return false;
+  }
 }
 
 SyntheticCheckpoint::Shape tinyShape() {

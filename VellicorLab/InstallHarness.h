@@ -26,6 +26,11 @@ std::map<std::string, std::string> readTree(const std::string& directory);
 /// Where the build put a program of the project.
 std::string programPath(const std::string& name);
 
+/// Whether two names can be exchanged where temporary directories lie. Where they cannot, an install that
+/// overwrites ends at once, and there is nothing to try.
+bool canExchangeNames();
+inline constexpr const char* noExchange = "NOT TRIED, this file system cannot exchange two names";
+
 /// A checkpoint of a few kilobytes, so that even one-byte ranges end soon.
 SyntheticCheckpoint::Shape tinyShape();
 

@@ -14,6 +14,7 @@
 #include "Tests/FaultInjection/SmallVolume.h"
 #include "Tests/FaultInjection/Trials.h"
 #include "VellicorLab/ChildProcess.h"
+#include "VellicorLab/Emulator.h"
 #include "VellicorRepackCore/Base/Errors.h"
 
 namespace vellicor {
@@ -253,6 +254,8 @@ constexpr rlim_t fewestDescriptors = 64;
 constexpr rlim_t fewestDescriptors = 3;
 #endif
 
+constexpr rlim_t fewestEmulated = 10;
+
 struct Limit {
   Resource resource;
   rlim_t value;
@@ -273,8 +276,9 @@ std::vector<Limit> limitsToTry(const TrialOptions& options) {
   std::vector<Limit> limits;
   limits.reserve(sizes.size());
   for (const std::uint64_t size : sizes) limits.push_back({RLIMIT_FSIZE, size});
+  const rlim_t fewest = isProcessorEmulated() ? fewestEmulated : fewestDescriptors;
   for (const rlim_t descriptors : {3U, 4U, 5U, 6U, 7U, 8U, 9U, 10U, 11U, 12U, 13U, 14U, 16U, 20U}) {
-    if (descriptors >= fewestDescriptors) limits.push_back({RLIMIT_NOFILE, descriptors});
+    if (descriptors >= fewest) limits.push_back({RLIMIT_NOFILE, descriptors});
   }
   std::vector<Limit> tried;
   for (const std::size_t i : spread(limits.size(), 8, options)) tried.push_back(limits[i]);
@@ -288,6 +292,7 @@ void tryDisks(const TrialOptions& options, TrialReport& report) {
       runWithOwnMounts(report, [&](TrialReport& inside) { VolumeBench(inside).run(options); });
   if (!mounted) report.count("FILE SYSTEMS NOT TRIED: mounting is not permitted here");
 
+  if (isProcessorEmulated()) report.count("below 10 descriptors: NOT TRIED, the emulator needs some itself");
   const std::vector<Limit> limits = limitsToTry(options);
   std::vector<std::unique_ptr<LimitBench>> benches;
   for (std::size_t i = 0; i < workerCount(); ++i) benches.push_back(std::make_unique<LimitBench>(report));

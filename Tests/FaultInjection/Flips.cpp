@@ -227,7 +227,7 @@ void tryScenario(const Scenario& scenario, const TrialOptions& options, TrialRep
 }  // namespace
 
 void tryFlips(const TrialOptions& options, TrialReport& report) {
-  for (const Scenario& scenario : allScenarios()) {
+  for (const Scenario& scenario : possibleScenarios(report)) {
     const bool isWhole = scenario.saved == Saved::intact;
     if (isWhole && scenario.operation == Scenario::Operation::install) tryScenario(scenario, options, report);
   }

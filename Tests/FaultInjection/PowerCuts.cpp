@@ -97,7 +97,7 @@ void tryState(ScenarioBench& bench, const CutState& state, TrialReport& report) 
 }  // namespace
 
 void tryPowerCuts(const TrialOptions& options, TrialReport& report) {
-  for (const Scenario& scenario : allScenarios()) {
+  for (const Scenario& scenario : possibleScenarios(report)) {
     const auto benches = benchesFor(scenario, report);
     const std::vector<CutState> states = statesOf(*benches.front(), options, report);
     forEachInParallel(states.size(), report, [&](std::size_t worker, std::size_t item) {

@@ -84,6 +84,19 @@ std::string Scenario::spokenName() const {
 
 std::span<const Scenario> allScenarios() { return table(); }
 
+std::vector<Scenario> possibleScenarios(TrialReport& report) {
+  const bool canOverwrite = canExchangeNames();
+  std::vector<Scenario> possible;
+  for (const Scenario& scenario : allScenarios()) {
+    if (canOverwrite || scenario.overwrite == Recovery::Overwrite::no) {
+      possible.push_back(scenario);
+    } else {
+      report.count(fmt::format("{}: {}", scenario.name, noExchange));
+    }
+  }
+  return possible;
+}
+
 ScenarioBench::ScenarioBench(const Scenario& scenario, TrialReport& report)
     : scenario_(scenario), report_(report), harness_(SyntheticCheckpoint::custom(tinyShape(), 1)) {
   harness_.rangeChunkBytes = 512;

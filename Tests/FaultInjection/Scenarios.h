@@ -32,6 +32,8 @@ struct Scenario {
 /// An install, resumes of a good and of a damaged saved download, an overwriting install, a discard and a
 /// verification.
 std::span<const Scenario> allScenarios();
+/// Of them those that this file system can run; the report names the others.
+std::vector<Scenario> possibleScenarios(TrialReport& report);
 
 /// One place in which a scenario is run over and over, from the same state each time.
 class ScenarioBench {

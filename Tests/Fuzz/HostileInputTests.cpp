@@ -16,6 +16,7 @@
 #include "Tests/Fuzz/FailingAllocation.h"
 #include "Tests/Fuzz/Targets.h"
 #include "VellicorFormat/MorlenResidentIndexV1.h"
+#include "VellicorLab/Emulator.h"
 #include "VellicorLab/TemporaryDirectory.h"
 
 namespace vellicor::fuzz {
@@ -25,8 +26,9 @@ void PrintTo(const Target& target, std::ostream* out) { *out << target.name; }
 namespace {
 
 constexpr bool isSanitized = VELLICOR_IS_SANITIZED;
-constexpr rlim_t cpuSeconds = isSanitized ? 10 : 1;
 constexpr rlim_t additionalBytes = 268435456;
+
+rlim_t cpuSeconds() { return isProcessorEmulated() ? 60 : isSanitized ? 10 : 1; }
 
 void limit(decltype(RLIMIT_CPU) resource, rlim_t value) {
   const rlimit both{value, value};
@@ -47,7 +49,7 @@ void expectWithinLimits(const Target& target, const std::string& name, const std
   if (child == 0) {
     [&]() noexcept {
       limit(RLIMIT_CORE, 0);
-      limit(RLIMIT_CPU, cpuSeconds);
+      limit(RLIMIT_CPU, cpuSeconds());
       limitMemory();
       // Decoders report what they catch as their own error; running out of memory must not pass as one.
       std::set_new_handler([] { std::_Exit(3); });

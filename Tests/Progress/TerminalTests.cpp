@@ -10,6 +10,7 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
@@ -20,6 +21,7 @@
 #include <pty.h>
 #endif
 
+#include "VellicorLab/Emulator.h"
 #include "VellicorLab/TemporaryDirectory.h"
 
 namespace vellicor {
@@ -78,6 +80,10 @@ TEST_F(ProgressOnTerminal, EndsAsItsCommandDoesAndSaysWhatToDo) {
       {"kill -TERM $PPID; exec sleep 1000", SIGTERM, next},
   };
   for (const auto& [act, status, shown] : rows) {
+    if (status == SIGABRT && isProcessorEmulated()) {
+      fmt::print("{}: NOT TRIED, the emulator says so, too\n", act);
+      continue;
+    }
     const auto [bytes, ended] = onTerminal(half + "ulimit -c 0; " + act);
     EXPECT_EQ(ended, status) << act << ": no core file either";
     EXPECT_THAT(bytes, HasSubstr(shown));
@@ -134,6 +140,10 @@ TEST(ProgressWithoutTerminal, KeepsStreamsAndStatuses) {
   };
   for (const auto& [script, output, status, errors] : rows) {
     SCOPED_TRACE(script);
+    if (errors.starts_with("VellicorProgress: cannot run") && isProcessorEmulated()) {
+      fmt::print("{}: NOT TRIED, the emulator's posix_spawn reports no failure\n", script);
+      continue;
+    }
     const auto [seen, ended] = shell(directory, "exec 2>errors; " + script);
     EXPECT_EQ(seen, output);
     EXPECT_EQ(ended, status);
