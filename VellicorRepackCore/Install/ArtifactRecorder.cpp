@@ -17,6 +17,7 @@
 #include "VellicorRepackCore/Base/Errors.h"
 #include "VellicorRepackCore/Base/OrderedWork.h"
 #include "VellicorRepackCore/Base/Sha256Stream.h"
+#include "VellicorRepackCore/FileSystem/FileChunks.h"
 #include "VellicorRepackCore/FileSystem/PageCacheTrail.h"
 #include "VellicorRepackCore/FileSystem/Posix.h"
 #include "VellicorRepackCore/Output/MorlenJSON.h"
@@ -28,7 +29,6 @@ namespace vellicor {
 
 namespace {
 
-constexpr std::size_t hashChunkBytes = 524288;
 /// Files up to this size are cheap enough to be read again.
 constexpr std::uint64_t smallFileBytes = 67108864;
 
@@ -75,21 +75,19 @@ void hashOutput(int fd, const std::string& file, const CancellationToken& stop, 
   output.stamp = FileStamp::of(fd, file);
   output.size = output.stamp.size;
   PageCacheTrail trail(fd, PageCacheTrail::Drops::allPages);
-  AlignedBuffer buffer(hashChunkBytes);
-  output.scratchBytes = hashChunkBytes;
+  AlignedBuffer buffer(fileChunkBytes);
+  output.scratchBytes = fileChunkBytes;
 
   Sha256Stream digest;
-  for (std::uint64_t done = 0; done < output.size;) {
-    throwIfCancelled(stop);
-    const std::uint64_t length = std::min<std::uint64_t>(buffer.size(), output.size - done);
-    Posix::preadAll(fd, file, buffer.data(), static_cast<std::int64_t>(length), done);
-    const std::span<const std::byte> bytes = buffer.bytes().first(static_cast<std::size_t>(length));
-    digest.update(bytes);
-    if (pass != nullptr) pass->take(bytes);
-    output.chunks += 1;
-    done += length;
-    trail.advanceTo(done);
-  }
+  throwIfCancelled(stop);
+  forEachChunk(fd, file, 0, output.size, buffer.bytes(),
+               [&](std::uint64_t offset, std::span<const std::byte> bytes) {
+                 digest.update(bytes);
+                 if (pass != nullptr) pass->take(bytes);
+                 output.chunks += 1;
+                 trail.advanceTo(offset + bytes.size());
+                 throwIfCancelled(stop);
+               });
   trail.finishAt(output.size);
   output.sha256 = digest.finalizeHexString();
   if (pass != nullptr) output.damage = pass->finish();

@@ -5,14 +5,13 @@
 
 #include "VellicorRepackCore/Base/BoundedScratch.h"
 #include "VellicorRepackCore/Base/Errors.h"
+#include "VellicorRepackCore/FileSystem/FileChunks.h"
 #include "VellicorRepackCore/FileSystem/Posix.h"
 #include "VellicorRepackCore/Output/ResidentWriter.h"
 
 namespace vellicor {
 
 namespace {
-
-constexpr std::size_t restoreChunkBytes = 524288;
 
 bool isReadInto(std::span<std::byte> bytes, int fd, const std::string& path, std::uint64_t offset) {
   try {
@@ -86,7 +85,7 @@ void PayloadProof::restoreOutside(const std::string& path) const {
   const File& file = files_.at(path);
   const FileDescriptor descriptor = Posix::openExistingRW(path);
   Posix::ftruncate(descriptor.get(), path, file.size);
-  AlignedBuffer buffer(restoreChunkBytes);
+  AlignedBuffer buffer(fileChunkBytes);
   for (const Stretch& stretch : file.stretches) {
     if (stretch.range != nullptr) continue;
     for (std::uint64_t at = stretch.begin; at < stretch.end;) {

@@ -1,8 +1,8 @@
 #include "VellicorRepackCore/Install/RangeProof.h"
 
-#include <algorithm>
 #include <cstdint>
 
+#include "VellicorRepackCore/FileSystem/FileChunks.h"
 #include "VellicorRepackCore/FileSystem/Posix.h"
 
 namespace vellicor {
@@ -20,13 +20,8 @@ FingerprintWriter begunDigest(const CoalescedRangeCopy& copy) {
 void appendBytes(const RangeCopy& destination, std::span<std::byte> scratch, FingerprintWriter& digest) {
   const std::string& path = destination.destinationPath;
   const FileDescriptor file = Posix::openReadNoFollow(path);
-  for (std::uint64_t done = 0; done < destination.size;) {
-    const std::uint64_t length = std::min<std::uint64_t>(scratch.size(), destination.size - done);
-    Posix::preadAll(file.get(), path, scratch.data(), static_cast<std::int64_t>(length),
-                    destination.destinationOffset + done);
-    digest.appendBytes(scratch.first(static_cast<std::size_t>(length)));
-    done += length;
-  }
+  forEachChunk(file.get(), path, destination.destinationOffset, destination.size, scratch,
+               [&](std::uint64_t, std::span<const std::byte> bytes) { digest.appendBytes(bytes); });
 }
 
 std::string digestSoFar(const FingerprintWriter& digest) {

@@ -16,11 +16,11 @@
 #include "VellicorRepackCore/FileSystem/InstallLock.h"
 #include "VellicorRepackCore/FileSystem/Posix.h"
 #include "VellicorRepackCore/Install/ArtifactRecorder.h"
+#include "VellicorRepackCore/Install/OutputFiles.h"
 #include "VellicorRepackCore/Install/PayloadProof.h"
 #include "VellicorRepackCore/Install/Promotion.h"
 #include "VellicorRepackCore/Install/SavedDownload.h"
 #include "VellicorRepackCore/Install/SourceByteProvider.h"
-#include "VellicorRepackCore/Output/ResidentWriter.h"
 #include "VellicorRepackCore/Remote/RemoteChunkPolicy.h"
 #include "VellicorRepackCore/Remote/RemoteSnapshotLoader.h"
 #include "VellicorRepackCore/Verification/VerifiedInstallTool.h"
@@ -62,17 +62,26 @@ void checkEntryState(const RemoteInstallPaths& paths, const RemoteStreamingRepac
   if (Posix::entryKind(paths.finalDirectory) == EntryKind::directory) Promotion::requireReplaceable(paths);
 }
 
-std::uint64_t totalOutputBytes(const RepackPlan& plan) {
-  constexpr const char* field = "output size";
-  std::uint64_t total = morlenCheckedAdd(plan.resident.indexSize, plan.resident.residentSize, field);
-  for (const LayerFilePlan& layer : plan.layers) {
-    total = morlenCheckedAdd(total, layer.fileBytes(field), field);
-  }
-  return total;
-}
+/// The source at one commit, and where each of its bytes goes.
+struct PlannedInstall {
+  RemoteSnapshot snapshot;
+  /// Pinned to the snapshot's commit.
+  HuggingFaceRemoteSource remote;
+  RepackPlan plan;
+  RangeCopyPlan copies;
+  std::uint64_t outputBytes;
+};
 
-/// One install under its lock, from the checkpoint to the promoted artifact. Each step leaves what the next
-/// needs in a member; a failure anywhere leaves the disk as it is at that moment.
+/// The finished ranges of an install, each with its proof.
+struct Download {
+  RemoteInstallCheckpoint checkpoint;
+  PayloadProof proof;
+  /// Source bytes of the ranges that an earlier run finished.
+  std::uint64_t reusedBytes = 0;
+};
+
+/// One install under its lock, from the checkpoint to the promoted artifact. A failure anywhere leaves the
+/// disk as it is at that moment.
 class LockedInstall {
  public:
   LockedInstall(const RemoteStreamingRepackOptions& options, InstallLock& lock, RepackAudit& audit,
@@ -81,38 +90,42 @@ class LockedInstall {
 
   RemoteStreamingRepackResult run() {
     throwIfCancelled(stop_);
-    loadCheckpoint();
-    loadSnapshotAndPlan();
-    if (!resumed_) {
-      checkpoint_ = expectedCheckpoint();
-    } else if (adoptCheckpoint(expectedCheckpoint()) == Adopted::exchangedAlready) {
-      return options_.dryRunSpaceCheck ? finishDryRun() : finishExchange();
+    std::optional<RemoteInstallCheckpoint> saved;
+    if (options_.resume) saved = loadCheckpoint();
+    const PlannedInstall install = planInstall(saved);
+    Download download = {.checkpoint = freshCheckpoint(install),
+                         .proof = PayloadProof(install.plan, install.copies, paths_.partialDirectory)};
+    if (saved && adopt(*std::move(saved), install, download) == Adopted::exchangedAlready) {
+      if (!options_.dryRunSpaceCheck) Promotion::removeReplaced(paths_);
+      return resultOf(install, download);
     }
-    checkSpace();
-    recordSource();
-    if (options_.dryRunSpaceCheck) return finishDryRun();
-    if (!resumed_) beginFresh();
-    copyPayload();
-    finishArtifact();
+    checkSpace(install, download);
+    recordSource(install);
+    if (options_.dryRunSpaceCheck) {
+      if (!options_.resume) Posix::removeTree(paths_.partialDirectory);
+      return resultOf(install, download);
+    }
+    if (!options_.resume) reserveOutput(install, download);
+    copyPayload(install, download);
+    finishArtifact(install, download);
     promote();
-    return result();
+    return resultOf(install, download);
   }
 
  private:
-  void loadCheckpoint() {
-    if (!options_.resume) return;
-    checkpoint_ = RemoteInstallCheckpoint::load(paths_.checkpointFile);
-    resumed_ = true;
-    if (checkpoint_.repoID != options_.repoID || checkpoint_.requestedRevision != options_.revision) {
+  RemoteInstallCheckpoint loadCheckpoint() const {
+    RemoteInstallCheckpoint saved = RemoteInstallCheckpoint::load(paths_.checkpointFile);
+    if (saved.repoID != options_.repoID || saved.requestedRevision != options_.revision) {
       throw RepackError(InstallStateIncompatible{"saved download belongs to a different source"});
     }
+    return saved;
   }
 
-  void loadSnapshotAndPlan() {
+  PlannedInstall planInstall(const std::optional<RemoteInstallCheckpoint>& saved) {
     const HuggingFaceRemoteSource remote{
         .repoID = options_.repoID,
         .requestedRevision = options_.revision,
-        .resolvedCommit = resumed_ ? std::optional(checkpoint_.resolvedCommit) : std::nullopt,
+        .resolvedCommit = saved ? std::optional(saved->resolvedCommit) : std::nullopt,
         .token = options_.token,
         .downloadSession = options_.downloadSession,
         .baseURL = options_.baseURL,
@@ -125,72 +138,75 @@ class LockedInstall {
     lock_.holdPartialDirectory();
     const auto knownSource = options_.requireKnownSource ? RemoteSnapshotLoader::KnownSource::require
                                                          : RemoteSnapshotLoader::KnownSource::accept;
-    snapshot_ = RemoteSnapshotLoader::load(remote, knownSource, paths_.metadataDirectory, &audit_);
-    remote_ = remote.pinned(snapshot_.resolvedCommit);
-    plan_ = planFor(paths_.partialDirectory);
-    copies_ = copiesOf(plan_);
-    totalOutputBytes_ = totalOutputBytes(plan_);
-    ArtifactRecorder::requireReadableLayout(plan_);
-    proof_.emplace(plan_, copies_, paths_.partialDirectory);
+    RemoteSnapshot snapshot =
+        RemoteSnapshotLoader::load(remote, knownSource, paths_.metadataDirectory, &audit_);
+    RepackPlan plan = planFor(snapshot, paths_.partialDirectory);
+    RangeCopyPlan copies = copiesOf(plan);
+    const std::uint64_t outputBytes = OutputFiles::totalBytes(plan);
+    ArtifactRecorder::requireReadableLayout(plan);
+    HuggingFaceRemoteSource pinned = remote.pinned(snapshot.resolvedCommit);
+    return {std::move(snapshot), std::move(pinned), std::move(plan), std::move(copies), outputBytes};
   }
 
-  RepackPlan planFor(const std::string& directory) const {
-    return RepackPlanner::plan(snapshot_.metadata, snapshot_.arch, snapshot_.shardHeaders, directory);
+  static RepackPlan planFor(const RemoteSnapshot& snapshot, const std::string& directory) {
+    return RepackPlanner::plan(snapshot.metadata, snapshot.arch, snapshot.shardHeaders, directory);
   }
 
   RangeCopyPlan copiesOf(const RepackPlan& plan) const {
     return RangeCopyPlanner::plan(plan, options_.rangeChunkBytes, "identity", std::nullopt);
   }
 
-  RemoteInstallCheckpoint expectedCheckpoint() const {
+  RemoteInstallCheckpoint freshCheckpoint(const PlannedInstall& install) const {
     return {.repoID = options_.repoID,
             .requestedRevision = options_.revision,
-            .resolvedCommit = snapshot_.resolvedCommit,
-            .sourceIndexSHA256 = snapshot_.metadata.indexSha256Hex,
-            .planFingerprint = copies_.canonicalFingerprint,
-            .totalSourceBytes = copies_.remoteBytesToDownload,
+            .resolvedCommit = install.snapshot.resolvedCommit,
+            .sourceIndexSHA256 = install.snapshot.metadata.indexSha256Hex,
+            .planFingerprint = install.copies.canonicalFingerprint,
+            .totalSourceBytes = install.copies.remoteBytesToDownload,
             .completedRanges = {}};
   }
 
   enum class Adopted { download, exchangedAlready };
 
-  Adopted adoptCheckpoint(const RemoteInstallCheckpoint& expected) {
-    if (checkpoint_.resolvedCommit != expected.resolvedCommit ||
-        checkpoint_.totalSourceBytes != expected.totalSourceBytes ||
-        !checkpoint_.matches(expected.repoID, expected.requestedRevision, expected.sourceIndexSHA256,
-                             expected.planFingerprint)) {
+  /// Goes on from a saved download: proves it, keeps what is proven, and says in the checkpoint what that is.
+  Adopted adopt(RemoteInstallCheckpoint saved, const PlannedInstall& install, Download& download) {
+    const RemoteInstallCheckpoint& fresh = download.checkpoint;
+    if (saved.resolvedCommit != fresh.resolvedCommit || saved.totalSourceBytes != fresh.totalSourceBytes ||
+        !saved.matches(fresh.repoID, fresh.requestedRevision, fresh.sourceIndexSHA256,
+                       fresh.planFingerprint)) {
       throw RepackError(InstallStateIncompatible{"saved download source or copy plan changed"});
     }
-    const bool filesMatch = SavedDownload::filesMatch(plan_, copies_, paths_.partialDirectory);
+    const bool filesMatch = SavedDownload::filesMatch(install.plan, install.copies, paths_.partialDirectory);
     std::vector<RemoteCompletedRange> kept;
     if (filesMatch) {
       kept = SavedDownload::provenRanges(
-          checkpoint_.completedRanges, copies_, paths_.partialDirectory, stop_,
-          [&](const std::string& id, RangeProof proof) { proof_->add(id, std::move(proof)); });
+          saved.completedRanges, install.copies, paths_.partialDirectory, stop_,
+          [&](const std::string& id, RangeProof proof) { download.proof.add(id, std::move(proof)); });
     }
     for (const RemoteCompletedRange& range : kept) {
-      reusedBytes_ = morlenCheckedAdd(reusedBytes_, range.sourceBytes, "reused bytes");
+      download.reusedBytes = morlenCheckedAdd(download.reusedBytes, range.sourceBytes, "reused bytes");
     }
-    const bool isLess = kept.size() < checkpoint_.completedRanges.size();
-    if (isLess && isExchanged(checkpoint_)) return Adopted::exchangedAlready;
+    const bool isLess = kept.size() < saved.completedRanges.size();
+    if (isLess && isExchanged(saved, install)) return Adopted::exchangedAlready;
     if (!filesMatch) {
       clearPartialDirectory();
-      createOutputFiles();
+      OutputFiles::create(install.plan, paths_.partialDirectory, audit_);
     }
-    checkpoint_.completedRanges = std::move(kept);
-    writeCheckpoint();
+    download.checkpoint = std::move(saved);
+    download.checkpoint.completedRanges = std::move(kept);
+    write(download.checkpoint);
     return Adopted::download;
   }
 
-  /// Whether this is what a process leaves that ended right after its exchange: the output is a right
-  /// artifact of these very ranges, and the old one stands at the partial path.
-  bool isExchanged(const RemoteInstallCheckpoint& saved) const {
-    const std::size_t rangeCount = copies_.coalescedCopies.size();
+  /// Whether an earlier process ended right after its exchange: then the output is a right artifact of these
+  /// very ranges, and the old one is at the partial path.
+  bool isExchanged(const RemoteInstallCheckpoint& saved, const PlannedInstall& install) const {
+    const std::size_t rangeCount = install.copies.coalescedCopies.size();
     if (!options_.overwrite || saved.completedRanges.size() != rangeCount) return false;
     const std::string& output = paths_.finalDirectory;
     try {
       VerifiedInstallTool::check({output});
-      const RangeCopyPlan copies = copiesOf(planFor(output));
+      const RangeCopyPlan copies = copiesOf(planFor(install.snapshot, output));
       const auto forget = [](const std::string&, const RangeProof&) {};
       return SavedDownload::provenRanges(saved.completedRanges, copies, output, stop_, forget).size() ==
              rangeCount;
@@ -199,8 +215,8 @@ class LockedInstall {
     }
   }
 
-  /// Empties the partial directory but for the metadata just fetched into it. The directory itself stays, so
-  /// that it and the checkpoint exist together at every moment.
+  /// Empties the partial directory except for the metadata just fetched into it. The directory itself stays,
+  /// so that it and the checkpoint exist together at every moment.
   void clearPartialDirectory() {
     for (const std::string& name : Posix::listDirectory(paths_.partialDirectory)) {
       const std::string entry = joinPath(paths_.partialDirectory, name);
@@ -208,119 +224,93 @@ class LockedInstall {
     }
   }
 
-  /// The output bytes that a resume needs no more room for: those of the ranges that it keeps, or all that
-  /// have their blocks already where that is more. A compressed file has fewer blocks than it keeps.
-  std::uint64_t ownedOutputBytes() const {
-    std::uint64_t inPlace = 0;
-    for (const RemoteExpectedOutput& output : copies_.expectedOutputs) {
-      const std::string path = joinPath(paths_.partialDirectory, output.relativePath);
-      inPlace = morlenCheckedAdd(inPlace, Posix::bytesInPlace(Posix::openReadNoFollow(path).get(), path),
-                                 "owned bytes");
-    }
-    return std::max(std::min(inPlace, totalOutputBytes_),
-                    checkpoint_.validatedDestinationBytes(totalOutputBytes_, paths_.checkpointFile));
+  /// The output bytes that need no more room: those of the finished ranges, or those that have blocks already
+  /// where these are more. A compressed file has fewer blocks than bytes.
+  std::uint64_t ownedOutputBytes(const PlannedInstall& install, const Download& download) const {
+    const std::uint64_t inPlace = OutputFiles::bytesInPlace(install.copies, paths_.partialDirectory);
+    return std::max(std::min(inPlace, install.outputBytes), download.checkpoint.validatedDestinationBytes(
+                                                                install.outputBytes, paths_.checkpointFile));
   }
 
-  void checkSpace() {
-    progress_(PlanningProgress{copies_.remoteBytesToDownload, totalOutputBytes_});
-    const std::uint64_t owned = resumed_ ? ownedOutputBytes() : 0;
+  void checkSpace(const PlannedInstall& install, const Download& download) {
+    progress_(PlanningProgress{install.copies.remoteBytesToDownload, install.outputBytes});
+    const std::uint64_t owned = options_.resume ? ownedOutputBytes(install, download) : 0;
     const std::uint64_t required =
-        morlenCheckedAdd(totalOutputBytes_ - owned, static_cast<std::uint64_t>(options_.rangeChunkBytes),
+        morlenCheckedAdd(install.outputBytes - owned, static_cast<std::uint64_t>(options_.rangeChunkBytes),
                          "required disk space");
     progress_(CheckingDiskProgress{
         DiskSpaceChecker::requireAvailable(paths_.parentDirectory, required, options_.minFreeReserveBytes)});
     throwIfCancelled(stop_);
   }
 
-  void recordSource() {
+  void recordSource(const PlannedInstall& install) {
     audit_.remoteRepoID = options_.repoID;
     audit_.remoteRequestedRevision = options_.revision;
-    audit_.remoteResolvedCommit = snapshot_.resolvedCommit;
+    audit_.remoteResolvedCommit = install.snapshot.resolvedCommit;
     audit_.remoteRangeStreamingSupported = true;
-    audit_.remoteGapBytesDownloaded = copies_.remoteGapBytesDownloaded;
-    audit_.sourceSnapshotSha256 = snapshot_.metadata.indexSha256Hex;
-    audit_.bitWidthOverridesHonored = plan_.bitsOverrideCount;
-    audit_.tensorsDroppedMultimodal = plan_.excludedMultimodalTensorNames;
+    audit_.remoteGapBytesDownloaded = install.copies.remoteGapBytesDownloaded;
+    audit_.sourceSnapshotSha256 = install.snapshot.metadata.indexSha256Hex;
+    audit_.bitWidthOverridesHonored = install.plan.bitsOverrideCount;
+    audit_.tensorsDroppedMultimodal = install.plan.excludedMultimodalTensorNames;
     audit_.packedExpertLayoutMode = "identity";
   }
 
-  RemoteStreamingRepackResult finishDryRun() {
-    if (!resumed_) Posix::removeTree(paths_.partialDirectory);
-    RemoteStreamingRepackResult dryResult = result();
-    dryResult.dryRun = true;
-    return dryResult;
+  void reserveOutput(const PlannedInstall& install, const Download& download) {
+    progress_(ReservingOutputProgress{install.outputBytes});
+    OutputFiles::create(install.plan, paths_.partialDirectory, audit_);
+    write(download.checkpoint);
   }
 
-  void beginFresh() {
-    progress_(ReservingOutputProgress{totalOutputBytes_});
-    createOutputFiles();
-    writeCheckpoint();
-  }
-
-  /// Creates every output at its final size, sparse, with the resident index in place, all of it durable.
-  void createOutputFiles() {
-    const std::string expertsDirectory = joinPath(paths_.partialDirectory, MorlenFormatV1::expertsDirectory);
-    Posix::mkdir(expertsDirectory);
-    {
-      const FileDescriptor resident = ResidentWriter::createAndWriteIndex(plan_.resident, audit_);
-      Posix::fsync(resident.get(), plan_.resident.path);
-    }
-    Posix::fsyncDirectory(paths_.partialDirectory);
-    for (const LayerFilePlan& layer : plan_.layers) {
-      if (!layer.hasFile()) continue;
-      const FileDescriptor file = Posix::openCreateRWNoFollow(layer.path);
-      Posix::ftruncate(file.get(), layer.path, layer.fileBytes("layer file size"));
-      Posix::fsync(file.get(), layer.path);
-    }
-    Posix::fsyncDirectory(expertsDirectory);
-  }
-
-  void copyPayload() {
+  void copyPayload(const PlannedInstall& install, Download& download) {
     std::set<std::string> completedIDs;
-    for (const RemoteCompletedRange& range : checkpoint_.completedRanges) completedIDs.insert(range.id);
+    for (const RemoteCompletedRange& range : download.checkpoint.completedRanges) {
+      completedIDs.insert(range.id);
+    }
     const auto report = [&](std::uint64_t downloaded) {
-      progress_(CopyingPayloadProgress{reusedBytes_, downloaded, copies_.remoteBytesToDownload});
+      progress_(
+          CopyingPayloadProgress{download.reusedBytes, downloaded, install.copies.remoteBytesToDownload});
     };
     report(0);
-    HTTPRangeSourceByteProvider provider(*remote_, snapshot_.remoteFiles, options_.writeTileBytes);
-    provider.copyBatch({.copies = copies_.coalescedCopies,
+    HTTPRangeSourceByteProvider provider(install.remote, install.snapshot.remoteFiles,
+                                         options_.writeTileBytes);
+    provider.copyBatch({.copies = install.copies.coalescedCopies,
                         .completedRangeIDs = completedIDs,
                         .partialDirectory = paths_.partialDirectory,
                         .temporaryPath = paths_.rangeTemporaryFile,
                         .audit = audit_,
                         .progress = report,
                         .commit = [&](RemoteCompletedRange range, RangeProof proof) {
-                          proof_->add(range.id, std::move(proof));
-                          checkpoint_.record(std::move(range));
-                          writeCheckpoint();
+                          download.proof.add(range.id, std::move(proof));
+                          download.checkpoint.record(std::move(range));
+                          write(download.checkpoint);
                         }});
   }
 
-  void finishArtifact() {
-    ArtifactRecorder recorder(paths_.partialDirectory, plan_, audit_, progress_, stop_);
-    const RecordedPayload payload = recorder.recordPayload(*proof_);
-    refuse(payload.damage);
+  void finishArtifact(const PlannedInstall& install, Download& download) {
+    ArtifactRecorder recorder(paths_.partialDirectory, install.plan, audit_, progress_, stop_);
+    const RecordedPayload payload = recorder.recordPayload(download.proof);
+    refuse(payload.damage, download);
     recorder.writeLayout();
-    recorder.copyRemoteMetadataSidecars(snapshot_, *remote_);
+    recorder.copyRemoteMetadataSidecars(install.snapshot, install.remote);
     recorder.removeStrayEntries();
     progress_(FinalizingProgress{});
     throwIfCancelled(stop_);
     lock_.requirePartialDirectory();
     const std::vector<RepackAudit::OutputFile> records =
-        recorder.writeManifestAndReceipt(snapshot_, options_.repoID, paths_.finalDirectory);
+        recorder.writeManifestAndReceipt(install.snapshot, options_.repoID, paths_.finalDirectory);
     throwIfCancelled(stop_);
-    refuse(recorder.proveAgain(payload, *proof_, records));
+    refuse(recorder.proveAgain(payload, download.proof, records), download);
     lock_.requirePartialDirectory();
   }
 
   /// Ends the install when there is damage, in a state whose resume fetches the damaged ranges and no other.
-  void refuse(const PayloadDamage& damage) {
+  void refuse(const PayloadDamage& damage, Download& download) {
     if (!damage) return;
-    std::erase_if(checkpoint_.completedRanges, [&](const RemoteCompletedRange& range) {
+    std::erase_if(download.checkpoint.completedRanges, [&](const RemoteCompletedRange& range) {
       return std::ranges::find(damage.rangeIDs, range.id) != damage.rangeIDs.end();
     });
-    proof_->restoreOutside(damage.path);
-    writeCheckpoint();
+    download.proof.restoreOutside(damage.path);
+    write(download.checkpoint);
     throw RepackError(InstallStateCorrupt{
         .path = damage.path,
         .detail = damage.rangeIDs.empty()
@@ -336,25 +326,22 @@ class LockedInstall {
     }
   }
 
-  RemoteStreamingRepackResult finishExchange() {
-    Promotion::removeReplaced(paths_);
-    return result();
-  }
-
-  RemoteStreamingRepackResult result() const {
+  RemoteStreamingRepackResult resultOf(const PlannedInstall& install, const Download& download) const {
     return {.outputDir = paths_.finalDirectory,
-            .resolvedCommit = snapshot_.resolvedCommit,
-            .plan = plan_,
-            .rangeRequestCount = copies_.coalescedCopies.size(),
-            .remoteBytesToDownload = copies_.remoteBytesToDownload,
-            .remoteGapBytesDownloaded = copies_.remoteGapBytesDownloaded,
+            .resolvedCommit = install.snapshot.resolvedCommit,
+            .plan = install.plan,
+            .rangeRequestCount = install.copies.coalescedCopies.size(),
+            .remoteBytesToDownload = install.copies.remoteBytesToDownload,
+            .remoteGapBytesDownloaded = install.copies.remoteGapBytesDownloaded,
             .remoteRetryCount = audit_.remoteRangeRetries,
-            .reusedBytes = reusedBytes_,
+            .reusedBytes = download.reusedBytes,
             .downloadedThisRunBytes = audit_.remoteBytesDownloaded,
-            .dryRun = false};
+            .dryRun = options_.dryRunSpaceCheck};
   }
 
-  void writeCheckpoint() const { checkpoint_.write(paths_.checkpointFile, paths_.parentDirectory); }
+  void write(const RemoteInstallCheckpoint& checkpoint) const {
+    checkpoint.write(paths_.checkpointFile, paths_.parentDirectory);
+  }
 
   const RemoteStreamingRepackOptions& options_;
   InstallLock& lock_;
@@ -362,16 +349,6 @@ class LockedInstall {
   RepackAudit& audit_;
   const ModelInstallProgressCallback& progress_;
   const CancellationToken& stop_;
-
-  bool resumed_ = false;
-  RemoteInstallCheckpoint checkpoint_;
-  RemoteSnapshot snapshot_;
-  std::optional<HuggingFaceRemoteSource> remote_;
-  RepackPlan plan_;
-  RangeCopyPlan copies_;
-  std::optional<PayloadProof> proof_;
-  std::uint64_t totalOutputBytes_ = 0;
-  std::uint64_t reusedBytes_ = 0;
 };
 
 void writeAudit(const RepackAudit& audit, const std::string& path, const std::string& outputDir) {

@@ -9,6 +9,7 @@
 
 #include "VellicorRepackCore/Base/BoundedScratch.h"
 #include "VellicorRepackCore/Base/Errors.h"
+#include "VellicorRepackCore/FileSystem/FileChunks.h"
 #include "VellicorRepackCore/FileSystem/Posix.h"
 #include "VellicorRepackCore/Install/SourceByteProvider.h"
 #include "VellicorRepackCore/Output/ResidentWriter.h"
@@ -18,8 +19,6 @@ namespace vellicor {
 namespace {
 
 using EntryKind = Posix::EntryKind;
-
-constexpr std::size_t proofBufferBytes = 524288;
 
 /// What the reading returns, or nothing where the bytes cannot be read: a bad sector costs what lies on it.
 template <typename Reading>
@@ -33,14 +32,13 @@ auto unlessUnreadable(Reading&& reading) -> std::optional<decltype(reading())> {
 }
 
 bool beginsWith(int fd, const std::string& path, std::span<const std::byte> expected) {
-  AlignedBuffer buffer(std::min(proofBufferBytes, expected.size()));
-  for (std::size_t done = 0; done < expected.size();) {
-    const std::size_t length = std::min(buffer.size(), expected.size() - done);
-    Posix::preadAll(fd, path, buffer.data(), static_cast<std::int64_t>(length), done);
-    if (!std::equal(buffer.data(), buffer.data() + length, expected.data() + done)) return false;
-    done += length;
-  }
-  return true;
+  AlignedBuffer buffer(fileChunkBytes);
+  bool isSame = true;
+  forEachChunk(fd, path, 0, expected.size(), buffer.bytes(),
+               [&](std::uint64_t offset, std::span<const std::byte> bytes) {
+                 isSame = isSame && std::ranges::equal(bytes, expected.subspan(offset, bytes.size()));
+               });
+  return isSame;
 }
 
 void rewriteIndex(const std::string& path, std::span<const std::byte> index) {
@@ -74,7 +72,7 @@ std::vector<RemoteCompletedRange> SavedDownload::provenRanges(
   std::map<std::string, const CoalescedRangeCopy*> copiesByID;
   for (const CoalescedRangeCopy& copy : copies.coalescedCopies) copiesByID.emplace(copy.id, &copy);
 
-  AlignedBuffer buffer(proofBufferBytes);
+  AlignedBuffer buffer(fileChunkBytes);
   std::vector<RemoteCompletedRange> kept;
   for (const RemoteCompletedRange& range : ranges) {
     throwIfCancelled(stop);

@@ -10,13 +10,12 @@
 #include "VellicorFormat/MorlenFormatV1.h"
 #include "VellicorRepackCore/Base/BoundedScratch.h"
 #include "VellicorRepackCore/Base/Cancellation.h"
+#include "VellicorRepackCore/FileSystem/FileChunks.h"
 #include "VellicorRepackCore/FileSystem/Posix.h"
 
 namespace vellicor {
 
 namespace {
-
-constexpr std::size_t digestBufferBytes = 524288;
 
 /// The output files of one call, each opened once on first use and closed when the call ends.
 class DestinationFiles {
@@ -99,19 +98,16 @@ class BatchCopier {
 
   void moveTiles(int source, std::uint64_t readOffset, int fd, const RangeCopy& destination) {
     RepackAudit& audit = batch_.audit;
-    for (std::uint64_t moved = 0; moved < destination.size;) {
+    const auto write = [&](std::uint64_t offset, std::span<const std::byte> bytes) {
       throwIfCancelled(remote_.stop);
-      const std::uint64_t length = std::min<std::uint64_t>(tile_.size(), destination.size - moved);
-      const auto count = static_cast<std::int64_t>(length);
-      Posix::preadAll(source, batch_.temporaryPath, tile_.data(), count, readOffset + moved);
-      Posix::pwriteAll(fd, destination.destinationPath, tile_.data(), count,
-                       destination.destinationOffset + moved);
-      audit.sourceBytesRead += length;
-      audit.outputBytesWritten += length;
-      audit.intentionalCopyBytes += length;
+      Posix::pwriteAll(fd, destination.destinationPath, bytes.data(), std::ssize(bytes),
+                       destination.destinationOffset + (offset - readOffset));
+      audit.sourceBytesRead += bytes.size();
+      audit.outputBytesWritten += bytes.size();
+      audit.intentionalCopyBytes += bytes.size();
       audit.byteCopyTiles += 1;
-      moved += length;
-    }
+    };
+    forEachChunk(source, batch_.temporaryPath, readOffset, destination.size, tile_.bytes(), write);
   }
 
   void requireUnreplaced(const std::string& path) {
@@ -159,7 +155,7 @@ std::string HTTPRangeSourceByteProvider::destinationDigest(const CoalescedRangeC
                                                            const std::string& partialDirectory,
                                                            std::span<std::byte> scratch) {
   std::optional<AlignedBuffer> ownBuffer;
-  if (scratch.empty()) scratch = ownBuffer.emplace(digestBufferBytes).bytes();
+  if (scratch.empty()) scratch = ownBuffer.emplace(fileChunkBytes).bytes();
   return RangeProof::readBack(copy, partialDirectory, scratch).digest;
 }
 
