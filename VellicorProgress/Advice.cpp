@@ -10,6 +10,8 @@
 
 #include <fmt/format.h>
 
+#include "VellicorRepackCore/Base/Errors.h"
+#include "VellicorRepackCore/Base/NetworkSentences.h"
 #include "VellicorTerminal/Escaping.h"
 #include "VellicorTerminal/Units.h"
 
@@ -22,7 +24,7 @@ constexpr std::array failureMarks = {installFailed, std::string_view("discard fa
                                      std::string_view("verification failed: ")};
 
 std::string again(const FailureSituation& situation) {
-  const std::string again = "run the same command again";
+  std::string again = "run the same command again";
   if (situation.isResume || situation.reached == Viewer::Reached::nothing) return again;
   // Before the copying nothing is saved, but the partial directory is in the way.
   return situation.reached == Viewer::Reached::copying
@@ -84,6 +86,8 @@ Advice afterHttpStatus(std::string_view text, const FailureSituation& situation)
   return "the hub is busy or out of order: wait a while, then " + again(situation);
 }
 
+Advice noAdvice(std::string_view, const FailureSituation&) { return std::nullopt; }
+
 Advice afterShortDisk(std::string_view text, const FailureSituation& situation) {
   const auto required = numberAfter(text, ": required ");
   const auto available = numberAfter(text, ", available ");
@@ -119,76 +123,124 @@ Advice noExchange(std::string_view text, const FailureSituation& situation) {
       isSaved ? "with --resume and " : "");
 }
 
-/// A row applies to a text that begins with `begins` and holds `holds` after it.
+using Answer = std::variant<AdviceText, Advice (*)(std::string_view rest, const FailureSituation& situation)>;
+
+/// A row applies to an error of that format, and of that detail if one is named.
 struct AdviceRow {
-  std::string_view begins;
-  std::string_view holds;
-  std::variant<AdviceText, Advice (*)(std::string_view rest, const FailureSituation& situation)> advice;
+  std::string_view format;
+  Answer advice;
+  std::string_view detail{};
 };
 
-// The first row that applies counts.
+/// The same for a network error, with another answer when the peer is a proxy or a proxy is on the way.
+struct NetworkRow {
+  std::string_view format;
+  Answer advice;
+  Answer proxyAdvice = afterProxyError;
+};
+
+namespace sentences = network_sentences;
+
+constexpr std::array networkRows = {
+    NetworkRow{sentences::addressNotFound, afterNetworkError},
+    NetworkRow{sentences::cannotConnect, afterNetworkError},
+    NetworkRow{sentences::noSocket, afterNetworkError},
+    NetworkRow{sentences::noNetwork, afterNetworkError},
+    NetworkRow{sentences::proxyRefusal, afterProxyError, afterProxyRefusal},
+    NetworkRow{sentences::uselessProxy, afterProxyError},
+    NetworkRow{sentences::invalidProxy, afterProxyError},
+    NetworkRow{sentences::closedBeforeAnswer, afterNetworkError},
+    NetworkRow{sentences::closedWithinHead, afterNetworkError},
+    NetworkRow{sentences::connectionLost, afterNetworkError},
+    NetworkRow{sentences::noAnswer, afterNetworkError},
+    NetworkRow{sentences::outOfTime, afterNetworkError},
+    NetworkRow{sentences::otherFailure, afterNetworkError},
+    NetworkRow{sentences::headTooLarge, noAdvice},
+    NetworkRow{sentences::answerTooLarge, noAdvice},
+    NetworkRow{sentences::notHttp, noAdvice},
+    NetworkRow{sentences::untrusted, afterTlsError, afterProxyCertificate},
+    NetworkRow{sentences::noTrustedCertificates, afterTlsError, afterTlsError},
+    NetworkRow{sentences::noSecureConnection, afterTlsError},
+};
+
 constexpr std::array installRows = {
-    AdviceRow{"remote HTTP ", "", afterHttpStatus},
-    AdviceRow{"remote Retry-After ", "", afterLongDelay},
-    AdviceRow{"remote body for ", " was truncated: ", afterNetworkError},
-    AdviceRow{"could not find the address of the proxy ", "", afterProxyError},
-    AdviceRow{"could not connect to the proxy ", "", afterProxyError},
-    AdviceRow{"no answer from the proxy ", "", afterProxyError},
-    AdviceRow{"no secure connection to the proxy ", "", afterProxyError},
-    AdviceRow{"the head of the answer of the proxy ", "", afterProxyError},
-    AdviceRow{"the answer of the proxy ", "", afterProxyError},
-    AdviceRow{"the connection to the proxy ", "", afterProxyError},
-    AdviceRow{"the proxy ", " refused a connection to ", afterProxyRefusal},
-    AdviceRow{"the proxy ", "", afterProxyError},
-    AdviceRow{"", " names no proxy that can be used", afterProxyError},
-    AdviceRow{"could not find the address of ", "", afterNetworkError},
-    AdviceRow{"could not connect to ", "", afterNetworkError},
-    AdviceRow{"could not open a connection to ", "", afterNetworkError},
-    AdviceRow{"there is no network to reach ", "", afterNetworkError},
-    AdviceRow{"the exchange with ", " did not end within its time", afterNetworkError},
-    AdviceRow{"the exchange with ", " failed: ", afterNetworkError},
-    AdviceRow{"the connection to ", " was lost", afterNetworkError},
-    AdviceRow{"no answer from ", " seconds (", afterNetworkError},
-    AdviceRow{"", " closed the connection w", afterNetworkError},
-    AdviceRow{"the certificate of the proxy ", "", afterProxyCertificate},
-    AdviceRow{"the certificate of ", " through the proxy ", afterProxyCertificate},
-    AdviceRow{"the certificate of ", "", afterTlsError},
-    AdviceRow{"the certificates to trust could not be read", "", afterTlsError},
-    AdviceRow{"no secure connection to ", "", afterTlsError},
-    AdviceRow{"insufficient disk space for ", ": required ", afterShortDisk},
-    AdviceRow{"pwrite(", " short: ", afterSystemError},
-    AdviceRow{"ftruncate(", " failed: ", afterSystemError},
-    AdviceRow{"fsync(", " failed: ", afterSystemError},
-    AdviceRow{"open(", " failed: ", afterSystemError},
-    AdviceRow{"another installer holds ", "", whileBusy},
-    AdviceRow{"no resumable install state exists for ", "", nothingSaved},
-    AdviceRow{"install state is incompatible: saved download exists", "", savedDownload},
-    AdviceRow{"install state is incompatible: ", "", uselessSave},
-    AdviceRow{"install state at ", " changed after it was ", damagedFiles},
-    AdviceRow{"install state at ", " bytes outside every range changed", damagedFiles},
-    AdviceRow{"install state at ", " must exist together", halfState},
-    AdviceRow{"install state at ", " is corrupt: ", uselessSave},
-    AdviceRow{"unsafe installer path ", ": the new artifact is in place, ", oldArtifactStays},
-    AdviceRow{"atomic directory promotion is unsupported for ", "", noExchange},
-    AdviceRow{"configuration invalid: output directory already exists: ", "", outputExists},
-    AdviceRow{"configuration invalid: HF_ENDPOINT ", "", wrongEndpoint},
-    AdviceRow{"configuration invalid: the access token contains characters ", "", wrongToken},
-    AdviceRow{"not enough memory", "", afterMemoryShortage},
-    AdviceRow{"cancelled", "", afterCancellation},
+    AdviceRow{RemoteHTTPResponse::format, afterHttpStatus},
+    AdviceRow{RemoteRetryDelayExceeded::format, afterLongDelay},
+    AdviceRow{RemoteBodyTruncated::format, afterNetworkError},
+    AdviceRow{DiskSpaceInsufficient::format, afterShortDisk},
+    AdviceRow{PwriteShort::format, afterSystemError},
+    AdviceRow{FtruncateFailed::format, afterSystemError},
+    AdviceRow{FsyncFailed::format, afterSystemError},
+    AdviceRow{FileOpenFailed::format, afterSystemError},
+    AdviceRow{InstallBusy::format, whileBusy},
+    AdviceRow{InstallStateMissing::format, nothingSaved},
+    AdviceRow{InstallStateIncompatible::format, savedDownload, InstallStateIncompatible::savedDownloadExists},
+    AdviceRow{InstallStateIncompatible::format, uselessSave},
+    AdviceRow{InstallStateCorrupt::format, damagedFiles, InstallStateCorrupt::rangeChanged},
+    AdviceRow{InstallStateCorrupt::format, damagedFiles, InstallStateCorrupt::fileChanged},
+    AdviceRow{InstallStateCorrupt::format, damagedFiles, InstallStateCorrupt::paddingChanged},
+    AdviceRow{InstallStateCorrupt::format, halfState, InstallStateCorrupt::halfThere},
+    AdviceRow{InstallStateCorrupt::format, uselessSave},
+    AdviceRow{InstallPathUnsafe::format, oldArtifactStays, InstallPathUnsafe::oldArtifactStays},
+    AdviceRow{PromotionUnsupported::format, noExchange},
+    AdviceRow{ConfigurationInvalid::format, outputExists, ConfigurationInvalid::outputExists},
+    AdviceRow{ConfigurationInvalid::format, wrongEndpoint, ConfigurationInvalid::invalidEndpoint},
+    AdviceRow{ConfigurationInvalid::format, wrongToken, ConfigurationInvalid::invalidToken},
+    AdviceRow{"not enough memory", afterMemoryShortage},
+    AdviceRow{"cancelled", afterCancellation},
 };
 
 // A discard and a verification have one cause in common with an install.
-constexpr std::array otherRows = {AdviceRow{"another installer holds ", "", whileBusy}};
+constexpr std::array otherRows = {AdviceRow{InstallBusy::format, whileBusy}};
 
-Advice fromTable(std::span<const AdviceRow> rows, std::string_view text, const FailureSituation& situation) {
+/// Whether the text holds the literal pieces of the format in their order; the rest of the text after the
+/// first piece, which it must begin with, or nothing.
+std::optional<std::string_view> afterFormat(std::string_view text, std::string_view format) {
+  const std::string_view begin = format.substr(0, format.find('{'));
+  if (!text.starts_with(begin)) return std::nullopt;
+  const std::string_view rest = text.substr(begin.size());
+  std::size_t at = 0;
+  for (format.remove_prefix(begin.size()); !format.empty();) {
+    format.remove_prefix(format.find('}') + 1);
+    const std::string_view piece = format.substr(0, format.find('{'));
+    at = rest.find(piece, at);
+    if (at == std::string_view::npos) return std::nullopt;
+    at += piece.size();
+    format.remove_prefix(piece.size());
+  }
+  return rest;
+}
+
+bool holdsDetail(std::string_view rest, std::string_view detail) {
+  const std::size_t slot = detail.find('{');
+  return rest.find(slot == 0 ? detail.substr(detail.find('}') + 1) : detail.substr(0, slot)) !=
+         std::string_view::npos;
+}
+
+Advice given(const Answer& answer, std::string_view rest, const FailureSituation& situation) {
+  if (const auto* advice = std::get_if<AdviceText>(&answer)) {
+    return fmt::format(fmt::runtime(*advice), again(situation));
+  }
+  return std::get<1>(answer)(rest, situation);
+}
+
+/// The advice of the first row that applies, if one does.
+std::optional<Advice> fromTable(std::span<const AdviceRow> rows, std::string_view text,
+                                const FailureSituation& situation) {
   for (const AdviceRow& row : rows) {
-    if (!text.starts_with(row.begins)) continue;
-    const std::string_view rest = text.substr(row.begins.size());
-    if (rest.find(row.holds) == std::string_view::npos) continue;
-    if (const auto* advice = std::get_if<AdviceText>(&row.advice)) {
-      return fmt::format(fmt::runtime(*advice), again(situation));
-    }
-    return std::get<1>(row.advice)(rest, situation);
+    const auto rest = afterFormat(text, row.format);
+    if (rest && holdsDetail(*rest, row.detail)) return given(row.advice, *rest, situation);
+  }
+  return std::nullopt;
+}
+
+Advice afterInstall(std::string_view text, const FailureSituation& situation) {
+  if (const auto advice = fromTable(installRows, text, situation)) return *advice;
+  for (const NetworkRow& row : networkRows) {
+    const auto rest = afterFormat(text, row.format);
+    if (!rest) continue;
+    const bool isProxys = rest->starts_with("the proxy ") || rest->find(" through the proxy ") != rest->npos;
+    return given(isProxys ? row.proxyAdvice : row.advice, *rest, situation);
   }
   return std::nullopt;
 }
@@ -200,8 +252,8 @@ std::optional<std::string> adviceFor(std::string_view errorLine, const FailureSi
       failureMarks, [&](std::string_view candidate) { return errorLine.starts_with(candidate); });
   if (mark == failureMarks.end()) return std::nullopt;
   const std::string_view text = errorLine.substr(mark->size());
-  if (*mark == installFailed) return fromTable(installRows, text, situation);
-  return fromTable(otherRows, text, situation);
+  if (*mark == installFailed) return afterInstall(text, situation);
+  return fromTable(otherRows, text, situation).value_or(std::nullopt);
 }
 
 std::optional<std::string> adviceAfterSignal(const FailureSituation& situation) {

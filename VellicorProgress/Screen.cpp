@@ -127,7 +127,7 @@ std::string copyLine(const PhaseState& state, const Look& look) {
     if (others > columns || columns - others < barAndGap) continue;
     const std::string drawn =
         parts.bar ? bar(state, std::min(columns - others - 1, longestBar), look) + " " : "";
-    return painted(label(state.phase), boldInk, look) + drawn + figures;
+    return painted(label(state.phase), boldInk, look).append(drawn).append(figures);
   }
   const std::string least = fmt::format("{} {}%", traitsOf(state.phase).label, state.percent());
   return shortened(least, columns, Cut::end, look.glyphs);

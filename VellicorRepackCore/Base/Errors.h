@@ -14,8 +14,8 @@
 
 namespace vellicor {
 
-// Every failure of the core, with the text that a person reads for it. A URL is redacted by whoever puts it
-// into a case.
+// Every failure of the core, with the text that a person reads for it. Callers redact a URL before they put it
+// into a case. Details that others must recognise stand beside the case that they are for.
 
 struct FileOpenFailed {
   static constexpr std::string_view format = "open({}) failed: errno {}";
@@ -79,6 +79,8 @@ struct InstallBusy {
 
 struct InstallPathUnsafe {
   static constexpr std::string_view format = "unsafe installer path {}: {}";
+  static constexpr std::string_view oldArtifactStays =
+      "the new artifact is in place, but the old one could not be removed: {}";
   std::string path;
   std::string detail;
   std::string text() const { return fmt::format(format, path, detail); }
@@ -92,6 +94,10 @@ struct InstallStateMissing {
 
 struct InstallStateCorrupt {
   static constexpr std::string_view format = "install state at {} is corrupt: {}";
+  static constexpr std::string_view halfThere = "partial directory and checkpoint must exist together";
+  static constexpr std::string_view rangeChanged = "{} changed after it was finished";
+  static constexpr std::string_view fileChanged = "changed after it was recorded";
+  static constexpr std::string_view paddingChanged = "bytes outside every range changed; they were put back";
   std::string path;
   std::string detail;
   std::string text() const { return fmt::format(format, path, detail); }
@@ -99,6 +105,7 @@ struct InstallStateCorrupt {
 
 struct InstallStateIncompatible {
   static constexpr std::string_view format = "install state is incompatible: {}";
+  static constexpr std::string_view savedDownloadExists = "saved download exists; resume or discard it";
   std::string detail;
   std::string text() const { return fmt::format(format, detail); }
 };
@@ -288,6 +295,10 @@ struct ScratchExceeded {
 
 struct ConfigurationInvalid {
   static constexpr std::string_view format = "configuration invalid: {}";
+  static constexpr std::string_view outputExists = "output directory already exists: {}";
+  static constexpr std::string_view invalidEndpoint = "HF_ENDPOINT is not an https URL with a host";
+  static constexpr std::string_view invalidToken =
+      "the access token contains characters that an Authorization header cannot carry";
   std::string detail;
   std::string text() const { return fmt::format(format, detail); }
 };

@@ -111,7 +111,8 @@ RepackAudit::OutputFile recordOf(const char* relativePath, const std::string& co
 }
 
 RepackError changedSince(const std::string& file) {
-  return RepackError(InstallStateCorrupt{.path = file, .detail = "changed after it was recorded"});
+  return RepackError(
+      InstallStateCorrupt{.path = file, .detail = std::string(InstallStateCorrupt::fileChanged)});
 }
 
 /// The file that the path names, which must be one.

@@ -124,10 +124,9 @@ void Promotion::removeReplaced(const RemoteInstallPaths& paths) {
   try {
     Posix::removeTree(paths.partialDirectory);
   } catch (const std::exception& error) {
-    throw RepackError(InstallPathUnsafe{
-        .path = paths.partialDirectory,
-        .detail = fmt::format("the new artifact is in place, but the old one could not be removed: {}",
-                              error.what())});
+    throw RepackError(
+        InstallPathUnsafe{.path = paths.partialDirectory,
+                          .detail = fmt::format(InstallPathUnsafe::oldArtifactStays, error.what())});
   }
 }
 

@@ -47,16 +47,17 @@ void validateOptions(const RemoteStreamingRepackOptions& options) {
 /// Decides between a fresh install, a resume and a refusal from what exists beside the output.
 void checkEntryState(const RemoteInstallPaths& paths, const RemoteStreamingRepackOptions& options) {
   if (!options.overwrite && Posix::entryKind(paths.finalDirectory) == EntryKind::directory) {
-    throw RepackError(ConfigurationInvalid{"output directory already exists: " + paths.finalDirectory});
+    throw RepackError(
+        ConfigurationInvalid{fmt::format(ConfigurationInvalid::outputExists, paths.finalDirectory)});
   }
   const bool hasPartial = Posix::entryKind(paths.partialDirectory) == EntryKind::directory;
   const bool hasCheckpoint = Posix::entryKind(paths.checkpointFile) == EntryKind::regular;
   if (hasPartial != hasCheckpoint) {
     throw RepackError(InstallStateCorrupt{.path = paths.partialDirectory,
-                                          .detail = "partial directory and checkpoint must exist together"});
+                                          .detail = std::string(InstallStateCorrupt::halfThere)});
   }
   if (hasPartial && !options.resume) {
-    throw RepackError(InstallStateIncompatible{"saved download exists; resume or discard it"});
+    throw RepackError(InstallStateIncompatible{std::string(InstallStateIncompatible::savedDownloadExists)});
   }
   if (!hasPartial && options.resume) throw RepackError(InstallStateMissing{paths.checkpointFile});
   if (Posix::entryKind(paths.finalDirectory) == EntryKind::directory) Promotion::requireReplaceable(paths);
@@ -314,8 +315,8 @@ class LockedInstall {
     throw RepackError(InstallStateCorrupt{
         .path = damage.path,
         .detail = damage.rangeIDs.empty()
-                      ? "bytes outside every range changed; they were put back"
-                      : fmt::format("{} changed after it was finished", damage.rangeIDs.front())});
+                      ? std::string(InstallStateCorrupt::paddingChanged)
+                      : fmt::format(InstallStateCorrupt::rangeChanged, damage.rangeIDs.front())});
   }
 
   void promote() {

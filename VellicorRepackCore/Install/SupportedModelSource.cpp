@@ -24,8 +24,7 @@ RemoteUrl SupportedModelSource::hubURL() {
   const bool isPlain = text.find_first_of("?#@") == std::string::npos;
   const std::optional<RemoteUrl> url = isPlain ? RemoteUrl::parse(text) : std::nullopt;
   if (!url || url->scheme() != "https" || url->host().empty()) {
-    throw RepackError(
-        ConfigurationInvalid{std::string(endpointVariable) + " is not an https URL with a host"});
+    throw RepackError(ConfigurationInvalid{std::string(ConfigurationInvalid::invalidEndpoint)});
   }
   return *url;
 }

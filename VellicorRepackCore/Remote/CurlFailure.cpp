@@ -8,6 +8,7 @@
 #include <fmt/format.h>
 #include <openssl/x509.h>
 
+#include "VellicorRepackCore/Base/NetworkSentences.h"
 #include "VellicorRepackCore/Remote/HttpTransport.h"
 #include "VellicorRepackCore/Remote/RemoteHeaders.h"
 
@@ -16,37 +17,29 @@ namespace vellicor {
 namespace {
 
 using Code = NetworkError::Code;
+namespace sentences = network_sentences;
 
-// A failure of libcurl as a person reads it, see `urlError`; a reason is ": ..." or nothing.
 struct FailureText {
   CURLcode curlCode;
   Code code;
   std::string_view text;
 };
 constexpr std::array failureTexts = {
-    FailureText{CURLE_COULDNT_RESOLVE_HOST, Code::nameResolution, "could not find the address of {0} ({2})"},
-    FailureText{CURLE_COULDNT_RESOLVE_PROXY, Code::nameResolution, "could not find the address of {0} ({2})"},
-    FailureText{CURLE_COULDNT_CONNECT, Code::cannotConnect, "could not connect to {0}{1} ({2})"},
-    FailureText{CURLE_PROXY, Code::cannotConnect, "{0} could not be used to connect to {3} ({2})"},
-    FailureText{CURLE_GOT_NOTHING, Code::connectionLost, "{0} closed the connection without an answer ({2})"},
-    FailureText{CURLE_PARTIAL_FILE, Code::connectionLost,
-                "{0} closed the connection within its answer's head ({2})"},
-    FailureText{CURLE_OK, Code::connectionLost, "{0} closed the connection within its answer's head ({2})"},
-    FailureText{CURLE_SEND_ERROR, Code::connectionLost, "the connection to {0} was lost{1} ({2})"},
-    FailureText{CURLE_RECV_ERROR, Code::connectionLost, "the connection to {0} was lost{1} ({2})"},
-    FailureText{CURLE_OUT_OF_MEMORY, Code::resourceUnavailable,
-                "not enough memory for the answer of {0} ({2})"},
-    FailureText{CURLE_PEER_FAILED_VERIFICATION, Code::tls,
-                "the certificate of {0}{4} is not trusted{1} ({2})"},
-    FailureText{CURLE_SSL_CACERT_BADFILE, Code::tls, "the certificates to trust could not be read{1} ({2})"},
-    FailureText{CURLE_SSL_CONNECT_ERROR, Code::tls,
-                "no secure connection to {0} could be agreed on{1} ({2})"},
-    FailureText{CURLE_SSL_CLIENTCERT, Code::tls, "{0} asks for a certificate of this side ({2})"},
+    FailureText{CURLE_COULDNT_RESOLVE_HOST, Code::nameResolution, sentences::addressNotFound},
+    FailureText{CURLE_COULDNT_RESOLVE_PROXY, Code::nameResolution, sentences::addressNotFound},
+    FailureText{CURLE_COULDNT_CONNECT, Code::cannotConnect, sentences::cannotConnect},
+    FailureText{CURLE_PROXY, Code::cannotConnect, sentences::uselessProxy},
+    FailureText{CURLE_GOT_NOTHING, Code::connectionLost, sentences::closedBeforeAnswer},
+    FailureText{CURLE_PARTIAL_FILE, Code::connectionLost, sentences::closedWithinHead},
+    FailureText{CURLE_OK, Code::connectionLost, sentences::closedWithinHead},
+    FailureText{CURLE_SEND_ERROR, Code::connectionLost, sentences::connectionLost},
+    FailureText{CURLE_RECV_ERROR, Code::connectionLost, sentences::connectionLost},
+    FailureText{CURLE_OUT_OF_MEMORY, Code::resourceUnavailable, sentences::noMemory},
+    FailureText{CURLE_PEER_FAILED_VERIFICATION, Code::tls, sentences::untrusted},
+    FailureText{CURLE_SSL_CACERT_BADFILE, Code::tls, sentences::noTrustedCertificates},
+    FailureText{CURLE_SSL_CONNECT_ERROR, Code::tls, sentences::noSecureConnection},
+    FailureText{CURLE_SSL_CLIENTCERT, Code::tls, sentences::asksForCertificate},
 };
-
-constexpr std::string_view proxyRefusal = "{0} refused a connection to {3}{1} ({2})";
-constexpr std::string_view noSocket = "could not open a connection to {0}{1} ({2})";
-constexpr std::string_view otherFailure = "the exchange with {0} failed{1} ({2})";
 
 // CURLE_TOO_LARGE, which libcurl has had since 8.6.
 constexpr int tooLargeCode = 100;
@@ -79,16 +72,15 @@ NetworkError urlError(Code code, std::string_view text, const RemoteUrl& url, co
 }
 
 NetworkError noAnswer(const RemoteUrl& url, const HopPeer& peer, std::chrono::duration<double> idleTimeout) {
-  return {Code::timedOut, fmt::format("no answer from {} for {} seconds ({})", peer.name(url),
-                                      idleTimeout.count(), redactRemoteURL(url))};
+  return urlError(Code::timedOut, sentences::noAnswer, url, peer, fmt::format("{}", idleTimeout.count()));
 }
 
 NetworkError headTooLarge(const RemoteUrl& url, const HopPeer& peer) {
-  return urlError(Code::other, "the head of the answer of {0} is too large ({2})", url, peer);
+  return urlError(Code::other, sentences::headTooLarge, url, peer);
 }
 
 NetworkError notHttp(const RemoteUrl& url, const HopPeer& peer) {
-  return urlError(Code::other, "{0} gave an answer that is not HTTP ({2})", url, peer);
+  return urlError(Code::other, sentences::notHttp, url, peer);
 }
 
 NetworkError CurlFailure::networkError(const RemoteUrl& url) const {
@@ -96,17 +88,18 @@ NetworkError CurlFailure::networkError(const RemoteUrl& url) const {
   if (shown == CURLE_OPERATION_TIMEDOUT) return noAnswer(url, peer, idleTimeout);
   if (peer.isProxy && proxyStatus >= 300 && !isLossError(lossError)) {
     const bool mayPass = isRetryableStatus(proxyStatus);
-    return urlError(mayPass ? Code::cannotConnect : Code::other, proxyRefusal, url, peer,
+    return urlError(mayPass ? Code::cannotConnect : Code::other, sentences::proxyRefusal, url, peer,
                     fmt::format(" with status {}", proxyStatus));
   }
   if (shown == CURLE_COULDNT_CONNECT && isOutOfResources(socketError)) {
-    return urlError(Code::resourceUnavailable, noSocket, url, peer, because(socketError));
+    return urlError(Code::resourceUnavailable, sentences::noSocket, url, peer, because(socketError));
   }
   if (shown == tooLargeCode) return headTooLarge(url, peer);
   if (shown == CURLE_UNSUPPORTED_PROTOCOL || shown == CURLE_WEIRD_SERVER_REPLY) return notHttp(url, peer);
   const auto known = std::ranges::find(failureTexts, shown, &FailureText::curlCode);
   if (known != failureTexts.end()) return urlError(known->code, known->text, url, peer, reason());
-  return urlError(Code::other, otherFailure, url, peer, fmt::format(": {}", curl_easy_strerror(code)));
+  return urlError(Code::other, sentences::otherFailure, url, peer,
+                  fmt::format(": {}", curl_easy_strerror(code)));
 }
 
 // libcurl's code, or the one that says what it stands for here.

@@ -52,8 +52,7 @@ struct CurlFailure {
   std::string reason() const;
 };
 
-/// An error whose text is a format of {0}, who was spoken with, {1}, the reason, {2}, the redacted URL, {3},
-/// the server's host and port, and {4}, " through the proxy " and its name, or nothing.
+/// An error with one of the `network_sentences`.
 NetworkError urlError(NetworkError::Code code, std::string_view text, const RemoteUrl& url,
                       const HopPeer& peer = {}, const std::string& reason = "");
 

@@ -20,6 +20,7 @@
 #include "VellicorRepackCore/Base/Cancellation.h"
 #include "VellicorRepackCore/Base/Errors.h"
 #include "VellicorRepackCore/Base/NetworkRoute.h"
+#include "VellicorRepackCore/Base/NetworkSentences.h"
 #include "VellicorRepackCore/Remote/CurlFailure.h"
 #include "VellicorRepackCore/Remote/EnvironmentProxy.h"
 #include "VellicorRepackCore/Remote/HandshakeWatch.h"
@@ -279,7 +280,7 @@ void Hop::checkPace() {
                                              : settings_.maximumHeaderBytes;
   if (++readsSinceLine_ <= most) return;
   if (proxyStatus_ == 0) throw headTooLarge(request_.url, peer());
-  throw urlError(Code::other, "the answer of {0} is too large ({2})", request_.url, peer());
+  throw urlError(Code::other, network_sentences::answerTooLarge, request_.url, peer());
 }
 
 // Whether the action threw nothing, and no stop is asked for.
@@ -403,8 +404,7 @@ Seconds Hop::timeLeft() const {
   const Seconds untilIdle = limits_.idleTimeout - (now - lastSign_);
   const Seconds untilDeadline = limits_.deadline - now;
   if (untilDeadline <= Seconds::zero()) {
-    throw urlError(Code::timedOut, "the exchange with {0} did not end within its time ({2})", request_.url,
-                   peer());
+    throw urlError(Code::timedOut, network_sentences::outOfTime, request_.url, peer());
   }
   if (untilIdle <= Seconds::zero()) throw noAnswer(request_.url, peer(), limits_.idleTimeout);
   return std::min(untilIdle, untilDeadline);
@@ -547,7 +547,7 @@ CurlTransport::~CurlTransport() = default;
 void CurlTransport::perform(const HttpRequest& request, const HttpHopLimits& limits, HttpObserver& observer,
                             const CancellationToken& stop) {
   if (request.url.scheme() != "https") {
-    throw urlError(Code::other, "only HTTPS addresses are fetched ({2})", request.url);
+    throw urlError(Code::other, network_sentences::onlyHttps, request.url);
   }
   const OneAtATime turn(impl_->isTaken);
   if (!impl_->isUsable) impl_->makeHandles();
@@ -569,7 +569,7 @@ void CurlTransport::perform(const HttpRequest& request, const HttpHopLimits& lim
     sleepUnlessCancelled(std::min<Clock::duration>(connectivityPollInterval, limits.deadline - Clock::now()),
                          stop);
     if (Clock::now() >= limits.deadline) {
-      throw urlError(Code::offline, "there is no network to reach {0} ({2})", request.url);
+      throw urlError(Code::offline, network_sentences::noNetwork, request.url);
     }
   }
 }

@@ -14,6 +14,7 @@
 #include "VellicorRepackCore/Base/AsciiText.h"
 #include "VellicorRepackCore/Base/Environment.h"
 #include "VellicorRepackCore/Base/Errors.h"
+#include "VellicorRepackCore/Base/NetworkSentences.h"
 #include "VellicorRepackCore/Remote/RemoteHeaders.h"
 
 namespace vellicor {
@@ -123,8 +124,8 @@ std::optional<EnvironmentProxy> EnvironmentProxy::forURL(const RemoteUrl& url) {
   if (list != nullptr && isListedInNoProxy(*environmentVariable(list), url.host())) return std::nullopt;
   auto proxy = parsedProxy(*environmentVariable(variable));
   if (!proxy) {
-    throw NetworkError(NetworkError::Code::other, fmt::format("{} names no proxy that can be used ({})",
-                                                              variable, redactRemoteURL(url)));
+    throw NetworkError(NetworkError::Code::other,
+                       fmt::format(network_sentences::invalidProxy, variable, redactRemoteURL(url)));
   }
   return proxy;
 }

@@ -110,8 +110,7 @@ void HuggingFaceRemoteSource::applyHeaders(HttpRequest& request) const {
   request.headers.set("Accept-Encoding", "identity");
   if (!token || token->empty()) return;
   if (!isVisibleASCII(*token)) {
-    throw RepackError(ConfigurationInvalid{
-        "the access token contains characters that an Authorization header cannot carry"});
+    throw RepackError(ConfigurationInvalid{std::string(ConfigurationInvalid::invalidToken)});
   }
   if (request.url.host() == baseURL.host()) request.headers.set("Authorization", "Bearer " + *token);
 }
