@@ -2,13 +2,11 @@
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <filesystem>
 #include <memory>
 #include <optional>
 #include <set>
 #include <string_view>
-#include <thread>
 #include <tuple>
 #include <utility>
 
@@ -16,6 +14,7 @@
 #include <nlohmann/json.hpp>
 
 #include "VellicorLab/FolderRepository.h"
+#include "VellicorLab/Removals.h"
 
 namespace vellicor {
 
@@ -337,21 +336,6 @@ std::set<std::string> entriesOf(const std::string& directory) {
   return entries;
 }
 
-/// The entries once none is left that a file system in user space keeps under a name of its own: a file that
-/// was replaced while it was open, until the file system is told, at its leisure, of the closing.
-std::set<std::string> settledEntriesOf(const std::string& directory) {
-  const auto isKept = [](const std::string& entry) {
-    return std::filesystem::path(entry).filename().string().starts_with(".fuse_hidden");
-  };
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  std::set<std::string> entries = entriesOf(directory);
-  while (std::ranges::any_of(entries, isKept) && std::chrono::steady_clock::now() < end) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    entries = entriesOf(directory);
-  }
-  return entries;
-}
-
 }  // namespace
 
 PredictedArtifact::PredictedArtifact(const SyntheticCheckpoint& checkpoint)
@@ -371,7 +355,8 @@ std::map<std::string, std::string> PredictedArtifact::contents() const {
 
 std::vector<std::string> PredictedArtifact::differences(const std::string& directory) const {
   const FolderRepository folder(directory);
-  std::set<std::string> entries = settledEntriesOf(directory);
+  awaitRemovals(directory);
+  std::set<std::string> entries = entriesOf(directory);
   entries.erase(receiptName);
   std::vector<std::string> differences;
   for (const auto& [path, predicted] : files_) {

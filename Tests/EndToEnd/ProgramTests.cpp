@@ -17,6 +17,7 @@
 #include "Tests/FaultInjection/FileCallRecord.h"
 #include "VellicorLab/ChildProcess.h"
 #include "VellicorLab/InstallHarness.h"
+#include "VellicorLab/Removals.h"
 #include "VellicorRepackCore/FileSystem/InstallLock.h"
 #include "VellicorRepackCore/Install/RemoteInstallCheckpoint.h"
 #include "VellicorRepackCore/Install/SupportedModelSource.h"
@@ -279,7 +280,7 @@ class CallBench {
   }
   void save() { fs::copy(place_, saved_, fs::copy_options::recursive); }
   void putBack() {
-    fs::remove_all(place_);
+    removeSettled(place_);
     fs::copy(saved_, place_, fs::copy_options::recursive);
     harness.hub->clearRequests();
   }

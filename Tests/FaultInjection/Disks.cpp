@@ -15,6 +15,7 @@
 #include "Tests/FaultInjection/Trials.h"
 #include "VellicorLab/ChildProcess.h"
 #include "VellicorLab/Emulator.h"
+#include "VellicorLab/Removals.h"
 #include "VellicorRepackCore/Base/Errors.h"
 
 namespace vellicor {
@@ -196,7 +197,7 @@ class LimitBench {
           runLimited(harness_.command(), resource, limit), "install failed: ");
     recovery_.recover(Overwrite::no);
     tryOthers(resource, limit);
-    fs::remove_all(harness_.output);
+    removeSettled(harness_.output);
   }
 
  private:
@@ -212,7 +213,7 @@ class LimitBench {
     judge(fmt::format("discard, {} {}", nameOf(resource), limit), resource,
           runLimited({program, "--discard-partial", "--output", harness_.output}, resource, limit),
           "discard failed: ");
-    fs::remove_all(harness_.output + ".partial");
+    removeSettled(harness_.output + ".partial");
   }
 
   static const char* nameOf(Resource resource) {

@@ -1,7 +1,6 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
-#include <filesystem>
 #include <memory>
 #include <random>
 #include <stdexcept>
@@ -12,6 +11,7 @@
 #include "Tests/FaultInjection/Recovery.h"
 #include "Tests/FaultInjection/Trials.h"
 #include "VellicorLab/ChildProcess.h"
+#include "VellicorLab/Removals.h"
 
 namespace vellicor {
 
@@ -44,7 +44,7 @@ class KilledInstalls {
  private:
   /// Starts and kills until a start ends by itself or has promoted; returns the kills that hit, at least 1.
   std::size_t installOnce(std::size_t most) {
-    std::filesystem::remove_all(harness_.output);
+    removeSettled(harness_.output);
     harness_.hub->clearRequests();
     std::size_t hits = 0;
     ProcessResult result;

@@ -19,6 +19,7 @@
 #include "Tests/FaultInjection/Recovery.h"
 #include "Tests/FaultInjection/Trials.h"
 #include "VellicorLab/ChildProcess.h"
+#include "VellicorLab/Removals.h"
 #include "VellicorRepackCore/Verification/VerifiedInstallTool.h"
 
 namespace vellicor {
@@ -100,7 +101,7 @@ class SwapBench {
 
  private:
   void reset() {
-    fs::remove_all(place_);
+    removeSettled(place_);
     fs::create_directory(place_);
     harness_.hub->clearRequests();
   }

@@ -15,6 +15,7 @@
 #include "Tests/FaultInjection/Recovery.h"
 #include "Tests/FaultInjection/Trials.h"
 #include "VellicorLab/ChildProcess.h"
+#include "VellicorLab/Removals.h"
 
 namespace vellicor {
 
@@ -125,7 +126,7 @@ class RaceTrack {
   }
 
   void begin() {
-    fs::remove_all(place_);
+    removeSettled(place_);
     fs::create_directory(place_);
     report_.count("races: rounds");
   }

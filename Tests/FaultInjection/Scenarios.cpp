@@ -6,6 +6,8 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
+#include "VellicorLab/Removals.h"
+
 namespace vellicor {
 
 namespace {
@@ -110,13 +112,13 @@ ScenarioBench::ScenarioBench(const Scenario& scenario, TrialReport& report)
 }
 
 void ScenarioBench::reset() {
-  fs::remove_all(place_);
+  removeSettled(place_);
   fs::copy(saved_, place_, fs::copy_options::recursive);
   harness_.hub->clearRequests();
 }
 
 void ScenarioBench::clear() {
-  fs::remove_all(place_);
+  removeSettled(place_);
   fs::create_directory(place_);
   harness_.hub->clearRequests();
 }

@@ -17,6 +17,7 @@
 #include "Tests/FaultInjection/Trials.h"
 #include "Tests/FaultInjection/WireFaultTable.h"
 #include "VellicorLab/Emulator.h"
+#include "VellicorLab/Removals.h"
 #include "VellicorRepackCore/Base/Cancellation.h"
 #include "VellicorRepackCore/Base/JoiningThread.h"
 #include "VellicorRepackCore/Remote/CurlTransport.h"
@@ -225,8 +226,8 @@ class Bench {
   void clean() {
     harness_.hub->setFaults(nullptr);
     harness_.hub->clearRequests();
-    fs::remove_all(harness_.output);
-    for (const std::string& name : recovery_.leftovers()) fs::remove_all(harness_.directory / name);
+    removeSettled(harness_.output);
+    for (const std::string& name : recovery_.leftovers()) removeSettled(harness_.directory / name);
   }
 
   /// The error's text, or "no error".
