@@ -26,7 +26,6 @@ namespace vellicor {
 
 namespace {
 
-namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
 using Clock = std::chrono::steady_clock;

@@ -146,7 +146,9 @@ TEST(CurlTransportTests, namesWhatFailedBeforeTheRequest) {
 
 TEST(CurlTransportTests, tellsAShortageOfThisSide) {
   const PlainServer server;
+  // The sanitizers need descriptors of their own when they meet a type for the first time.
   CurlTransport transport({});
+  outcomeOf(transport, "http://localhost/");
   rlimit before{};
   ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
   const rlimit none{.rlim_cur = 0, .rlim_max = before.rlim_max};
