@@ -1,25 +1,18 @@
-#include <filesystem>
-
-#include <fmt/format.h>
-#include <gmock/gmock.h>
 #include <sys/stat.h>
 
 #include "Tests/Support/Expect.h"
 #include "VellicorArtifact/MorlenDirectoryAccess.h"
-#include "VellicorLab/TemporaryDirectory.h"
 #include "VellicorRepackCore/Base/Sha256Stream.h"
 #include "VellicorRepackCore/FileSystem/PageCacheTrail.h"
 
-namespace vellicor {
+namespace vellicor::testing {
 namespace {
 
-namespace fs = std::filesystem;
-using namespace testing;
 using Access = MorlenDirectoryAccess;
 
-class MorlenDirectoryAccessTest : public ::testing::Test {
+class ArtifactDirectory : public Test {
  protected:
-  MorlenDirectoryAccessTest() {
+  ArtifactDirectory() {
     writeFile(directory / "outside/secret", "secret");
     writeFile(root + "/a.bin", "12345678");
     writeFile(root + "/sub/tokenizer/b.bin", "b");
@@ -30,7 +23,7 @@ class MorlenDirectoryAccessTest : public ::testing::Test {
   const std::string root = directory / "model.morlen";
 };
 
-TEST_F(MorlenDirectoryAccessTest, OpensOnlyRegularFilesInside) {
+TEST_F(ArtifactDirectory, OpensOnlyRegularFilesInside) {
   fs::create_symlink(directory / "outside", root + "/folderLink");
   fs::create_symlink(directory / "outside/secret", root + "/fileLink");
   ASSERT_EQ(::mkfifo((root + "/pipe").c_str(), 0600), 0);
@@ -53,11 +46,11 @@ TEST_F(MorlenDirectoryAccessTest, OpensOnlyRegularFilesInside) {
   }
   // A link where a directory should be is ELOOP on one platform and ENOTDIR on another.
   EXPECT_THAT(errorText([&] { access.openFile("folderLink/secret"); }),
-              ::testing::StartsWith("open(" + root + "/folderLink/secret) failed: errno "));
+              StartsWith("open(" + root + "/folderLink/secret) failed: errno "));
   EXPECT_EQ(errorText([&] { Access("/none/."); }), "open(/none) failed: errno 2");
 }
 
-TEST_F(MorlenDirectoryAccessTest, KeepsTheDirectoryItOpened) {
+TEST_F(ArtifactDirectory, KeepsTheDirectoryItOpened) {
   fs::create_symlink(root, directory / "link");
   const Access access(directory / "x/../link/");
   EXPECT_EQ(access.rootPath(), directory / "link");
@@ -70,7 +63,7 @@ TEST_F(MorlenDirectoryAccessTest, KeepsTheDirectoryItOpened) {
   EXPECT_TRUE(fs::is_empty(root));
 }
 
-TEST_F(MorlenDirectoryAccessTest, ReadsAndHashesWholeFiles) {
+TEST_F(ArtifactDirectory, ReadsAndHashesWholeFiles) {
   const Access access(root);
   EXPECT_EQ(access.readMetadata("a.bin", 8), "12345678");
   EXPECT_EQ(errorText([&] { access.readMetadata("a.bin", 7); }),
@@ -85,7 +78,7 @@ TEST_F(MorlenDirectoryAccessTest, ReadsAndHashesWholeFiles) {
             "pread(" + root + "/a.bin) short: expected 65536, got 0, errno 9");
 }
 
-TEST_F(MorlenDirectoryAccessTest, HashingLeavesThePageCacheAsItWas) {
+TEST_F(ArtifactDirectory, HashingLeavesThePageCacheAsItWas) {
   constexpr std::uint64_t step = PageCacheTrail::stepBytes, size = 3 * step + 5;
   writeFile(root + "/big.bin", std::string(size, 'x'));
   const Access access(root);
@@ -109,13 +102,12 @@ TEST_F(MorlenDirectoryAccessTest, HashingLeavesThePageCacheAsItWas) {
   EXPECT_TRUE(Posix::isCached(file.get(), 0, size));
 }
 
-TEST_F(MorlenDirectoryAccessTest, ListsTheTreeWithinItsBounds) {
+TEST_F(ArtifactDirectory, ListsTheTreeWithinItsBounds) {
   fs::create_symlink(directory / "outside", root + "/folderLink");
   writeFile(root + "/.morlen-X.tmp", "left over");
   const Access access(root);
-  EXPECT_THAT(access.relativeEntries(),
-              ::testing::ElementsAre(".morlen-X.tmp", "a.bin", "folderLink", "sub", "sub/tokenizer",
-                                     "sub/tokenizer/b.bin", "tokenizer"));
+  EXPECT_THAT(access.relativeEntries(), ElementsAre(".morlen-X.tmp", "a.bin", "folderLink", "sub",
+                                                    "sub/tokenizer", "sub/tokenizer/b.bin", "tokenizer"));
 
   const std::string invalid = "configuration invalid: ";
   const std::vector<std::tuple<int, std::size_t, std::string>> rows = {
@@ -132,15 +124,14 @@ TEST_F(MorlenDirectoryAccessTest, ListsTheTreeWithinItsBounds) {
   EXPECT_EQ(access.relativeEntries(0).size(), 4U) << "the tokenizer directory is not entered";
 }
 
-TEST_F(MorlenDirectoryAccessTest, WritesAtomicallyAtTheTopLevel) {
+TEST_F(ArtifactDirectory, WritesAtomicallyAtTheTopLevel) {
   const Access access(root);
   const std::vector<std::string> before = access.relativeEntries();
   EXPECT_EQ(errorText([&] { access.atomicWrite("x", "a/b"); }),
             "configuration invalid: unsafe output path a/b: output.a/b: expected basename");
   const std::string uuid = "[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}";
-  EXPECT_THAT(
-      errorText([&] { access.atomicWrite("x", "sub"); }),
-      ::testing::ContainsRegex("/\\.morlen-" + uuid + "\\.tmp -> " + root + "/sub. failed: errno 21"));
+  EXPECT_THAT(errorText([&] { access.atomicWrite("x", "sub"); }),
+              ContainsRegex("/\\.morlen-" + uuid + "\\.tmp -> " + root + "/sub. failed: errno 21"));
   access.atomicWrite("replaced", "a.bin");
   EXPECT_EQ(access.relativeEntries(), before) << "a temporary was left behind";
 
@@ -148,4 +139,4 @@ TEST_F(MorlenDirectoryAccessTest, WritesAtomicallyAtTheTopLevel) {
 }
 
 }  // namespace
-}  // namespace vellicor
+}  // namespace vellicor::testing

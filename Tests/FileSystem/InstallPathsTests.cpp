@@ -1,20 +1,10 @@
-#include <filesystem>
-#include <map>
-
-#include <fmt/format.h>
-#include <gmock/gmock.h>
-
 #include "Tests/Support/Expect.h"
-#include "VellicorLab/TemporaryDirectory.h"
 #include "VellicorRepackCore/FileSystem/DiskSpaceChecker.h"
 #include "VellicorRepackCore/FileSystem/InstallLock.h"
 #include "VellicorRepackCore/FileSystem/RemoteInstallPaths.h"
 
-namespace vellicor {
+namespace vellicor::testing {
 namespace {
-
-namespace fs = std::filesystem;
-using namespace testing;
 
 TEST(RemoteInstallPaths, AreDerivedFromTheResolvedParent) {
   const TemporaryDirectory directory;
@@ -23,9 +13,9 @@ TEST(RemoteInstallPaths, AreDerivedFromTheResolvedParent) {
   EXPECT_THAT(
       (std::vector{paths.parentDirectory, paths.finalDirectory, paths.partialDirectory, paths.lockFile,
                    paths.checkpointFile, paths.rangeTemporaryFile, paths.metadataDirectory}),
-      ::testing::ElementsAre(directory / "vol/data", output, output + ".partial", output + ".install.lock",
-                             output + ".resume.json", output + ".partial/.range.tmp",
-                             output + ".partial/.remote-metadata"));
+      ElementsAre(directory / "vol/data", output, output + ".partial", output + ".install.lock",
+                  output + ".resume.json", output + ".partial/.range.tmp",
+                  output + ".partial/.remote-metadata"));
 
   fs::create_symlink(directory / "vol/data", directory / "data");
   for (const char* spelling : {"vol/data/m.morlen/", "vol/./data//m.morlen", "data/m.morlen",
@@ -118,8 +108,8 @@ TEST(DiskSpaceChecker, MeasuresWhereTheOutputWillLand) {
   EXPECT_TRUE(DiskSpaceChecker::requireAvailable(directory / "a/b/m.morlen", 0, 1).canInstall());
   EXPECT_TRUE((DiskSpaceRequirement{.path = "/", .requiredBytes = 5, .availableBytes = 5}.canInstall()));
   EXPECT_THAT(errorText([&] { DiskSpaceChecker::requireAvailable(directory / "c.d/models", most, 0); }),
-              ::testing::StartsWith(fmt::format("insufficient disk space for {}: required {}, available ",
-                                                directory / "c.d/models", most)));
+              StartsWith(fmt::format("insufficient disk space for {}: required {}, available ",
+                                     directory / "c.d/models", most)));
   // A volume of its own that holds nothing.
   const std::string volume = directory / "volume.d";
   fs::create_directory_symlink(fs::exists("/proc/self") ? "/proc" : "/dev", volume);
@@ -128,4 +118,4 @@ TEST(DiskSpaceChecker, MeasuresWhereTheOutputWillLand) {
 }
 
 }  // namespace
-}  // namespace vellicor
+}  // namespace vellicor::testing

@@ -1,32 +1,25 @@
 #include <atomic>
-#include <chrono>
-#include <filesystem>
 #include <thread>
 
 #include <fcntl.h>
-#include <fmt/format.h>
-#include <gmock/gmock.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "Tests/Support/Expect.h"
-#include "VellicorLab/TemporaryDirectory.h"
 #include "VellicorRepackCore/FileSystem/FileStamp.h"
 #include "VellicorRepackCore/FileSystem/Posix.h"
 
-namespace vellicor {
+namespace vellicor::testing {
 namespace {
 
-namespace fs = std::filesystem;
-using namespace testing;
 using Kind = Posix::EntryKind;
 constexpr auto ownerOnly = Posix::FileMode::ownerOnly;
 
 /// A file, a directory, a link, a dangling link and a named pipe.
-class PosixTest : public ::testing::Test {
+class PosixEntries : public Test {
  protected:
-  PosixTest() {
+  PosixEntries() {
     writeFile(file, "abc");
     fs::create_directory(folder);
     fs::create_symlink(file, link);
@@ -40,7 +33,7 @@ class PosixTest : public ::testing::Test {
                     missing = directory / "missing";
 };
 
-TEST_F(PosixTest, RefusalsNameTheCallThePathAndTheErrno) {
+TEST_F(PosixEntries, RefusalsNameTheCallThePathAndTheErrno) {
   char buffer[8] = {};
   const FileDescriptor own = Posix::openExistingRW(file);
   const int fd = own.get();
@@ -89,23 +82,23 @@ TEST_F(PosixTest, RefusalsNameTheCallThePathAndTheErrno) {
       {[&] { Posix::readBoundedData(pipe, 3); }, failed("fstat", pipe, EINVAL)},
   };
   for (const auto& [action, expected] : rows) EXPECT_EQ(errorText(action), expected);
-  EXPECT_THAT(errorText([&] { Posix::mkdirP(file + "/x"); }), ::testing::HasSubstr(file));
+  EXPECT_THAT(errorText([&] { Posix::mkdirP(file + "/x"); }), HasSubstr(file));
   fs::create_directory_symlink(folder, directory / "linked");
   for (const std::string& path : {file, directory / "linked"}) {
-    EXPECT_THAT(errorText([&] { Posix::mkdir(path); }), ::testing::HasSubstr(path)) << "no directory itself";
+    EXPECT_THAT(errorText([&] { Posix::mkdir(path); }), HasSubstr(path)) << "no directory itself";
   }
   EXPECT_EQ(readFile(file), "abc");
   EXPECT_EQ(Posix::entryKind(directory / "nowhere"), Kind::absent) << "a dangling link was followed";
 }
 
-TEST_F(PosixTest, KindsAreThoseOfTheEntryItself) {
+TEST_F(PosixEntries, KindsAreThoseOfTheEntryItself) {
   const std::vector<std::pair<std::string, std::string_view>> rows = {
       {file, "regular"},     {folder, "directory"}, {link, "symlink"},
       {dangling, "symlink"}, {pipe, "other"},       {missing, "absent"}};
   for (const auto& [path, kind] : rows) EXPECT_EQ(Posix::name(Posix::entryKind(path)), kind) << path;
 }
 
-TEST_F(PosixTest, ADescriptorMatchesOnlyItsOwnRegularFile) {
+TEST_F(PosixEntries, ADescriptorMatchesOnlyItsOwnRegularFile) {
   const FileDescriptor open = Posix::openReadNoFollow(file);
   EXPECT_TRUE(Posix::descriptorMatchesPath(open.get(), file));
   EXPECT_FALSE(Posix::descriptorMatchesPath(open.get(), link)) << "a link to the same file";
@@ -113,12 +106,12 @@ TEST_F(PosixTest, ADescriptorMatchesOnlyItsOwnRegularFile) {
   EXPECT_FALSE(Posix::descriptorMatchesPath(open.get(), missing)) << "another file";
 }
 
-TEST_F(PosixTest, AMountPointIsNotAnyDirectory) {
+TEST_F(PosixEntries, AMountPointIsNotAnyDirectory) {
   EXPECT_FALSE(Posix::isMountPoint(folder));
   EXPECT_TRUE(Posix::isMountPoint(fs::exists("/proc/self") ? "/proc" : "/dev"));
 }
 
-TEST_F(PosixTest, NothingIsReachedThroughALinkedDirectory) {
+TEST_F(PosixEntries, NothingIsReachedThroughALinkedDirectory) {
   writeFile(folder + "/sub/entry", "abc");
   const std::string linked = directory / "linked";
   fs::create_directory_symlink(folder, linked);
@@ -138,8 +131,8 @@ TEST_F(PosixTest, NothingIsReachedThroughALinkedDirectory) {
   };
   // Going from component to component, a system calls a link no directory.
   const auto isRefused = [](const std::string& operation) {
-    return ::testing::AnyOf(fmt::format("{} failed: errno {}", operation, ELOOP),
-                            fmt::format("{} failed: errno {}", operation, ENOTDIR));
+    return AnyOf(fmt::format("{} failed: errno {}", operation, ELOOP),
+                 fmt::format("{} failed: errno {}", operation, ENOTDIR));
   };
   for (const auto& [action, path] : rows) {
     EXPECT_THAT(errorText(action), isRefused(fmt::format("open({})", path)));
@@ -149,16 +142,15 @@ TEST_F(PosixTest, NothingIsReachedThroughALinkedDirectory) {
   EXPECT_THAT(errorText([&] { Posix::rename(file, other); }),
               isRefused(fmt::format("rename({} -> {})", file, other)));
   for (const auto& [a, b] : {std::pair(entry, file), std::pair(file, entry)}) {
-    EXPECT_THAT(
-        errorText([&, &from = a, &to = b] { Posix::renameSwap(from, to); }),
-        ::testing::StartsWith(fmt::format("atomic directory promotion is unsupported for {}: errno ", a)));
+    EXPECT_THAT(errorText([&, &from = a, &to = b] { Posix::renameSwap(from, to); }),
+                StartsWith(fmt::format("atomic directory promotion is unsupported for {}: errno ", a)));
   }
   EXPECT_EQ(readFile(folder + "/sub/entry"), "abc");
   EXPECT_EQ(readFile(file), "abc");
-  EXPECT_THAT(Posix::listDirectory(folder + "/sub"), ::testing::ElementsAre("entry"));
+  EXPECT_THAT(Posix::listDirectory(folder + "/sub"), ElementsAre("entry"));
 }
 
-TEST_F(PosixTest, ATreeIsRemovedWhateverItsShape) {
+TEST_F(PosixEntries, ATreeIsRemovedWhateverItsShape) {
   constexpr int levels = 300, files = 1500;
   FileDescriptor at = Posix::openDirectory(folder);
   for (int i = 0; i < levels; ++i) {
@@ -179,7 +171,7 @@ TEST_F(PosixTest, ATreeIsRemovedWhateverItsShape) {
   EXPECT_EQ(readFile(file), "abc") << "a link was followed";
 }
 
-TEST_F(PosixTest, ADirectoryThatBecomesALinkMeanwhileLeadsNowhere) {
+TEST_F(PosixEntries, ADirectoryThatBecomesALinkMeanwhileLeadsNowhere) {
   const std::string swapped = directory / "swapped", victim = directory / "victim/entry";
   writeFile(victim, "abc");
   fs::create_directory_symlink(directory / "victim", swapped);
@@ -198,16 +190,16 @@ TEST_F(PosixTest, ADirectoryThatBecomesALinkMeanwhileLeadsNowhere) {
   }
   ends = true;
   swapper.join();
-  EXPECT_THAT(Posix::listDirectory(directory / "victim"), ::testing::ElementsAre("entry"));
+  EXPECT_THAT(Posix::listDirectory(directory / "victim"), ElementsAre("entry"));
 }
 
-TEST_F(PosixTest, FollowsLinksWhereItIsToldTo) {
+TEST_F(PosixEntries, FollowsLinksWhereItIsToldTo) {
   Posix::writeWholeFile(link, "de");
   EXPECT_EQ(Posix::readWholeFile(file), "de");
   EXPECT_EQ(Posix::readBoundedData(link, 2, Posix::FinalLink::follow), "de");
 }
 
-TEST_F(PosixTest, AtomicWriteLeavesTheOldOrTheNewFile) {
+TEST_F(PosixEntries, AtomicWriteLeavesTheOldOrTheNewFile) {
   const auto write = [&](const std::function<void()>& afterRename = nullptr) {
     return errorText([&] { Posix::atomicWrite("new", file, directory.path(), ownerOnly, afterRename); });
   };
@@ -247,15 +239,7 @@ TEST(PosixBlocks, AreRoomAndHolesAreNot) {
   EXPECT_LT(Posix::bytesInPlace(open.get(), file), sparseBytes);
 }
 
-TEST(Paths, AreStandardizedLexically) {
-  const std::string here = fs::current_path().string();
-  const std::vector<std::pair<std::string, std::string>> rows = {
-      {"/a/../..", "/"},        {"/a//b/", "/a/b"}, {"/a/./b/../c", "/a/c"},
-      {"/..a/...", "/..a/..."}, {"", here},         {"x/.", here + "/x"}};
-  for (const auto& [path, expected] : rows) EXPECT_EQ(standardizedPath(path), expected) << path;
-}
-
-TEST_F(PosixTest, AStampProvesThatNothingHappenedToAFile) {
+TEST_F(PosixEntries, AStampProvesThatNothingHappenedToAFile) {
   const auto stamp = [&] { return FileStamp::of(Posix::openReadNoFollow(file).get(), file); };
   const auto setAge = [&](std::chrono::hours age) {
     fs::last_write_time(file, fs::file_time_type::clock::now() - age);
@@ -289,4 +273,4 @@ TEST_F(PosixTest, AStampProvesThatNothingHappenedToAFile) {
 }
 
 }  // namespace
-}  // namespace vellicor
+}  // namespace vellicor::testing

@@ -12,17 +12,23 @@
 #include <string>
 #include <vector>
 
+#include "VellicorArtifact/ArtifactMetadata.h"
 #include "VellicorArtifact/MorlenDirectoryAccess.h"
 #include "VellicorFormat/JsonReading.h"
+#include "VellicorFormat/MorlenFormatV1.h"
+#include "VellicorFormat/MorlenManifestV1.h"
 #include "VellicorFormat/MorlenPackedExpertsLayoutV1.h"
 #include "VellicorFormat/MorlenResidentIndexV1.h"
 #include "VellicorLab/TemporaryDirectory.h"
 #include "VellicorRepackCore/Base/AsciiText.h"
 #include "VellicorRepackCore/Base/Errors.h"
 #include "VellicorRepackCore/FileSystem/Posix.h"
+#include "VellicorRepackCore/Install/RemoteInstallCheckpoint.h"
 #include "VellicorRepackCore/Remote/RemoteHeaders.h"
 #include "VellicorRepackCore/Remote/RemoteRangeTransfer.h"
 #include "VellicorRepackCore/Remote/RemoteRetry.h"
+#include "VellicorRepackCore/Remote/RemoteSnapshotLoader.h"
+#include "VellicorRepackCore/Source/Safetensors.h"
 
 namespace vellicor::fuzz {
 namespace {
@@ -134,8 +140,6 @@ std::string shortestRange(std::string_view text) {
   return range;
 }
 
-}  // namespace
-
 void fuzzManifest(Bytes bytes) {
   requireStable<MorlenFormatError>(bytes, MorlenManifestCodec::decode, MorlenManifestCodec::encode);
 }
@@ -178,6 +182,7 @@ void fuzzResident(Bytes bytes) {
   require(written == region, "written back, the region differs");
 }
 
+/// The first eight bytes are the size of the shard, the others its header.
 void fuzzSafetensors(Bytes bytes) {
   constexpr std::size_t prefix = Safetensors::lengthPrefixBytes;
   if (bytes.size() < prefix) return;
@@ -256,6 +261,7 @@ void fuzzEntityTag(Bytes bytes) {
   require(!tag || !value.starts_with("W/"), "a weak tag counts as strong");
 }
 
+/// A URL, a line feed, and a reference to resolve against it.
 void fuzzUrl(Bytes bytes) {
   const std::string_view text = textOf(bytes);
   const std::size_t line = std::min(text.find('\n'), text.size());
@@ -285,5 +291,25 @@ void fuzzPath(Bytes bytes) {
   const auto content = unlessRefused<RepackError>([&] { return directory.readMetadata(path, 64); });
   require(!content || (isSafe && *content == "inside"), "a file outside the root was read");
 }
+
+/// As the transport bounds a header block.
+constexpr std::size_t maximumHeaderLineBytes = 262144;
+
+}  // namespace
+
+constinit const std::array<Target, 12> targets{{
+    {"manifest", fuzzManifest, MorlenFormatV1::manifestMaxBytes},
+    {"layout", fuzzLayout, MorlenFormatV1::layoutMaxBytes},
+    {"resident", fuzzResident, MorlenFormatV1::residentIndexMaxBytes},
+    {"safetensors", fuzzSafetensors, Safetensors::lengthPrefixBytes + Safetensors::maximumHeaderBytes},
+    {"index", fuzzIndex, RemoteSnapshotLoader::maximumIndexBytes},
+    {"config", fuzzConfig, RemoteSnapshotLoader::maximumConfigBytes},
+    {"checkpoint", fuzzCheckpoint, RemoteInstallCheckpoint::maximumBytes},
+    {"retry_after", fuzzRetryAfter, maximumHeaderLineBytes},
+    {"content_range", fuzzContentRange, maximumHeaderLineBytes},
+    {"entity_tag", fuzzEntityTag, maximumHeaderLineBytes},
+    {"url", fuzzUrl, maximumHeaderLineBytes},
+    {"path", fuzzPath, MorlenFormatV1::manifestMaxBytes},
+}};
 
 }  // namespace vellicor::fuzz

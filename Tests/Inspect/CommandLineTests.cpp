@@ -1,14 +1,8 @@
-#include <fmt/format.h>
-#include <fmt/ranges.h>
-#include <gtest/gtest.h>
-
 #include "Tests/Support/Expect.h"
 #include "VellicorInspect/CommandLine.h"
 
-namespace vellicor {
+namespace vellicor::testing {
 namespace {
-
-using Words = std::vector<std::string>;
 
 /// One line that names the request and everything it carries.
 struct Describer {
@@ -30,7 +24,7 @@ struct Describer {
 std::string parsed(Words words) {
   words.insert(words.begin(), "VellicorInspect");
   std::string text;
-  const std::string error = testing::errorText([&] {
+  const std::string error = errorText([&] {
     const InspectArguments arguments = parseInspectArguments(words);
     text = fmt::format("{}: {}{}", arguments.model, std::visit(Describer{}, arguments.request),
                        arguments.json ? " as JSON" : "");
@@ -67,4 +61,4 @@ TEST(InspectCommandLine, YieldsARequestOrSaysWhatIsWrong) {
 }
 
 }  // namespace
-}  // namespace vellicor
+}  // namespace vellicor::testing

@@ -1,22 +1,17 @@
-#include <filesystem>
 #include <thread>
 
-#include "Tests/Source/TinyModel.h"
-#include "VellicorLab/TemporaryDirectory.h"
+#include "Tests/Support/SampleModel.h"
 #include "VellicorRepackCore/FileSystem/Posix.h"
 #include "VellicorRepackCore/Install/ArtifactRecorder.h"
 #include "VellicorRepackCore/Output/ResidentWriter.h"
 
-namespace vellicor {
+namespace vellicor::testing {
 namespace {
-
-namespace fs = std::filesystem;
-using namespace vellicor::testing;
 
 TEST(ArtifactRecorder, ReadsLargePayloadAgainWhereItsStampProvesNothing) {
   constexpr std::uint64_t large = 65 << 20;
   const TemporaryDirectory directory;
-  RepackPlan plan = TinyModel().plan(directory.path());
+  RepackPlan plan = SampleModel().plan(directory.path());
   plan.layers.clear();
   const std::string& weights = plan.resident.path;
   RepackAudit audit;
@@ -44,4 +39,4 @@ TEST(ArtifactRecorder, ReadsLargePayloadAgainWhereItsStampProvesNothing) {
 }
 
 }  // namespace
-}  // namespace vellicor
+}  // namespace vellicor::testing

@@ -1,22 +1,12 @@
-#include <array>
-#include <span>
-
-#include <fmt/format.h>
-#include <gmock/gmock.h>
-
-#include "Tests/Source/TinyModel.h"
+#include "Tests/Support/SampleModel.h"
 #include "VellicorLab/SupportedModelData.h"
 #include "VellicorLab/SyntheticCheckpoint.h"
-#include "VellicorLab/TemporaryDirectory.h"
 #include "VellicorRepackCore/Base/Sha256Stream.h"
 #include "VellicorRepackCore/Install/RangeCopyPlanner.h"
 #include "VellicorRepackCore/Install/SourceByteProvider.h"
 
-namespace vellicor {
+namespace vellicor::testing {
 namespace {
-
-using namespace vellicor::testing;
-using ::testing::SizeIs;
 
 constexpr std::uint64_t maximumU64 = ~std::uint64_t{0};
 const std::string invalid = "configuration invalid: ";
@@ -120,8 +110,8 @@ TEST(RangeCopyPlanner, FingerprintIdentifiesThePlanAndNotItsPlace) {
   const auto plan = [](const RepackPlan& from, std::int64_t chunk = 512) {
     return RangeCopyPlanner::plan(from, chunk, "identity", std::nullopt);
   };
-  const std::string here = plan(TinyModel().plan("/here/p")).canonicalFingerprint;
-  RepackPlan bent = TinyModel().plan("/elsewhere/deeper/q/");
+  const std::string here = plan(SampleModel().plan("/here/p")).canonicalFingerprint;
+  RepackPlan bent = SampleModel().plan("/elsewhere/deeper/q/");
   EXPECT_EQ(plan(bent).canonicalFingerprint, here);
   EXPECT_NE(plan(bent, 511).canonicalFingerprint, here);
   bent.layers[1].subTensors[0].sourceTensor.absoluteOffset += 1;
@@ -168,4 +158,4 @@ TEST(SupportedModel, PlansToItsKnownFigures) {
 }
 
 }  // namespace
-}  // namespace vellicor
+}  // namespace vellicor::testing

@@ -1,14 +1,9 @@
-#include <gmock/gmock.h>
-
-#include "Tests/Source/TinyModel.h"
-#include "VellicorLab/TemporaryDirectory.h"
+#include "Tests/Support/SampleModel.h"
 #include "VellicorRepackCore/Install/RemoteInstallCheckpoint.h"
 
-namespace vellicor {
+namespace vellicor::testing {
 namespace {
 
-using namespace vellicor::testing;
-using ::testing::ElementsAre;
 using Checkpoint = RemoteInstallCheckpoint;
 
 constexpr std::uint64_t maximumU64 = ~std::uint64_t{0};
@@ -112,4 +107,4 @@ TEST(RemoteInstallCheckpoint, RecordsEachRangeOnceInOrderForOnePlan) {
 }
 
 }  // namespace
-}  // namespace vellicor
+}  // namespace vellicor::testing

@@ -1,43 +1,26 @@
-#include <fmt/format.h>
-#include <gtest/gtest.h>
-
-#include "Tests/Support/TinyHub.h"
+#include "Tests/Support/HubClient.h"
 #include "VellicorLab/HubAnswers.h"
 #include "VellicorLab/LocalHub.h"
 
 namespace vellicor::testing {
 namespace {
 
-struct Exchange {
-  std::string name, method, url, headers;
-  int status;
-  /// "-" stands for an absent header.
-  std::string expected;
-};
-
-void expectAnswer(const TinyHub& tiny, const Exchange& row, const Received& received) {
-  SCOPED_TRACE(row.name);
-  EXPECT_EQ(received.head->status, row.status);
-  const HttpHeaders expected = parsedHeaders(row.expected);
-  for (const auto& [name, value] : expected.fields()) EXPECT_EQ(received.header(name), value) << name;
-  // Redirects are on the way, except that metadata of a large file is asked for no further.
-  const bool isWay = row.status / 100 == 3 && (row.method != "HEAD" || row.status == 307);
-  EXPECT_EQ(tiny.hub->requests().back().isFinalHop, !isWay);
-}
-
-TEST(LocalHubTests, answersLikeTheHub) {
-  const TinyHub tiny;
-  const auto config = tiny.checkpoint->file("config.json"), shard = tiny.checkpoint->file(tiny.shard);
-  const std::string commit = tiny.checkpoint->commit(), size = std::to_string(shard->size());
+TEST(LocalHub, AnswersLikeTheHub) {
+  const HubClient client;
+  const auto config = client.checkpoint->file("config.json"), shard = client.checkpoint->file(client.shard);
+  const std::string commit = client.checkpoint->commit(), size = std::to_string(shard->size());
   const auto filled = [&](const char* text) {
     return fmt::format(fmt::runtime(text), fmt::arg("commit", commit), fmt::arg("tag", config->contentTag()),
                        fmt::arg("hash", *shard->xetHash()), fmt::arg("size", size),
                        fmt::arg("sha", shard->contentTag()));
   };
-  const std::string base = tiny.hub->baseURL(), small = tiny.resolve("main/config.json");
-  const std::string large = tiny.resolve(commit + "/" + tiny.shard), storage = tiny.redirected(tiny.shard);
-  const std::string query = filled("?%2Fo%2Fn%2Fresolve%2Fmain%2Fconfig.json=&etag=%22{tag}%22");
-  const std::string target = filled("/api/resolve-cache/models/o/n/{commit}/config.json") + query,
+  const std::string base = client.hub->baseURL(), small = client.resolve("main/config.json");
+  const std::string large = client.resolve(commit + "/" + client.shard),
+                    storage = client.redirected(client.shard);
+  const std::string query =
+      filled("?%2Flab-owner%2Flab-model%2Fresolve%2Fmain%2Fconfig.json=&etag=%22{tag}%22");
+  const std::string target =
+                        filled("/api/resolve-cache/models/lab-owner/lab-model/{commit}/config.json") + query,
                     cached = base + target;
   const std::string about = "x-repo-commit: {commit}; accept-ranges: bytes; x-linked-etag: ";
   const std::string linked = filled((about + "\"{tag}\"; x-linked-size: -; location: ").c_str()) + target;
@@ -48,7 +31,8 @@ TEST(LocalHubTests, answersLikeTheHub) {
   const std::string zipped = filled("content-encoding: gzip; content-length: -; etag: W/\"{tag}\"");
   const std::string noEntry = filled("x-error-code: EntryNotFound; x-repo-commit: {commit}");
   const std::string otherRepo = base + "/o/x/resolve/main/f";
-  const std::vector<Exchange> rows = {
+  // The last column is of headers; "-" stands for an absent one.
+  const std::vector<std::tuple<std::string, std::string, std::string, std::string, int, std::string>> rows = {
       {"small file", "GET", small, "Range: bytes=0-4", 307, linked},
       {"its metadata", "HEAD", small, "", 307, linked},
       {"cached metadata", "HEAD", cached, "Range: bytes=2-5", 200, whole},
@@ -68,19 +52,28 @@ TEST(LocalHubTests, answersLikeTheHub) {
        "content-range: bytes */" + size},
       {"storage with a token", "GET", storage, "Authorization: Bearer t", 400, ""},
       {"altered signature", "GET", storage + "0", "", 403, ""},
-      {"missing file", "GET", tiny.resolve("main/none"), "", 404, noEntry},
-      {"missing revision", "GET", tiny.resolve("dev/config.json"), "", 404, "x-error-code: RevisionNotFound"},
+      {"missing file", "GET", client.resolve("main/none"), "", 404, noEntry},
+      {"missing revision", "GET", client.resolve("dev/config.json"), "", 404,
+       "x-error-code: RevisionNotFound"},
       {"missing repository", "GET", otherRepo, "", 401, ""},
       {"with a token", "GET", otherRepo, "Authorization: Bearer t", 404, "x-error-code: RepoNotFound"},
       {"another method", "PUT", small, "", 405, ""},
       {"another host", "GET", small, "Host: elsewhere:1", 421, ""},
   };
-  CurlTransport transport(tiny.options());
-  for (const auto& row : rows)
-    expectAnswer(tiny, row, TinyHub::get(transport, row.url, row.headers, row.method));
-  EXPECT_EQ(tiny.hub->requests().size(), rows.size() + 1);
-  EXPECT_EQ(TinyHub::get(transport, tiny.resolve("main/none")).body, "Entry not found");
-  EXPECT_EQ(TinyHub::get(transport, cached, "Accept-Encoding: gzip").body, storedGzip("0123456789"));
+  CurlTransport transport(client.clientOptions());
+  for (const auto& [name, method, url, headers, status, expected] : rows) {
+    SCOPED_TRACE(name);
+    const Received received = get(transport, url, headers, method);
+    EXPECT_EQ(received.head->status, status);
+    for (const auto& [header, value] : parsedHeaders(expected).fields())
+      EXPECT_EQ(received.header(header), value);
+    // Redirects are on the way, except that metadata of a large file is asked for no further.
+    const bool isWay = status / 100 == 3 && (method != "HEAD" || status == 307);
+    EXPECT_EQ(client.hub->requests().back().isFinalHop, !isWay);
+  }
+  EXPECT_EQ(client.hub->requests().size(), rows.size() + 1);
+  EXPECT_EQ(get(transport, client.resolve("main/none")).body, "Entry not found");
+  EXPECT_EQ(get(transport, cached, "Accept-Encoding: gzip").body, storedGzip("0123456789"));
 }
 
 }  // namespace

@@ -1,48 +1,35 @@
-#include <filesystem>
-#include <map>
-#include <memory>
-#include <string>
-#include <utility>
-#include <vector>
-
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "Tests/Support/Expect.h"
 #include "VellicorLab/FolderRepository.h"
 #include "VellicorLab/SyntheticCheckpoint.h"
-#include "VellicorLab/TemporaryDirectory.h"
 
-namespace vellicor {
+namespace vellicor::testing {
 namespace {
 
 constexpr const char* indexName = "model.safetensors.index.json";
 
 TEST(SyntheticCheckpoint, ShardsAreCoveredExactlyUnalignedAndAsTheIndexSays) {
-  struct Row {
-    const char* name;
-    std::shared_ptr<SyntheticCheckpoint> checkpoint;
-    std::size_t shards, kept, excluded;
+  using C = SyntheticCheckpoint;
+  // The shards, the kept tensors and the others.
+  const std::vector<std::tuple<std::shared_ptr<C>, std::size_t, std::size_t, std::size_t>> rows = {
+      {C::miniature(1), 3, 1339, 358},
+      {C::fullSize(1), 3, 1339, 358},
+      {C::custom({.layers = 3, .shards = 5, .excludedTensors = 9}, 1), 5, 4 + 3 * 45 - 3, 9},
+      {C::custom({.layers = 1, .shards = 1, .fullAttentionEvery = 0}, 1), 1, 4 + 45, 3},
   };
-  const std::vector<Row> rows = {
-      {"miniature", SyntheticCheckpoint::miniature(1), 3, 1339, 358},
-      {"full size", SyntheticCheckpoint::fullSize(1), 3, 1339, 358},
-      {"custom", SyntheticCheckpoint::custom({.layers = 3, .shards = 5, .excludedTensors = 9}, 1), 5,
-       4 + 3 * 45 - 3, 9},
-      {"one shard", SyntheticCheckpoint::custom({.layers = 1, .shards = 1, .fullAttentionEvery = 0}, 1), 1,
-       4 + 45, 3},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    const auto index = nlohmann::json::parse(contentOf(*row.checkpoint->file(indexName))).at("weight_map");
+  for (const auto& [checkpoint, shardCount, keptCount, excludedCount] : rows) {
+    SCOPED_TRACE(keptCount);
+    const auto index = nlohmann::json::parse(contentOf(*checkpoint->file(indexName))).at("weight_map");
     std::map<std::string, std::map<std::uint64_t, std::pair<std::string, std::uint64_t>>> shards;
     std::size_t found = 0, kept = 0, odd = 0, gaps = 0;
-    for (const auto& [name, tensor] : row.checkpoint->tensors()) {
+    for (const auto& [name, tensor] : checkpoint->tensors()) {
       shards[index.at(name)][tensor.offset] = {name, tensor.size};
       odd += tensor.offset % 2;
       ++found;
     }
     for (const auto& [shard, tensors] : shards) {
-      std::uint64_t end = row.checkpoint->payloadOffset(shard);
+      std::uint64_t end = checkpoint->payloadOffset(shard);
       bool isKept = false;
       for (const auto& [offset, tensor] : tensors) {
         ASSERT_EQ(offset, end);
@@ -51,12 +38,12 @@ TEST(SyntheticCheckpoint, ShardsAreCoveredExactlyUnalignedAndAsTheIndexSays) {
         kept += isKept;
         gaps += wasKept && !isKept;
       }
-      EXPECT_EQ(end, row.checkpoint->file(shard)->size());
+      EXPECT_EQ(end, checkpoint->file(shard)->size());
     }
     EXPECT_EQ(index.size(), found);
-    EXPECT_EQ(shards.size(), row.shards);
-    EXPECT_EQ(kept, row.kept);
-    EXPECT_EQ(found - kept, row.excluded);
+    EXPECT_EQ(shards.size(), shardCount);
+    EXPECT_EQ(kept, keptCount);
+    EXPECT_EQ(found - kept, excludedCount);
     EXPECT_GT(odd, found / 2);
     EXPECT_GT(gaps, 0U) << "excluded tensors lie between kept ones";
   }
@@ -76,4 +63,4 @@ TEST(FolderRepository, ServesRegularFilesInsideItsFolderOnly) {
 }
 
 }  // namespace
-}  // namespace vellicor
+}  // namespace vellicor::testing

@@ -1,15 +1,4 @@
-#include <algorithm>
-#include <chrono>
-#include <cstdint>
-#include <string>
-#include <string_view>
-#include <tuple>
-#include <utility>
-#include <vector>
-
-#include <fmt/format.h>
-#include <gmock/gmock.h>
-
+#include "Tests/Support/Expect.h"
 #include "VellicorProgress/Advice.h"
 #include "VellicorProgress/ProgressLineReader.h"
 #include "VellicorProgress/ProgressMeter.h"
@@ -17,13 +6,12 @@
 #include "VellicorProgress/Viewer.h"
 #include "VellicorTerminal/TerminalText.h"
 
-namespace vellicor {
+namespace vellicor::testing {
 namespace {
 
 using namespace std::chrono_literals;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
-using ::testing::HasSubstr;
 
 const ProgressTime start = ProgressTime() + seconds(1000);
 
@@ -283,4 +271,4 @@ TEST(Advice, NamesTheNextStepWhereOneIsKnown) {
 }
 
 }  // namespace
-}  // namespace vellicor
+}  // namespace vellicor::testing

@@ -1,18 +1,15 @@
 #pragma once
 
 #include <atomic>
-#include <cstdint>
-#include <functional>
-#include <string>
 #include <thread>
-#include <utility>
 
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include "Tests/Support/Expect.h"
 
 namespace vellicor::testing {
 

@@ -10,7 +10,7 @@ RepackError status(std::int64_t code, std::optional<std::string> retryAfter = st
   return RepackError(RemoteHTTPResponse{.url = "u", .status = code, .retryAfter = std::move(retryAfter)});
 }
 
-TEST(RetryLoop, AttemptsWaitsAndOutcome) {
+TEST(RemoteRetry, AttemptsWaitsAndOutcome) {
   const RemoteRetryPolicy plain;
   const RepackError busy = status(503);
   const auto exceeds = [](const std::string& text) {
@@ -63,7 +63,7 @@ TEST(RetryLoop, AttemptsWaitsAndOutcome) {
   }
 }
 
-TEST(RetryLoop, RetriesWhatMayPassOnly) {
+TEST(RemoteRetry, RetriesWhatMayPassOnly) {
   const auto retried = RemoteRetryPolicy::isRetryable;
   for (const int code : {408, 429, 500, 502, 503, 504}) EXPECT_TRUE(retried(status(code))) << code;
   for (const int code : {302, 401, 404, 416, 501, 505}) EXPECT_FALSE(retried(status(code))) << code;
@@ -77,7 +77,7 @@ TEST(RetryLoop, RetriesWhatMayPassOnly) {
   for (const auto code : {tls, other}) EXPECT_FALSE(retried(NetworkError(code, "")));
 }
 
-TEST(RetryLoop, CancellationEndsTheWaitAndBeginsNothing) {
+TEST(RemoteRetry, CancellationEndsTheWaitAndBeginsNothing) {
   ScriptedHub hub;
   const auto failing = [&] {
     hub.stop.cancel();

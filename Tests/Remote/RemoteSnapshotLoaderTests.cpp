@@ -80,7 +80,7 @@ TEST(RemoteSnapshotLoader, RefusalsLeaveNoTemporaryFile) {
     hub.files[row.file] = row.content;
     hub.elsewhere = row.elsewhere;
     hub.acceptRanges = row.acceptRanges;
-    EXPECT_THAT(errorText([&] { hub.load(row.known); }), ::testing::StartsWith(row.outcome));
+    EXPECT_THAT(errorText([&] { hub.load(row.known); }), StartsWith(row.outcome));
     EXPECT_EQ(hub.transport->wire.size(), row.requests);
     EXPECT_EQ(hub.leftovers(), 0);
   }

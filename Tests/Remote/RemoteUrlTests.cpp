@@ -1,13 +1,10 @@
-#include <vector>
-
-#include <gtest/gtest.h>
-
+#include "Tests/Support/Expect.h"
 #include "VellicorRepackCore/Remote/RemoteUrl.h"
 
-namespace vellicor {
+namespace vellicor::testing {
 namespace {
 
-TEST(RemoteUrlTests, parsesAbsoluteUrls) {
+TEST(RemoteUrl, ParsesAbsoluteUrls) {
   // "scheme authority redacted", or empty for a refusal.
   const std::vector<std::pair<std::string, std::string>> rows = {
       {"https://h", "https h https://h/"},
@@ -38,7 +35,7 @@ TEST(RemoteUrlTests, parsesAbsoluteUrls) {
   EXPECT_TRUE(!number || number->string() == "https://0.0.0.9/");
 }
 
-TEST(RemoteUrlTests, appendsOneEncodedSegment) {
+TEST(RemoteUrl, AppendsOneEncodedSegment) {
   const std::vector<std::vector<std::string>> rows = {
       {"https://h:8", "a", "https://h:8/a"},
       {"https://h/p%2fq", "a/b", "https://h/p%2fq/a%2Fb"},
@@ -52,7 +49,7 @@ TEST(RemoteUrlTests, appendsOneEncodedSegment) {
     EXPECT_EQ(RemoteUrl::parse(row[0])->appendingPathComponent(row[1]).string(), row[2]);
 }
 
-TEST(RemoteUrlTests, resolvesLocations) {
+TEST(RemoteUrl, ResolvesLocations) {
   const std::vector<std::pair<std::string, std::string>> rows = {
       {"/p/q?%2Fo%2Fn=&etag=%22x%22", "https://h:8/p/q?%2Fo%2Fn=&etag=%22x%22"},
       {"//o/x", "https://o/x"},
@@ -74,4 +71,4 @@ TEST(RemoteUrlTests, resolvesLocations) {
 }
 
 }  // namespace
-}  // namespace vellicor
+}  // namespace vellicor::testing

@@ -1,16 +1,6 @@
 #pragma once
 
-#include <filesystem>
-#include <map>
-#include <memory>
-#include <string>
-#include <tuple>
-#include <vector>
-
-#include <gmock/gmock.h>
-
 #include "Tests/Support/Expect.h"
-#include "VellicorLab/TemporaryDirectory.h"
 #include "VellicorRepackCore/Base/Cancellation.h"
 #include "VellicorRepackCore/Base/Errors.h"
 #include "VellicorRepackCore/Remote/HuggingFaceRemote.h"

@@ -1,13 +1,7 @@
-#include <array>
-#include <optional>
-#include <string>
-
-#include <gtest/gtest.h>
-
-#include "VellicorLab/TemporaryDirectory.h"
+#include "Tests/Support/Expect.h"
 #include "VellicorRepackCore/Remote/TrustedCertificates.h"
 
-namespace vellicor {
+namespace vellicor::testing {
 namespace {
 
 TEST(TrustedCertificates, ArePutInPlaceOnlyWhereLibcurlsOwnAreMissing) {
@@ -15,22 +9,19 @@ TEST(TrustedCertificates, ArePutInPlaceOnlyWhereLibcurlsOwnAreMissing) {
   const std::string missing = directory / "missing", one = directory / "one", two = directory / "two";
   writeFile(one, "");
   writeFile(two, "");
-  struct Row {
-    const char* name;
-    std::optional<std::string> named, builtIn, expected;
-  };
-  const std::array<Row, 4> rows = {{
+  using File = std::optional<std::string>;
+  // The file that the environment names, libcurl's own, and what is put in place.
+  const std::vector<std::tuple<const char*, File, File, File>> rows = {
       {"a named file, readable or not", missing, missing, missing},
-      {"libcurl's own", std::nullopt, two, std::nullopt},
-      {"libcurl has none and asks the system", std::nullopt, std::nullopt, std::nullopt},
-      {"libcurl's own is missing", std::nullopt, missing, one},
-  }};
+      {"libcurl's own", {}, two, {}},
+      {"libcurl has none and asks the system", {}, {}, {}},
+      {"libcurl's own is missing", {}, missing, one},
+  };
   const std::array places = {missing.c_str(), one.c_str(), two.c_str()};
-  for (const Row& row : rows) {
-    EXPECT_EQ(TrustedCertificates::file(row.named, row.builtIn, places), row.expected) << row.name;
-  }
+  for (const auto& [name, named, builtIn, expected] : rows)
+    EXPECT_EQ(TrustedCertificates::file(named, builtIn, places), expected) << name;
   EXPECT_EQ(TrustedCertificates::file(std::nullopt, missing, std::span(places).first(1)), std::nullopt);
 }
 
 }  // namespace
-}  // namespace vellicor
+}  // namespace vellicor::testing

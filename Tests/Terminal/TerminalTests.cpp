@@ -1,24 +1,17 @@
-#include <array>
-#include <chrono>
 #include <csignal>
-#include <limits>
-#include <string>
 #include <thread>
-#include <tuple>
-#include <utility>
-#include <vector>
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "Tests/Support/Expect.h"
 #include "VellicorTerminal/Escaping.h"
 #include "VellicorTerminal/Signals.h"
 #include "VellicorTerminal/StandardStreams.h"
 #include "VellicorTerminal/TerminalText.h"
 #include "VellicorTerminal/Units.h"
 
-namespace vellicor {
+namespace vellicor::testing {
 namespace {
 
 using namespace std::chrono_literals;
@@ -85,7 +78,7 @@ TEST(StandardStreams, LeaveNoNumberToOthers) {
     const bool areOpen = access(0) == O_RDONLY && access(1) == O_WRONLY && access(2) == O_WRONLY;
     ::_exit(areOpen && ::open("/", O_RDONLY) == unused ? 0 : 1);
   };
-  EXPECT_EXIT(streams(), ::testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(streams(), ExitedWithCode(0), "");
 }
 
 TEST(StandardStreams, WaitForAReaderThatIsSlow) {
@@ -116,8 +109,8 @@ TEST(Signals, AreNotedUnlessTheyWereIgnored) {
     if (!Signals::hasCome() || signals.take() != SIGTERM) ::_exit(2);
     Signals::endBy(*signals.take());
   };
-  EXPECT_EXIT(noted(), ::testing::KilledBySignal(SIGINT), "");
+  EXPECT_EXIT(noted(), KilledBySignal(SIGINT), "");
 }
 
 }  // namespace
-}  // namespace vellicor
+}  // namespace vellicor::testing

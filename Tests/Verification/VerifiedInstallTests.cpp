@@ -1,24 +1,17 @@
-#include <filesystem>
-
-#include <fmt/format.h>
-#include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
 #include "Tests/Support/Expect.h"
 #include "VellicorFormat/MorlenManifestV1.h"
 #include "VellicorFormat/MorlenPackedExpertsLayoutV1.h"
-#include "VellicorLab/TemporaryDirectory.h"
 #include "VellicorRepackCore/Base/Sha256Stream.h"
 #include "VellicorRepackCore/FileSystem/Posix.h"
 #include "VellicorRepackCore/Verification/VerifiedInstallReceiptWriter.h"
 #include "VellicorRepackCore/Verification/VerifiedInstallTool.h"
 
-namespace vellicor {
+namespace vellicor::testing {
 namespace {
 
-namespace fs = std::filesystem;
 using nlohmann::json;
-using namespace testing;
 
 const std::string layoutName = "packed_experts/layout.json";
 const std::string layerName = "packed_experts/layer_00.bin";
@@ -85,11 +78,10 @@ TEST(VerifiedInstallTool, WritesTheReceiptOfAnIntactArtifact) {
     EXPECT_EQ(result.receiptPath, artifact.receipt);
     EXPECT_EQ(result.fileCount, 6);
     EXPECT_EQ(result.bytesVerified, bytes);
-    EXPECT_THAT(result.unexpectedEntries, ::testing::ElementsAre(".morlen-X.tmp", "empty", "empty/file",
-                                                                 "notes.txt", "packed_experts/.DS_Store"));
+    EXPECT_THAT(result.unexpectedEntries,
+                ElementsAre(".morlen-X.tmp", "empty", "empty/file", "notes.txt", "packed_experts/.DS_Store"));
     json receipt = json::parse(readFile(artifact.receipt));
-    EXPECT_THAT(receipt["verificationTimestamp"].get<std::string>(),
-                ::testing::MatchesRegex("20..-..-..T..:..:..Z"));
+    EXPECT_THAT(receipt["verificationTimestamp"].get<std::string>(), MatchesRegex("20..-..-..T..:..:..Z"));
     receipt.erase("verificationTimestamp");
     EXPECT_EQ(receipt, (json{{"schemaVersion", 1},
                              {"manifestSha256", hashData(manifestText)},
@@ -196,4 +188,4 @@ TEST(VerifiedInstallReceiptWriter, NamesTheSourceWhenItIsKnown) {
 }
 
 }  // namespace
-}  // namespace vellicor
+}  // namespace vellicor::testing

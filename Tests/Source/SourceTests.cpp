@@ -1,13 +1,7 @@
-#include <gmock/gmock.h>
+#include "Tests/Support/SampleModel.h"
 
-#include "Tests/Source/TinyModel.h"
-#include "VellicorLab/TemporaryDirectory.h"
-
-namespace vellicor {
+namespace vellicor::testing {
 namespace {
-
-using namespace vellicor::testing;
-using ::testing::ElementsAre;
 
 TEST(Safetensors, RefusesMalformedHeaders) {
   const std::string valid = R"({"t":{"dtype":"U32","shape":[1],"data_offsets":[0,4]}})";
@@ -117,4 +111,4 @@ TEST(ArchInfo, ReadsConfiguration) {
 }
 
 }  // namespace
-}  // namespace vellicor
+}  // namespace vellicor::testing

@@ -1,11 +1,9 @@
-#include <tuple>
-
-#include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
+#include "Tests/Support/Expect.h"
 #include "VellicorRepackCore/Reporting/RepackAudit.h"
 
-namespace vellicor {
+namespace vellicor::testing {
 namespace {
 
 using nlohmann::json;
@@ -54,9 +52,8 @@ TEST(RepackAudit, EveryFieldHasItsKey) {
 TEST(RepackAudit, AFreshAuditHasTheFixedKeysOnly) {
   const std::string text = RepackAudit().toJSONData("/out/m.morlen");
   EXPECT_EQ(json::parse(text).size(), 29U);
-  EXPECT_THAT(text,
-              ::testing::HasSubstr("\n  \"output_dir\" : \"/out/m.morlen\",\n  \"output_files\" : [\n\n  ]"));
+  EXPECT_THAT(text, HasSubstr("\n  \"output_dir\" : \"/out/m.morlen\",\n  \"output_files\" : [\n\n  ]"));
 }
 
 }  // namespace
-}  // namespace vellicor
+}  // namespace vellicor::testing

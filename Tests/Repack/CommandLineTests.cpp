@@ -1,14 +1,8 @@
-#include <fmt/format.h>
-#include <fmt/ranges.h>
-#include <gtest/gtest.h>
-
 #include "Tests/Support/Expect.h"
 #include "VellicorRepack/CommandLine.h"
 
-namespace vellicor {
+namespace vellicor::testing {
 namespace {
-
-using Words = std::vector<std::string>;
 
 /// One line that names the mode and everything it carries.
 std::string describe(const Mode& mode) {
@@ -27,7 +21,7 @@ std::string describe(const Mode& mode) {
 std::string parsed(Words words) {
   words.insert(words.begin(), "VellicorRepack");
   std::string mode;
-  const std::string error = testing::errorText([&] { mode = describe(parseCommandLine(words)); });
+  const std::string error = errorText([&] { mode = describe(parseCommandLine(words)); });
   return error == "no error" ? mode : error;
 }
 
@@ -65,4 +59,4 @@ TEST(CommandLine, YieldsAModeOrSaysWhatIsWrong) {
 }
 
 }  // namespace
-}  // namespace vellicor
+}  // namespace vellicor::testing

@@ -1,15 +1,10 @@
-#include <string>
-#include <utility>
-#include <vector>
-
-#include <gtest/gtest.h>
-
+#include "Tests/Support/Expect.h"
 #include "VellicorRepackCore/Reporting/ModelInstallProgressLine.h"
 
-namespace vellicor {
+namespace vellicor::testing {
 namespace {
 
-TEST(ProgressLine, HoldsOneEventAndReadsBackToIt) {
+TEST(ModelInstallProgressLine, HoldsOneEventAndReadsBackToIt) {
   const std::vector<std::pair<ModelInstallProgress, std::string>> rows = {
       {PlanningProgress{18446744073709551615U, 7},
        R"({"downloadBytes":18446744073709551615,"outputBytes":7,"phase":"planning"})"},
@@ -32,7 +27,7 @@ TEST(ProgressLine, HoldsOneEventAndReadsBackToIt) {
   EXPECT_THROW(progressLine(HashingOutputProgress{"\xff"}), std::invalid_argument);
 }
 
-TEST(ProgressLine, IsNothingElse) {
+TEST(ModelInstallProgressLine, IsNothingElse) {
   for (const std::string line :
        {"", "PROGRESS", " PROGRESS {\"phase\":\"metadata\"}", "PROGRESS {\"phase\":\"dancing\"}",
         "PROGRESS {\"phase\":\"hashing\"}", "PROGRESS {\"outputBytes\":-3,\"phase\":\"reserving\"}",
@@ -42,4 +37,4 @@ TEST(ProgressLine, IsNothingElse) {
 }
 
 }  // namespace
-}  // namespace vellicor
+}  // namespace vellicor::testing

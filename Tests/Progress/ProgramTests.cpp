@@ -1,17 +1,7 @@
-#include <array>
-#include <cerrno>
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
-#include <string>
 #include <system_error>
-#include <tuple>
-#include <utility>
-#include <vector>
 
 #include <fcntl.h>
-#include <fmt/format.h>
-#include <gmock/gmock.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -21,13 +11,12 @@
 #include <pty.h>
 #endif
 
+#include "Tests/Support/Expect.h"
+#include "VellicorLab/ChildProcess.h"
 #include "VellicorLab/Emulator.h"
-#include "VellicorLab/TemporaryDirectory.h"
 
-namespace vellicor {
+namespace vellicor::testing {
 namespace {
-
-using namespace ::testing;
 
 const std::string program = VELLICOR_PROGRESS;
 
@@ -108,18 +97,6 @@ TEST_F(ProgressOnTerminal, RespectsWhatTheEnvironmentAsks) {
   }
 }
 
-/// Runs a shell's script, which may name the viewer "$viewer". Returns its output and its status.
-std::pair<std::string, int> shell(const TemporaryDirectory& directory, const std::string& script) {
-  const std::string prepared = "cd '" + directory.path() + "'; viewer='" + program + "'; " + script;
-  std::FILE* stream = ::popen(prepared.c_str(), "r");
-  std::string output;
-  std::array<char, 4096> piece{};
-  for (std::size_t count = 0; (count = std::fread(piece.data(), 1, piece.size(), stream)) > 0;) {
-    output.append(piece.data(), count);
-  }
-  return {output, WEXITSTATUS(::pclose(stream))};
-}
-
 TEST(ProgressWithoutTerminal, KeepsStreamsAndStatuses) {
   TemporaryDirectory directory;
   writeFile(directory / "lines", "one\nPROGRESS {\"phase\":\"checkingDisk\"}\n\xFF two");
@@ -138,21 +115,26 @@ TEST(ProgressWithoutTerminal, KeepsStreamsAndStatuses) {
       {R"("$viewer" -- 2>&1 | head -n 1)", "VellicorProgress: there is no command after --\n", 0, ""},
       {R"("$viewer" ls -l 2>&1 | head -n 1)", "VellicorProgress: a command must follow --\n", 0, ""},
   };
+  const auto shell = [&](const std::string& script) {
+    return runProcess({"/bin/sh", "-c", "viewer='" + program + "'; " + script},
+                      {.workingDirectory = directory.path()});
+  };
   for (const auto& [script, output, status, errors] : rows) {
     SCOPED_TRACE(script);
     if (errors.starts_with("VellicorProgress: cannot run") && isProcessorEmulated()) {
       fmt::print("{}: NOT TRIED, the emulator's posix_spawn reports no failure\n", script);
       continue;
     }
-    const auto [seen, ended] = shell(directory, "exec 2>errors; " + script);
-    EXPECT_EQ(seen, output);
-    EXPECT_EQ(ended, status);
-    EXPECT_EQ(readFile(directory / "errors"), errors);
+    const ProcessResult result = shell(script);
+    EXPECT_EQ(result.output, output);
+    EXPECT_EQ(result.status, status);
+    EXPECT_EQ(result.errors, errors);
   }
-  EXPECT_EQ(shell(directory, "\"$viewer\" --bogus 2>errors").second, 2);
-  EXPECT_THAT(readFile(directory / "errors"),
+  const ProcessResult usage = shell("\"$viewer\" --bogus");
+  EXPECT_EQ(usage.status, 2);
+  EXPECT_THAT(usage.errors,
               StartsWith("VellicorProgress: unknown argument: --bogus\n\nUsage:\n  VellicorProgress -- <"));
 }
 
 }  // namespace
-}  // namespace vellicor
+}  // namespace vellicor::testing

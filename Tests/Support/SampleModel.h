@@ -1,21 +1,13 @@
 #pragma once
 
-#include <algorithm>
-#include <functional>
-#include <string>
-#include <utility>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "Tests/Support/Expect.h"
 #include "VellicorRepackCore/Planning/RepackPlanner.h"
 
 namespace vellicor::testing {
 
-/// A model of two layers with four experts, small enough to reckon with by hand, for tests to bend in one
+/// A model of two layers with four experts, small enough to work out by hand, for tests to bend in one
 /// place. All tensors lie one after the other in one shard, after 1000 bytes of header.
-struct TinyModel {
+struct SampleModel {
   using Dtype = SourceTensor::Dtype;
 
   ArchInfo arch;
@@ -23,7 +15,7 @@ struct TinyModel {
   Safetensors::Header header;
   std::uint64_t end = 1000;
 
-  TinyModel() {
+  SampleModel() {
     arch.numLayers = 2;
     arch.numExperts = 4;
     meta.bitsOverrides["language_model.layers.0.router.proj"] = {8};
@@ -64,24 +56,5 @@ struct TinyModel {
     return RepackPlanner::plan(meta, arch, {header}, outputDir);
   }
 };
-
-/// `text` with the first `from` in it replaced.
-inline std::string replaced(std::string text, const std::string& from, const std::string& to) {
-  return text.replace(text.find(from), from.size(), to);
-}
-
-/// A change to a valid value, and the text of the error that it leads to.
-template <typename T>
-using Bent = std::pair<std::function<void(T&)>, std::string>;
-
-/// Applies each change to a copy of its own and expects the error of `action` on it.
-template <typename T, typename Action>
-void expectErrors(const T& valid, const std::vector<Bent<T>>& rows, const Action& action) {
-  for (const Bent<T>& row : rows) {
-    T value = valid;
-    row.first(value);
-    EXPECT_EQ(errorText([&] { action(value); }), row.second);
-  }
-}
 
 }  // namespace vellicor::testing

@@ -1,17 +1,9 @@
-#include <limits>
-
-#include <gmock/gmock.h>
-
 #include "Tests/Format/Samples.h"
 #include "VellicorFormat/CanonicalJson.h"
 #include "VellicorFormat/JsonReading.h"
 
-namespace vellicor {
+namespace vellicor::testing {
 namespace {
-
-using testing::errorText;
-using testing::replaced;
-using ::testing::StartsWith;
 
 using Layout = CanonicalJson::Layout;
 using Slashes = CanonicalJson::Slashes;
@@ -25,7 +17,7 @@ std::string document(Layout layout, Slashes slashes) {
 }
 
 TEST(CanonicalJson, GoldenTexts) {
-  EXPECT_EQ(document(Layout::pretty, Slashes::plain), testing::goldenText("pretty.json"));
+  EXPECT_EQ(document(Layout::pretty, Slashes::plain), goldenText("pretty.json"));
   EXPECT_EQ(document(Layout::compact, Slashes::escaped),
             R"({"a":[],"b":{},"c":[-1,{"d\/e":true}],"f":"\"\\\/\b\f\n\r\t\u0001\u001f)"
             "\x7F\xC3\xA9\",\"g\":18446744073709551615}");
@@ -49,35 +41,30 @@ TEST(CanonicalJson, DoublesAreShortestAndReadBack) {
 }
 
 TEST(JsonReading, IntegersAreExact) {
-  struct Row {
-    const char* text;
-    std::optional<std::int64_t> asSigned;
-    std::optional<std::uint64_t> asUnsigned;
-  };
-  const Row rows[] = {
-      {"3.0", 3, 3},
-      {"-20.50e1", -205, {}},
-      {"0.0e-999999999999999999999", {}, {}},
-      {"9007199254740991.0", 9007199254740991, 9007199254740991U},
-      {"9007199254740993.0", {}, {}},
-      {"4503599627370497.3", {}, {}},
-      {"1.0000000000000000001", {}, {}},
-      {"1e-400", {}, {}},
-      {"2.5", {}, {}},
-      {"true", {}, {}},
-      {"\"3\"", {}, {}},
-      {"9223372036854775807", std::numeric_limits<std::int64_t>::max(), 9223372036854775807U},
-      {"9223372036854775808", {}, 9223372036854775808U},
-      {"-9223372036854775808", std::numeric_limits<std::int64_t>::min(), {}},
-      {"18446744073709551615", {}, 18446744073709551615U},
-      {"18446744073709551616", {}, {}},
-      {"-9223372036854775809", {}, {}},
-      {"-1e300", {}, {}},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.text);
-    EXPECT_EQ(exactInteger(parseJson(row.text).root), row.asSigned);
-    EXPECT_EQ(exactUnsigned(parseJson(row.text).root), row.asUnsigned);
+  const std::vector<std::tuple<const char*, std::optional<std::int64_t>, std::optional<std::uint64_t>>> rows =
+      {
+          {"3.0", 3, 3},
+          {"-20.50e1", -205, {}},
+          {"0.0e-999999999999999999999", {}, {}},
+          {"9007199254740991.0", 9007199254740991, 9007199254740991U},
+          {"9007199254740993.0", {}, {}},
+          {"4503599627370497.3", {}, {}},
+          {"1.0000000000000000001", {}, {}},
+          {"1e-400", {}, {}},
+          {"2.5", {}, {}},
+          {"true", {}, {}},
+          {"\"3\"", {}, {}},
+          {"9223372036854775807", std::numeric_limits<std::int64_t>::max(), 9223372036854775807U},
+          {"9223372036854775808", {}, 9223372036854775808U},
+          {"-9223372036854775808", std::numeric_limits<std::int64_t>::min(), {}},
+          {"18446744073709551615", {}, 18446744073709551615U},
+          {"18446744073709551616", {}, {}},
+          {"-9223372036854775809", {}, {}},
+          {"-1e300", {}, {}},
+      };
+  for (const auto& [text, asSigned, asUnsigned] : rows) {
+    EXPECT_EQ(exactInteger(parseJson(text).root), asSigned) << text;
+    EXPECT_EQ(exactUnsigned(parseJson(text).root), asUnsigned) << text;
   }
 }
 
@@ -89,7 +76,7 @@ TEST(JsonReading, DepthIsBoundedOutsideStringsOnly) {
 }
 
 TEST(JsonReading, HostileTextsEndAsTheCodecsOwnError) {
-  const std::string manifest = testing::goldenText("manifest.json");
+  const std::string manifest = goldenText("manifest.json");
   const std::pair<const char*, std::string> rows[] = {
       {"empty", ""},
       {"NUL", std::string(3, '\0')},
@@ -112,4 +99,4 @@ TEST(JsonReading, HostileTextsEndAsTheCodecsOwnError) {
 }
 
 }  // namespace
-}  // namespace vellicor
+}  // namespace vellicor::testing

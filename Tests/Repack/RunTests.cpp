@@ -1,18 +1,14 @@
 #include <new>
 #include <stdexcept>
-#include <string>
-#include <utility>
-#include <vector>
 
-#include <gtest/gtest.h>
-
+#include "Tests/Support/Expect.h"
 #include "VellicorRepack/Run.h"
 #include "VellicorRepackCore/Base/Errors.h"
 
-namespace vellicor {
+namespace vellicor::testing {
 namespace {
 
-TEST(Reports, AFailureSaysWhatItIsInFull) {
+TEST(Run, AFailureSaysWhatItIsInFull) {
   const auto printed = [](const std::exception& error) {
     ::testing::internal::CaptureStderr();
     EXPECT_EQ(reportInstallFailure(error), ExitStatus::failure);
@@ -24,11 +20,11 @@ TEST(Reports, AFailureSaysWhatItIsInFull) {
   EXPECT_EQ(printed(std::runtime_error("other")), "install failed: other\n");
 }
 
-TEST(Reports, AnOutputWithoutANameStaysOne) {
+TEST(Run, AnOutputWithoutANameStaysOne) {
   const std::vector<std::pair<std::string, std::string>> rows = {
       {"", ""}, {"/", "/"}, {"/a/./b//", "/a/./b"}};
   for (const auto& [typed, absolute] : rows) EXPECT_EQ(absoluteOutputPath(typed), absolute);
 }
 
 }  // namespace
-}  // namespace vellicor
+}  // namespace vellicor::testing

@@ -3,15 +3,13 @@
 #include "Tests/Format/Samples.h"
 #include "VellicorFormat/MorlenManifestV1.h"
 
-namespace vellicor {
+namespace vellicor::testing {
 namespace {
 
-using testing::errorText;
-using testing::sampleManifest;
 using M = MorlenManifestV1;
 
 TEST(MorlenManifestV1, GoldenTextBothWays) {
-  const std::string text = testing::goldenText("manifest.json");
+  const std::string text = goldenText("manifest.json");
   EXPECT_EQ(MorlenManifestCodec::encode(sampleManifest()), text);
   EXPECT_EQ(MorlenManifestCodec::decode(text), sampleManifest());
 }
@@ -29,8 +27,8 @@ TEST(MorlenManifestV1, AbsentFieldsAreLeftOutAndComeBackAbsent) {
 }
 
 TEST(MorlenManifestV1, ChangedDocuments) {
-  const auto rows = testing::expectDocumentRows("manifest_rows.json", testing::goldenText("manifest.json"),
-                                                MorlenManifestCodec::decode);
+  const auto rows =
+      expectDocumentRows("manifest_rows.json", goldenText("manifest.json"), MorlenManifestCodec::decode);
   EXPECT_EQ(rows, 74U);
 }
 
@@ -54,4 +52,4 @@ TEST(MorlenManifestV1, PathOfVeryManyComponentsIsCheckedInTime) {
 }
 
 }  // namespace
-}  // namespace vellicor
+}  // namespace vellicor::testing

@@ -1,13 +1,7 @@
-#include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <semaphore>
 #include <stdexcept>
 #include <thread>
-
-#include <fmt/format.h>
-#include <fmt/ranges.h>
-#include <gtest/gtest.h>
 
 #include "Tests/Support/Expect.h"
 #include "VellicorRepackCore/Base/BoundedScratch.h"
@@ -16,12 +10,11 @@
 #include "VellicorRepackCore/Base/JoiningThread.h"
 #include "VellicorRepackCore/Base/NetworkRoute.h"
 #include "VellicorRepackCore/Base/OrderedWork.h"
+#include "VellicorRepackCore/Base/Paths.h"
 #include "VellicorRepackCore/Base/Sha256Stream.h"
 
-namespace vellicor {
+namespace vellicor::testing {
 namespace {
-
-using namespace testing;
 
 /// Texts that neither another test nor the manual page compares to the letter.
 TEST(RepackError, TextsOfTheRarerErrors) {
@@ -100,6 +93,14 @@ TEST(Cancellation, EndsAWaitAtOnce) {
   const JoiningThread canceller([&] { source.cancel(); });
   EXPECT_EQ(errorText([&] { sleepUnlessCancelled(std::chrono::hours(1), source.token()); }), "cancelled");
   EXPECT_EQ(errorText([&] { throwIfCancelled(source.token()); }), "cancelled");
+}
+
+TEST(Paths, AreStandardizedLexically) {
+  const std::string here = fs::current_path().string();
+  const std::vector<std::pair<std::string, std::string>> rows = {
+      {"/a/../..", "/"},        {"/a//b/", "/a/b"}, {"/a/./b/../c", "/a/c"},
+      {"/..a/...", "/..a/..."}, {"", here},         {"x/.", here + "/x"}};
+  for (const auto& [path, expected] : rows) EXPECT_EQ(standardizedPath(path), expected) << path;
 }
 
 TEST(OrderedWork, ShowsTheFirstFailureInOrderAndNothingBehindIt) {
@@ -181,4 +182,4 @@ TEST(OrderedWork, EndsWithWhoeverStopsIt) {
 }
 
 }  // namespace
-}  // namespace vellicor
+}  // namespace vellicor::testing

@@ -1,14 +1,9 @@
-#include <algorithm>
-
-#include <gtest/gtest.h>
-
 #include "Tests/Support/Expect.h"
 #include "VellicorFormat/MorlenResidentIndexV1.h"
 
-namespace vellicor {
+namespace vellicor::testing {
 namespace {
 
-using testing::errorText;
 using Codec = MorlenResidentIndexCodec;
 
 constexpr std::size_t alphaAt = 24;
@@ -137,4 +132,4 @@ TEST(MorlenResidentIndexV1, NamesThatShareBytesDoNotMultiplyMemory) {
 }
 
 }  // namespace
-}  // namespace vellicor
+}  // namespace vellicor::testing

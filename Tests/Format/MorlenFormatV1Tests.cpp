@@ -1,13 +1,9 @@
-#include <gtest/gtest.h>
-
 #include "Tests/Support/Expect.h"
 #include "VellicorFormat/MorlenFormatV1.h"
 #include "VellicorFormat/Unicode.h"
 
-namespace vellicor {
+namespace vellicor::testing {
 namespace {
-
-using testing::errorText;
 
 constexpr std::uint64_t maximum = ~std::uint64_t{0};
 
@@ -84,4 +80,4 @@ TEST(Unicode, MarksOutOfOrderComposeAsInOrderHoweverMany) {
 }
 
 }  // namespace
-}  // namespace vellicor
+}  // namespace vellicor::testing

@@ -1,29 +1,28 @@
 #include "Tests/Format/Samples.h"
 #include "VellicorFormat/MorlenPackedExpertsLayoutV1.h"
 
-namespace vellicor {
+namespace vellicor::testing {
 namespace {
 
-using testing::errorText;
 using Codec = MorlenPackedExpertsLayoutCodec;
 
 TEST(MorlenPackedExpertsLayoutV1, GoldenTextBothWays) {
   const std::map<std::string, MorlenSubTensorV1> tensors{{"up", {0, 8, "U32", {1, 16}, 4}},
                                                          {"up_biases", {8, 2, "BF16", {1}, {}}}};
   const MorlenPackedExpertsLayoutV1 layout{16384, 1, 1, {{0, "l.bin", {{{}, 0, 0, 16384, tensors}}}}};
-  const std::string text = testing::goldenText("layout.json");
+  const std::string text = goldenText("layout.json");
   EXPECT_EQ(Codec::encode(layout), text);
   EXPECT_EQ(Codec::decode(text), layout);
-  EXPECT_EQ(Codec::decode(Codec::encode(testing::sampleLayout())), testing::sampleLayout());
+  EXPECT_EQ(Codec::decode(Codec::encode(sampleLayout())), sampleLayout());
 }
 
 TEST(MorlenPackedExpertsLayoutV1, ChangedDocuments) {
-  const std::string text = Codec::encode(testing::sampleLayout());
-  EXPECT_EQ(testing::expectDocumentRows("layout_rows.json", text, Codec::decode), 50U);
+  const std::string text = Codec::encode(sampleLayout());
+  EXPECT_EQ(expectDocumentRows("layout_rows.json", text, Codec::decode), 50U);
 }
 
 TEST(MorlenPackedExpertsLayoutV1, TextsThatNoTreeHolds) {
-  const std::string text = testing::goldenText("layout.json");
+  const std::string text = goldenText("layout.json");
   const std::string where = "packed_experts/layout.json: ";
   const std::string tensor = where + "layers[0].experts[0].tensors.up.";
   const std::string deep = std::string(511, '[') + std::string(511, ']');
@@ -50,14 +49,14 @@ TEST(MorlenPackedExpertsLayoutV1, TextsThatNoTreeHolds) {
   };
   for (const auto& [name, from, to, expected] : rows) {
     SCOPED_TRACE(name);
-    const std::string outcome = errorText([&] { Codec::decode(testing::replaced(text, from, to)); });
+    const std::string outcome = errorText([&] { Codec::decode(replaced(text, from, to)); });
     EXPECT_EQ(outcome.substr(0, expected.size()), expected);
   }
   EXPECT_EQ(errorText([] { Codec::decode("[]"); }), where + "document: expected an object");
 }
 
 TEST(MorlenPackedExpertsLayoutV1, InvalidLayoutIsNotWritten) {
-  MorlenPackedExpertsLayoutV1 layout = testing::sampleLayout();
+  MorlenPackedExpertsLayoutV1 layout = sampleLayout();
   layout.layers.pop_back();
   EXPECT_EQ(errorText([&] { Codec::encode(layout); }), "layout: invalid dimensions or stride");
 }
@@ -79,12 +78,12 @@ TEST(MorlenPackedExpertsLayoutV1, CrossValidation) {
   };
   for (const auto& [name, mutate, expected] : rows) {
     SCOPED_TRACE(name);
-    M manifest = testing::sampleManifest();
-    L layout = testing::sampleLayout();
+    M manifest = sampleManifest();
+    L layout = sampleLayout();
     mutate(manifest, layout);
     EXPECT_EQ(errorText([&] { MorlenV1StructuralValidator::crossValidate(manifest, layout); }), expected);
   }
 }
 
 }  // namespace
-}  // namespace vellicor
+}  // namespace vellicor::testing
