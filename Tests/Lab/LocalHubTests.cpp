@@ -66,8 +66,7 @@ TEST(LocalHub, AnswersLikeTheHub) {
     const Received received = get(transport, url, headers, method);
     EXPECT_EQ(received.head->status, status);
     const HttpHeaders expectedHeaders = parsedHeaders(expected);
-    for (const auto& [header, value] : expectedHeaders.fields())
-      EXPECT_EQ(received.header(header), value);
+    for (const auto& [header, value] : expectedHeaders.fields()) EXPECT_EQ(received.header(header), value);
     // Redirects are on the way, except that metadata of a large file is asked for no further.
     const bool isWay = status / 100 == 3 && (method != "HEAD" || status == 307);
     EXPECT_EQ(client.hub->requests().back().isFinalHop, !isWay);
