@@ -98,8 +98,13 @@ TEST_F(ArtifactDirectory, HashingLeavesThePageCacheAsItWas) {
   for (const auto& [number, isCached] : rows) {
     EXPECT_EQ(Posix::isCached(file.get(), number * step, step), isCached) << number;
   }
-  access.hash(file.get(), "big.bin", Access::PageCache::use);
-  EXPECT_TRUE(Posix::isCached(file.get(), 0, size));
+  // The kernel may take a page back at any moment.
+  bool staysCached = false;
+  for (int attempt = 0; attempt < 5 && !staysCached; ++attempt) {
+    access.hash(file.get(), "big.bin", Access::PageCache::use);
+    staysCached = Posix::isCached(file.get(), 0, size);
+  }
+  EXPECT_TRUE(staysCached);
 }
 
 TEST_F(ArtifactDirectory, ListsTheTreeWithinItsBounds) {
